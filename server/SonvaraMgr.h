@@ -29,6 +29,7 @@
 
 #include <atomic>
 
+#include "AVRepDlna.h"
 #include "AVStreamerDef.h"
 #include "HandleTable.h"
 #include "PAL.h"

@@ -16,6 +16,7 @@
 
 #include <stdint.h>
 
+#include "AVRepDlna.h"
 #include "AVStreamerDef.h"
 
 // Result codes of the facade itself; anything else comes from the object.

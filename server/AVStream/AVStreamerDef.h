@@ -1,8 +1,8 @@
 // Records and codes shared by the streamer, the discovery object, the sender
 // facade and the manager: result codes, channel roles, event codes, the
 // receiver / music / content records that travel from the manager through
-// the facade into a streamer, the devices a discovery search returns, the
-// MP3 decode workspace, and the event callback types.
+// the facade into a streamer, the MP3 decode workspace, and the event
+// callback type.
 //
 // Text fields are fixed arrays, always cut to the array size less one.
 // Pointers travel through the callback's integer arguments, so they are
@@ -105,29 +105,6 @@ typedef struct _AV_MP3_INST {
     uint32_t frame_count;
     MP3DEC_DATA audiodata;
 } AV_MP3_INST;
-
-// One device that answered a discovery search, and the answers of one
-// search (at most AV_MAX_DEVICE; nAVDeviceCnt valid leading entries).
-#define AV_MAX_DEVICE 30
-
-typedef struct _AV_DEVICE {
-    char pReceiverIP[AV_IP_LEN];
-    char pReceiverMac[AV_MAC_LEN];
-    char pReceiverGuid[AV_GUID_LEN];
-    char pReceiverName[AV_NAME_LEN];
-    int32_t isMaster;
-    int32_t _vol;
-} AV_DEVICE;
-
-typedef struct _AV_DEVICE_INFO {
-    AV_DEVICE AVDevice[AV_MAX_DEVICE];
-    char nAVDeviceCnt;
-} AV_DEVICE_INFO;
-
-// Event callback of the discovery object: (owner, AVMSG_REPORT code, two
-// arguments), the same intptr_t convention.
-typedef void (*AV_DLNA_NOTIFY_MSG)(intptr_t parent, intptr_t nMsg, intptr_t param1,
-                                   intptr_t param2);
 
 // Event callback of a streamer: (owner, AVMSG_REPORT code, four arguments).
 // Texts and handles travel in the arguments as intptr_t.
