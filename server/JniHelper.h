@@ -14,7 +14,9 @@
 #include <cstddef>
 
 // Kernel thread id of the caller (bionic and glibc alike).
-inline int jniGetTid() { return static_cast<int>(syscall(SYS_gettid)); }
+inline int jniGetTid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 
 inline JNIEnv* jniGetEnv(JavaVM* vm) {
     JNIEnv* env = nullptr;

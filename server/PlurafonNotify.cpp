@@ -175,8 +175,7 @@ void PlurafonNotify::NotifyJoinDeviceInfo(int groupId, char* strIP, char* strMac
 void PlurafonNotify::NotifyResetDeviceInfo(int groupId, char* strIP) {
     debug_UI("PlurafonNotify::NotifyResetDeviceInfo()");
     if (_notifyResetDeviceInfoID == nullptr) return;
-    _call_java(_notifyResetDeviceInfoID, "PlurafonNotify::NotifyResetDeviceInfo 0", groupId,
-               strIP);
+    _call_java(_notifyResetDeviceInfoID, "PlurafonNotify::NotifyResetDeviceInfo 0", groupId, strIP);
 }
 
 void PlurafonNotify::NotifyDieDeviceInfo(char* strIP) {
@@ -188,8 +187,7 @@ void PlurafonNotify::NotifyDieDeviceInfo(char* strIP) {
 void PlurafonNotify::NotifyLeaveDeviceInfo(int groupId, char* strIP) {
     debug_UI("PlurafonNotify::NotifyLeaveDeviceInfo()");
     if (_notifyLeaveDeviceInfoID == nullptr) return;
-    _call_java(_notifyLeaveDeviceInfoID, "PlurafonNotify::NotifyLeaveDeviceInfo 0", groupId,
-               strIP);
+    _call_java(_notifyLeaveDeviceInfoID, "PlurafonNotify::NotifyLeaveDeviceInfo 0", groupId, strIP);
 }
 
 // Its VM-missing line shares the device-info text; kept as it stands.
@@ -203,8 +201,8 @@ void PlurafonNotify::NotifyDeviceInfoByGroupId(int groupId, char* strIP, char* s
                                                int tot, int type, int bIsService) {
     debug_UI("PlurafonNotify::NotifyDeviceInfoByGroupId()");
     if (_notifyDeviceInfoByGroupIdID == nullptr) return;
-    _call_java(_notifyDeviceInfoByGroupIdID, "PlurafonNotify::NotifyDeviceInfoByGroupId 0",
-               groupId, strIP, strMac, idx, tot, type, bIsService);
+    _call_java(_notifyDeviceInfoByGroupIdID, "PlurafonNotify::NotifyDeviceInfoByGroupId 0", groupId,
+               strIP, strMac, idx, tot, type, bIsService);
 }
 
 // Gated on the contents-info method, not its own: a Java class without
