@@ -1,0 +1,323 @@
+// CAVStreamer: plays one local music file to one group of receivers.
+//
+// Owns: a TCP control server the receivers connect to, a UDP socket on the
+// multicast group, the RTP and RTCP sockets, up to 30 receiver sessions (each
+// with its mutex, its 409600-byte PCM ring buffer, its control connection and
+// its RTP socket), the open content reader (WAV file, or MP3 file with its
+// MP3Parser and MP3Decoder), the 1600-byte RTP send buffer and the multicast
+// address text.
+// Threads: the caller's thread (init, open, close, commands from the sender
+// facade), the music source thread (decodes and fills the ring buffers), the
+// control-server thread (accepts receivers and answers their requests) and
+// the RTP stream thread (paces and sends the ring buffers as RTP).
+// Locks: one mutex per session (`_lpmutex`), guarding that session and the
+// receiver entry of the same index. No two session locks are ever held at
+// once and none is held across select() or a sleep. The session, receiver and
+// ready counters and m_max_idx change under whichever single session lock the
+// caller holds, so they are updated with atomic operations. Flags shared by
+// threads are std::atomic.
+#ifndef AVSTREAMER_H
+#define AVSTREAMER_H
+
+#include <stdint.h>
+#include <sys/select.h>
+
+#include <atomic>
+
+#include "AVStreamerDef.h"
+#include "PAL.h"
+
+class MP3Parser;
+
+#define AV_STREAM_PACKET_SIZE 1400  // RTP payload bytes per packet
+#define AV_RTP_HEADER_SIZE 12
+#define AV_RTP_SEND_BUF_SIZE 1600
+#define RING_BUFFER_TOTAL_SIZE 409600  // per receiver session
+#define AV_TCP_REQ_BUF_SIZE 1024       // one control request
+#define AV_MULTICAST_REQ_BUF_SIZE 1400
+#define AV_CMD_BUF_SIZE 1400  // commands the sender writes to receivers
+#define AV_SEARCH_WAIT_MS 2000
+#define AV_ACCEPT_WAIT_MS 5000
+
+// Streamer state, gated by canAction().
+typedef enum _STATE {
+    STREAM_STATE_IDLE = 0,
+    STREAM_STATE_INIT = 1,
+    STREAM_STATE_OPEN = 2,
+    STREAM_STATE_PLAY = 3,
+    STREAM_STATE_STOP = 4,
+    STREAM_STATE_PAUSE = 5,
+    STREAM_STATE_RESUME = 6,
+    STREAM_STATE_CLOSE = 7,
+    STREAM_STATE_MAX = 8,
+} STATE;
+
+typedef enum _STREAM_ACTION {
+    STREAM_ACTION_INIT = 0,
+    STREAM_ACTION_OPEN = 1,
+    STREAM_ACTION_PLAY = 2,
+    STREAM_ACTION_STOP = 3,
+    STREAM_ACTION_PAUSE = 4,
+    STREAM_ACTION_RESUME = 5,
+    STREAM_ACTION_CLOSE = 6,
+    STREAM_ACTION_SEEK = 7,
+    STREAM_ACTION_MAX = 8,
+} STREAM_ACTION;
+
+// Protocol state of one receiver session.
+typedef enum _AV_STREAMER_STATE {
+    AV_STREAMER_STATE_NA = 0,
+    AV_STREAMER_STATE_SEARCH = 1,
+    AV_STREAMER_STATE_START = 2,
+    AV_STREAMER_STATE_DESCRIBE = 3,
+    AV_STREAMER_STATE_SEND_SDP = 4,
+    AV_STREAMER_STATE_SETUP = 5,
+    AV_STREAMER_STATE_PLAY = 6,
+    AV_STREAMER_STATE_CLOCK = 7,
+    AV_STREAMER_STATE_PAUSE = 8,
+    AV_STREAMER_STATE_BYE = 9,
+} AV_STREAMER_STATE;
+
+typedef enum _RTP_PAYLOAD_TYPE {
+    RTP_PT_UNKNOWN = -1,
+    RTP_PT_AUDIO = 96,
+    RTP_PT_VIDEO = 97,
+    RTP_PT_H264 = 102,
+} RTP_PAYLOAD_TYPE;
+
+// The streamer's live view of one connected receiver. Session i and receiver
+// entry i of m_AVReceiverInfo describe the same receiver. `_lpmutex` guards
+// the session and entry i; the fields that other threads glance at without
+// that lock (state, flags, counters, buffer and socket handles) are atomics.
+// The record is never copied or memset: _session_clear() resets it.
+typedef struct _AV_RCV_SESS {
+    std::atomic<PAL_RINGBUF*> pFD;     // this receiver's channel-filtered PCM
+    std::atomic<uint8_t> ServerState;  // AV_STREAMER_STATE
+    std::atomic<bool> bActive;         // a receiver is connected on TCP
+    std::atomic<bool> bRefRcv;         // reference receiver (at most one session)
+    char pReceiverIP[AV_IP_LEN];
+    std::atomic<AV_CHANNEL_TYPE> ChannelType;
+    uint8_t NumChannels;
+    std::atomic<uint32_t> szSent;         // payload bytes consumed for this receiver
+    uint32_t startSeqNum;                 // RTP sequence number at which this stream started
+    std::atomic<uint8_t> bIsSync;         // lined up with the group's stream position
+    std::atomic<int32_t> hTcpClientSock;  // accepted control connection, -1 when none
+    int32_t _rtp_sock;                    // RTP socket, -1 when none
+    uint16_t nDeviceVolume;
+    uint16_t uwClientRtpPort;
+    uint16_t uwClientRtcpPort;
+    uint16_t uwClientSyncPort;
+    uint32_t uwAliveClock;          // PAL_GetClock() of the last "ALIVED"
+    std::atomic<bool> bIsPlayable;  // may be fed RTP
+    uint32_t ReqTs;                 // REQ_TS of the receiver's last multicast JOIN
+    PAL_MUTEX* _lpmutex;            // guards this session and receiver entry i
+} AV_RCV_SESS;
+
+typedef struct _AV_RCV_SESS_INFO {
+    AV_RCV_SESS AVRcvSess[AV_MAX_RECEIVER];
+    std::atomic<char> nAVRcvSessCnt;
+} AV_RCV_SESS_INFO;
+
+// One server socket.
+typedef struct _AV_STREAMER_SOCK {
+    int32_t nSock;
+    int nType;     // PAL_SOCK
+    int nNetType;  // PAL_NET
+    uint16_t uwPort;
+} AV_STREAMER_SOCK;
+
+// Header values of the next RTP packet.
+typedef struct _RTP_PACKET {
+    int8_t bMarker;
+    int32_t nPayloadType;
+    uint32_t unTimestamp;
+    uint32_t unSeqNum;
+    uint32_t unSsrc;
+} RTP_PACKET;
+
+// The fixed 36-byte head of a WAV file, taken in one read (little-endian).
+typedef struct _wav_header {
+    uint32_t riff_id;
+    uint32_t riff_sz;
+    uint32_t riff_fmt;
+    uint32_t fmt_id;
+    uint32_t fmt_sz;
+    uint16_t audio_format;
+    uint16_t num_channels;
+    uint32_t sample_rate;
+    uint32_t byte_rate;
+    uint16_t block_align;
+    uint16_t bits_per_sample;
+} wav_header;
+
+class CAVStreamer {
+public:
+    CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId);
+    ~CAVStreamer();
+    CAVStreamer(const CAVStreamer&) = delete;
+    CAVStreamer& operator=(const CAVStreamer&) = delete;
+
+    // ---- data model and state machine (AVStreamer.cpp)
+    void AVStreamerSetDefault();
+    int GetStreamState();
+    void SetStreamState(int state);
+    bool canAction(int action);
+    bool AVStreamerIsStreamReceiverExist();
+    int ResetAcceptWaitReceiverInfo(const char* ip);
+    int ReceiverRelease(int index);
+    int _receiver_release_l(int index);
+
+    // ---- initialisation, open and close (AVStreamerOpen.cpp)
+    int AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO* pAVMusicInfo,
+                       int offset_time);
+    int AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvrPort,
+                       const char* pMulticastUrl, int nVolume, int offset_time);
+    void AVStreamerClose();
+    static void SetGUID(const char* guid);
+
+    // ---- receiver setting commands (AVStreamerCommand.cpp)
+    int _send_comman_packet(int index, const char* text);
+    int ReceiverUpdateChannelType(const char* ip, int type);
+    int SetReceiverUIType(int index, int type);
+    int SetReceiverUIType(const char* ip, int type);
+    int SetReceiverUITypeAll(int type);
+    int ReceiverVolume(int index, int volume);
+    int ReceiverDeviceVolumeControl(const char* ip, int volume);
+    int ReceiverVolumeControl(int volume);
+    int ReceiverAddStart(int index);
+
+    // ---- search, join and playback commands (AVStreamerControl.cpp)
+    int ReceiverSearch(AV_RECEIVER_INFO* lpReceiverInfo);
+    int ReceiverAddSearch(int nIndex);
+    int AVStreamerReceiverIn(AV_RECEIVER AVReceiver);
+    int AVStreamerReceiverOut(const char* pReceiverIP);
+    void AVStreamerSeek(int offset);
+    int ReceiverSeekRequest();
+    void AVStreamerPause();
+    void AVStreamerResume();
+    void AVStreamerStop();
+    int ReceiverPauseRequest(int idx);
+    int ReceiverResumeRequest();
+    int ReceiverStop();
+    void AVSenderStopNotify();
+    int _receiver_leave_l(int nIndex);
+    int ReceiverLeave(int nIndex);
+    bool SendReqClock(int nRcv);
+    bool ReceiverAlive(int nRcv);
+
+    // ---- control server and receiver requests (AVStreamerServer.cpp)
+    bool ServerInit();
+    int ServerOpen(unsigned short tcpPort, unsigned short rtpPort);
+    int ServerListen();
+    static int ServerListenThread(void* param);
+    int OnTcpCmdRead(int index, fd_set* readSet);
+    int OnMulticastCmdRead();
+    int SendResponse(int index, unsigned short cseq);
+    int SendResSetup(int index, unsigned short cseq);
+    int SendSDP(int index, unsigned short cseq);
+    int ServerClose();
+
+    // ---- RTP stream thread, packetiser and channel filters (AVStreamerRtp.cpp)
+    bool AddRtpStreamer();
+    static int RtpStreamThread(void* streamer);
+    int SendRTP(int nRcv, unsigned char report);
+    int AddRTPHeader(char* buf, RTP_PACKET packet);
+    void PcmChannelFilter(short* src, unsigned long count, unsigned short channels,
+                          AV_CHANNEL_TYPE type, short* dst);
+    void PcmChannelFilter2Channel(short* src, unsigned long count, unsigned short channels,
+                                  AV_CHANNEL_TYPE type, short* dst);
+    void Pcm8BitChannelFilter2Channel(char* src, unsigned long count, unsigned short channels,
+                                      AV_CHANNEL_TYPE type, char* dst);
+    void PcmPartyChannelFilter(short* src, unsigned long count, unsigned short channels,
+                               short* dst);
+
+    // ---- music source thread (AVStreamerMusicSrc.cpp)
+    static int MusicSourceThread(void* param);
+    bool ReceiverMediaWrite(unsigned char nIndex, char* pBuffer, unsigned long unLength);
+
+    // ---- content readers (AVStreamerReader.cpp). File handles are the
+    // platform's (PAL_FileOpen), at least 1 when open.
+    long Wav_FileOpen(const char* szFilePath);
+    long Wav_FileRead(long nFD, char* pDest, unsigned long unSize);
+    int Wav_FileClose(long nFD);
+    int GetWaveInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+    int wav_seek(long _fd, unsigned int _skipTimeSec);
+    long Mp3ToPcm_FileOpen(const char* szFilePath);
+    long Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize);
+    int Mp3ToPcm_FileClose(long nFD);
+    void get_mp3_info(long _fd);
+    int mp3_seek(long _fd, unsigned int _skipTimeSec);
+    int GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+    int GetContentInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+
+    // ---- data, in the order the streamer has always kept it
+    AV_NOTIFY_MSG m_NotifyMsg;
+    MP3Decoder* m_pMp3Decoder;
+    std::atomic<int> m_CurrentState;  // STATE; written only by SetStreamState
+    int m_groupId;
+    std::atomic<bool> m_bSerExit;  // asks the control-server and stream threads to end
+    void* m_pParent;               // passed back as the callback's first argument
+    long m_MusicSrcFd;
+    AV_MP3_INST m_Mp3Inst;
+    AV_CONTENT_INFO m_ContentInfo;  // kept right behind m_Mp3Inst
+    PAL_SEM* m_pMusicSrcSem;
+    PAL_THREAD m_hMusicSrcThrId;
+    PAL_SEM* m_pSvrListenSem;
+    PAL_THREAD m_hSerListenThrId;
+    PAL_SEM* m_pRtpSvrSem;
+    std::atomic<PAL_THREAD> m_hRtpSvrThrId;  // non-null while the stream thread exists
+    uint32_t m_unSyncSeqNum;
+    AV_STREAMER_SOCK m_TcpSvr;
+    AV_STREAMER_SOCK m_MulticastSvr;
+    AV_STREAMER_SOCK m_RtpSvr;
+    AV_STREAMER_SOCK m_RtcpSvr;
+    AV_RECEIVER_INFO m_AVReceiverInfo;
+    AV_MUSIC_INFO m_AVMusicInfo;
+    AV_RCV_SESS_INFO m_AVRcvSessInfo;
+    std::atomic<char> nAVRcvReadyCnt;  // receivers that reported "CHANNEL"
+    char* m_pMulticastIP;              // owned, allocated by AVStreamerOpen
+    uint16_t m_MulticastPort;
+    char m_pMyIP[AV_IP_LEN];
+    uint32_t m_unRefBaseClock;
+    uint32_t m_unSvrBaseClock;
+    uint32_t m_unSvrStartClock;
+    char* m_pSendBuf;  // AV_RTP_SEND_BUF_SIZE bytes, allocated by ServerOpen
+    RTP_PACKET m_RtpPacket;
+    int m_nVolume;
+    std::atomic<uint32_t> m_unSearchBaseClock;
+    std::atomic<bool> m_bStreamReady;
+    uint8_t m_NumChannels;
+    uint32_t m_szSent;
+    uint32_t streamStartTime;
+    uint32_t mp3FrameStartPos;
+    uint32_t mp3LayerIdx;
+    uint32_t mp3BitrateIdx;
+    uint32_t mp3SamplerateIdx;
+    float mp3FrameLen;
+    uint32_t waveDataStartPos;
+    std::atomic<bool> bSeekReqMusicSrcT;
+    std::atomic<bool> bSeekReqRtpStreamT;
+    std::atomic<int> m_nOffsetTime;  // whole seconds
+    uint32_t commonSeqNum;
+    uint32_t lastReportedProgress;
+    std::atomic<bool> _bpause;
+    std::atomic<bool> _bseek_complete;
+    std::atomic<int> m_max_idx;  // one past the highest session index in use
+    MP3Parser* m_pMP3Parser;
+    long m_send_file;  // the open content handle; 0 once closed
+
+    static char mguid[AV_GUID_LEN];
+
+    // m_AVReceiverInfo.nAVReceiverCnt lives in a plain shared record but is
+    // changed by several threads, each under a different session lock.
+    int _receiver_count_add(int delta);
+    int _receiver_count();
+
+    // Resets session index to free, keeping its mutex.
+    void _session_clear(int index);
+
+private:
+    void _notify(int code, intptr_t a, intptr_t b, intptr_t c, intptr_t d);
+};
+
+#endif
