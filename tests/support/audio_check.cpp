@@ -1,0 +1,81 @@
+// See audio_check.h.
+#include "audio_check.h"
+
+#include <math.h>
+#include <stdio.h>
+
+std::string fixture_path(const char* name) {
+    return std::string(SONVARA_FIXTURES_DIR "/") + name;
+}
+
+std::vector<unsigned char> read_whole_file(const std::string& path) {
+    std::vector<unsigned char> out;
+    FILE* f = fopen(path.c_str(), "rb");
+    if (f == nullptr) return out;
+    unsigned char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
+    fclose(f);
+    return out;
+}
+
+namespace {
+
+// Frame size in bytes, 0 when the four bytes are not a header we know.
+size_t frame_bytes(const unsigned char* h) {
+    static const int l3v1[15] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
+    static const int l2v1[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+    static const int l3v2[15] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
+    static const int rates[3] = {44100, 48000, 32000};
+    if (h[0] != 0xFF || (h[1] & 0xE0) != 0xE0) return 0;
+    const int version = (h[1] >> 3) & 3, layer = (h[1] >> 1) & 3;
+    const int bri = h[2] >> 4, sri = (h[2] >> 2) & 3, pad = (h[2] >> 1) & 1;
+    if (version == 1 || layer == 0 || bri == 0 || bri == 15 || sri == 3) return 0;
+    const int rate = rates[sri] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+    if (version == 3 && layer == 3) return (12000 * 32 * bri / rate + pad) * 4;
+    if (version == 3) return 144000 * (layer == 2 ? l2v1 : l3v1)[bri] / rate + pad;
+    if (layer == 1) return 72000 * l3v2[bri] / rate + pad;
+    return 0;
+}
+
+}  // namespace
+
+std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& file) {
+    std::vector<MpegFrameRef> frames;
+    size_t pos = 0;
+    while (pos + 10 <= file.size() && file[pos] == 'I' && file[pos + 1] == 'D' &&
+           file[pos + 2] == '3') {
+        pos += 10 + ((file[pos + 6] & 0x7F) << 21 | (file[pos + 7] & 0x7F) << 14 |
+                     (file[pos + 8] & 0x7F) << 7 | (file[pos + 9] & 0x7F));
+    }
+    while (pos + 4 <= file.size()) {
+        const size_t n = frame_bytes(&file[pos]);
+        if (n == 0 || pos + n > file.size()) break;
+        frames.push_back({pos, n});
+        pos += n;
+    }
+    return frames;
+}
+
+ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channels, int ch,
+                     int rate) {
+    double sum2 = 0;
+    double first = -1, last = -1;
+    long crossings = 0;
+    for (size_t i = 0; i < samples_per_channel; i++) {
+        const double v = pcm[i * channels + ch];
+        sum2 += v * v;
+        if (i == 0) continue;
+        const double p = pcm[(i - 1) * channels + ch];
+        if (p < 0 && v >= 0) {
+            const double t = (i - 1) + (-p) / (v - p);
+            if (first < 0) first = t;
+            last = t;
+            crossings++;
+        }
+    }
+    ToneStats s;
+    s.rms = samples_per_channel ? sqrt(sum2 / samples_per_channel) : 0;
+    s.frequency = (crossings > 1 && last > first) ? (crossings - 1) * rate / (last - first) : 0;
+    return s;
+}

@@ -1,0 +1,35 @@
+// Helpers for tests on real audio files: loading a fixture, an independent
+// MPEG frame splitter (the oracle the parser and decoder are checked
+// against), and the frequency and level of one channel of 16-bit PCM.
+#ifndef AUDIO_CHECK_H
+#define AUDIO_CHECK_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+std::string fixture_path(const char* name);
+std::vector<unsigned char> read_whole_file(const std::string& path);
+
+struct MpegFrameRef {
+    size_t offset;
+    size_t size;
+};
+// Skips leading ID3v2 tags and walks the frames by their headers until the
+// first byte that is not a frame start (ID3v1 or the end). MPEG-1 Layers I-III
+// and MPEG-2/2.5 Layer III.
+std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& file);
+
+struct ToneStats {
+    double frequency;  // Hz, from zero crossings
+    double rms;        // in sample units
+};
+// Channel `ch` of interleaved 16-bit PCM with `channels` channels.
+ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channels, int ch,
+                     int rate);
+
+// The level of the fixtures' sines: peak 0.5 of full scale.
+constexpr double kFixtureSineRms = 0.5 * 32767.0 / 1.4142135623730951;
+
+#endif

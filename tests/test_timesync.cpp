@@ -1,0 +1,186 @@
+// Time synchronisation: the initiator (master) against the receiver-side
+// client, on loopback inside the test namespace.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "PAL_Clock.h"
+#include "RxSocket.h"
+#include "TimeSyncClient.h"
+#include "TimeSyncInitiator.h"
+#include "TimeSyncWire.h"
+
+namespace {
+
+const long long kArtificialOffsetUs = 7654321987LL;
+
+long long shifted_clock(void*) {
+    return PAL_GetBootTimeUsec() + kArtificialOffsetUs;
+}
+long long millisecond_clock() {
+    return PAL_GetBootTimeUsec() / 1000 * 1000;
+}
+long long foreign_clock() {
+    return PAL_GetBootTimeUsec() + 5000000;
+}
+
+class TimeSync : public ::testing::Test {
+protected:
+    void StartMaster(TIMESYNC_CLOCK_FUNC clock) {
+        ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
+                                              clock));
+        ASSERT_EQ(0, TimeSyncInitiator_Start());
+    }
+    void TearDown() override { TimeSyncInitiator_Delete(); }
+
+    // Waits until the client has used at least n responses.
+    static bool WaitResponses(TimeSyncClient& c, unsigned int n) {
+        for (int i = 0; i < 500; i++) {
+            if (c.Stats().responses >= n) return true;
+            PAL_ThreadSleep(10);
+        }
+        return false;
+    }
+};
+
+TEST_F(TimeSync, ClientEstimatesMasterClockWithinOneMillisecond) {
+    StartMaster(millisecond_clock);  // the phone's clock has millisecond steps
+    TimeSyncClient client;
+    TimeSyncClientConfig cfg;
+    TimeSyncClientDefaults(&cfg, "127.0.0.2");
+    rx_copy_text(cfg.masterAddr, sizeof(cfg.masterAddr), "127.0.0.1");
+    cfg.clock = shifted_clock;
+    ASSERT_EQ(0, client.Start(cfg));
+    ASSERT_TRUE(WaitResponses(client, 20));
+    for (int i = 0; i < 5; i++) {
+        long long estimate = 0;
+        ASSERT_TRUE(client.MasterNowUs(&estimate));
+        long long master = PAL_GetBootTimeUsec();  // same clock, microseconds
+        EXPECT_LT(llabs(estimate - master), 1000)
+            << "estimate " << estimate << " master " << master;
+        PAL_ThreadSleep(30);
+    }
+    long long m1 = 0;
+    ASSERT_TRUE(client.MasterNowUs(&m1));
+    unsigned int ms = TimeSyncInitiator_GetCurrentClock();
+    EXPECT_LE(llabs((long long)ms - m1 / 1000), 2);
+    TimeSyncClientStats st = client.Stats();
+    EXPECT_EQ(0u, st.malformed);
+    EXPECT_LT(llabs(st.lastOffsetUs + kArtificialOffsetUs), 1000);
+    client.Stop();
+}
+
+TEST_F(TimeSync, AnnouncementsFollowTheScheduleAndNameTheMaster) {
+    StartMaster(PAL_GetBootTimeUsec);
+    int sock = rx_udp_group("224.1.2.4", 1235, "127.0.0.3");
+    ASSERT_GE(sock, 0);
+    // Nothing is announced before a burst or a stream asks for it.
+    EXPECT_EQ(0, rx_wait_readable(sock, 300));
+
+    ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 200000));
+    int heard = 0;
+    unsigned int lastSeq = 0;
+    long long first = PAL_GetBootTimeUsec();
+    while (rx_wait_readable(sock, 400) == 1) {
+        unsigned char buf[64];
+        ssize_t n = recv(sock, buf, sizeof(buf), 0);
+        TswAnnounce a;
+        ASSERT_EQ(0, tsw_get_announce(buf, (size_t)n, &a));
+        EXPECT_EQ(inet_addr("127.0.0.1"), a.masterAddr);
+        EXPECT_EQ(1235, a.port);
+        EXPECT_GT(a.seq, lastSeq);
+        EXPECT_LT(llabs(a.masterUs - PAL_GetBootTimeUsec()), 200000);
+        lastSeq = a.seq;
+        heard++;
+    }
+    long long span = PAL_GetBootTimeUsec() - first;
+    // ~11 in 200 ms at 20 ms; generous bounds for a loaded machine.
+    EXPECT_GE(heard, 5);
+    EXPECT_LE(heard, 13);
+    EXPECT_LT(span, 1500000);
+
+    // A stream keeps announcing at the steady pace until StopSync.
+    ASSERT_EQ(0, TimeSyncInitiator_StartSync(20000, 40000, 100000));
+    PAL_ThreadSleep(500);
+    int during = 0;
+    while (rx_wait_readable(sock, 0) == 1) {
+        unsigned char buf[64];
+        if (recv(sock, buf, sizeof(buf), 0) > 0) during++;
+    }
+    EXPECT_GE(during, 4);
+    TimeSyncInitiator_StopSync();
+    PAL_ThreadSleep(250);
+    while (rx_wait_readable(sock, 0) == 1) {
+        unsigned char buf[64];
+        recv(sock, buf, sizeof(buf), 0);
+    }
+    EXPECT_EQ(0, rx_wait_readable(sock, 400));
+    close(sock);
+}
+
+TEST_F(TimeSync, ClientLearnsMasterFromAnnouncement) {
+    StartMaster(PAL_GetBootTimeUsec);
+    TimeSyncClient client;
+    TimeSyncClientConfig cfg;
+    TimeSyncClientDefaults(&cfg, "127.0.0.4");  // no master address given
+    ASSERT_EQ(0, client.Start(cfg));
+    PAL_ThreadSleep(100);
+    EXPECT_EQ(0u, client.Stats().responses);
+    ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 500000));
+    ASSERT_TRUE(WaitResponses(client, 5));
+    long long estimate = 0;
+    ASSERT_TRUE(client.MasterNowUs(&estimate));
+    EXPECT_LT(llabs(estimate - PAL_GetBootTimeUsec()), 1000);
+    EXPECT_GT(client.Stats().announces, 0u);
+}
+
+TEST_F(TimeSync, MalformedRequestsAreIgnoredAndGoodOnesStillAnswered) {
+    StartMaster(PAL_GetBootTimeUsec);
+    int sock = rx_udp_bind("127.0.0.5", 0);
+    ASSERT_GE(sock, 0);
+    struct sockaddr_in master;
+    ASSERT_TRUE(rx_sockaddr("127.0.0.1", 1235, &master));
+    unsigned char good[TSW_REQUEST_LEN];
+    TswRequest req = {77, 123456789LL};
+    tsw_put_request(good, &req);
+    unsigned char bad[4][TSW_REQUEST_LEN];
+    for (auto& b : bad) memcpy(b, good, sizeof(good));
+    bad[0][0] = 'X';                                                  // magic
+    bad[1][4] = 2;                                                    // version
+    bad[2][5] = TSW_TYPE_RESPONSE;                                    // type
+    size_t lens[4] = {sizeof(good), sizeof(good), sizeof(good), 10};  // last: truncated
+    for (int i = 0; i < 4; i++) {
+        sendto(sock, bad[i], lens[i], 0, (struct sockaddr*)&master, sizeof(master));
+    }
+    EXPECT_EQ(0, rx_wait_readable(sock, 300));
+    long long before = PAL_GetBootTimeUsec();
+    sendto(sock, good, sizeof(good), 0, (struct sockaddr*)&master, sizeof(master));
+    ASSERT_EQ(1, rx_wait_readable(sock, 2000));
+    unsigned char buf[128];
+    ssize_t n = recv(sock, buf, sizeof(buf), 0);
+    long long after = PAL_GetBootTimeUsec();
+    TswResponse res;
+    ASSERT_EQ(0, tsw_get_response(buf, (size_t)n, &res));
+    EXPECT_EQ(77u, res.id);
+    EXPECT_EQ(123456789LL, res.t1);
+    EXPECT_GE(res.t2, before);
+    EXPECT_LE(res.t2, res.t3);
+    EXPECT_LE(res.t3, after);
+    close(sock);
+}
+
+TEST_F(TimeSync, MasterClockFollowsTheClockHandedIn) {
+    EXPECT_LE(llabs((long long)TimeSyncInitiator_GetCurrentClock() - PAL_GetBootTimeUsec() / 1000),
+              1);  // before Create: the boot clock
+    StartMaster(foreign_clock);
+    long long expect = (PAL_GetBootTimeUsec() + 5000000) / 1000;
+    EXPECT_LE(llabs((long long)TimeSyncInitiator_GetCurrentClock() - expect), 2);
+    // Create again while running is refused; after Delete it is allowed.
+    EXPECT_EQ(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
+                                          PAL_GetBootTimeUsec));
+    TimeSyncInitiator_Delete();
+    EXPECT_EQ(-1, TimeSyncInitiator_SyncOnce(20000, 100000));  // not started
+}
+
+}  // namespace
