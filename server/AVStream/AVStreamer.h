@@ -288,7 +288,7 @@ public:
     std::atomic<bool> m_bStreamReady;
     uint8_t m_NumChannels;
     uint32_t m_szSent;
-    uint32_t streamStartTime;
+    std::atomic<uint32_t> streamStartTime;  // sync clock at the first packet sent
     uint32_t mp3FrameStartPos;
     uint32_t mp3LayerIdx;
     uint32_t mp3BitrateIdx;
