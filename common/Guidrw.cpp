@@ -24,7 +24,7 @@ size_t _line_length(const char* text) {
 int Guidrw::LoadGuid(const char* path, char* buf) {
     if (!path || !path[0] || !buf) return -1;
     buf[0] = 0;
-    FILE* f = fopen(path, "re");
+    FILE* f = fopen(path, "r");
     if (!f) return -1;
     char line[kGuidMax + 1];
     int rc = -1;
@@ -43,7 +43,7 @@ int Guidrw::SaveGuid(const char* path, const char* guid) {
     char tmp[4096];
     int len = snprintf(tmp, sizeof(tmp), "%s.tmp", path);
     if (len < 0 || (size_t)len >= sizeof(tmp)) return -1;
-    FILE* f = fopen(tmp, "we");
+    FILE* f = fopen(tmp, "w");
     if (!f) return -1;
     size_t n = _line_length(guid);
     bool ok = fwrite(guid, 1, n, f) == n && fputc('\n', f) != EOF;

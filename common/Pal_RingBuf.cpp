@@ -42,6 +42,17 @@ void _copy_in_l(PAL_RINGBUF* rb, unsigned long pos, const unsigned char* src, un
     memcpy(rb->m_pData, src + first, n - first);
 }
 
+// One field (or a value made of fields) read under the lock; none for a
+// null buffer.
+template <typename T, typename GET>
+T _get_locked(PAL_RINGBUF* rb, T none, GET get) {
+    if (!rb) return none;
+    pthread_mutex_lock(&rb->m_lock);
+    T value = get(rb);
+    pthread_mutex_unlock(&rb->m_lock);
+    return value;
+}
+
 }  // namespace
 
 PAL_RINGBUF* Pal_RingBufCreate(unsigned long capacity) {
@@ -70,19 +81,12 @@ void Pal_RingBufClose(PAL_RINGBUF* rb) {
 }
 
 unsigned long Pal_RingBufAvailable(PAL_RINGBUF* rb) {
-    if (!rb) return 0;
-    pthread_mutex_lock(&rb->m_lock);
-    unsigned long free_space = rb->m_capacity - rb->m_used;
-    pthread_mutex_unlock(&rb->m_lock);
-    return free_space;
+    return _get_locked<unsigned long>(
+        rb, 0, [](const PAL_RINGBUF* r) { return r->m_capacity - r->m_used; });
 }
 
 unsigned long Pal_RingBufUsed(PAL_RINGBUF* rb) {
-    if (!rb) return 0;
-    pthread_mutex_lock(&rb->m_lock);
-    unsigned long used = rb->m_used;
-    pthread_mutex_unlock(&rb->m_lock);
-    return used;
+    return _get_locked<unsigned long>(rb, 0, [](const PAL_RINGBUF* r) { return r->m_used; });
 }
 
 int Pal_RingBufWrite(PAL_RINGBUF* rb, const void* src, unsigned long n) {
@@ -134,19 +138,11 @@ void Pal_RingBufSetTimeStamp(PAL_RINGBUF* rb, unsigned int ts) {
 }
 
 unsigned int Pal_RingBufGetTimeStamp(PAL_RINGBUF* rb) {
-    if (!rb) return 0;
-    pthread_mutex_lock(&rb->m_lock);
-    unsigned int ts = rb->m_timeStamp;
-    pthread_mutex_unlock(&rb->m_lock);
-    return ts;
+    return _get_locked<unsigned int>(rb, 0, [](const PAL_RINGBUF* r) { return r->m_timeStamp; });
 }
 
 unsigned long Pal_RingBufGetReadSize(PAL_RINGBUF* rb) {
-    if (!rb) return 0;
-    pthread_mutex_lock(&rb->m_lock);
-    unsigned long n = rb->m_readSize;
-    pthread_mutex_unlock(&rb->m_lock);
-    return n;
+    return _get_locked<unsigned long>(rb, 0, [](const PAL_RINGBUF* r) { return r->m_readSize; });
 }
 
 void Pal_RingBufSetSync(PAL_RINGBUF* rb, unsigned int ts, unsigned long readSize) {

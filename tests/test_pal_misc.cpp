@@ -130,21 +130,3 @@ TEST(DebugUi, LogTargetComesFromTheEnvironment) {
     unlink(path.c_str());
     rmdir(dir);
 }
-
-TEST(PalHelpers, BigEndianWordsAndRandomRange) {
-    const unsigned char b[4] = {0xff, 0xfb, 0x90, 0x64};
-    EXPECT_EQ(0xfffb9064u, U32_AT(b));
-    EXPECT_EQ(0u, PAL_rand(0));
-    bool seen[4] = {false, false, false, false};
-    for (int i = 0; i < 1000; i++) {
-        unsigned int r = PAL_rand(4);
-        ASSERT_LT(r, 4u);
-        seen[r] = true;
-    }
-    for (bool s : seen) EXPECT_TRUE(s);
-    unsigned int t0 = PAL_GetClock();
-    long long u0 = PAL_GetBootTimeUsec();
-    PAL_ThreadSleep(50);
-    EXPECT_GE(PAL_GetClock() - t0, 45u);
-    EXPECT_GE(PAL_GetBootTimeUsec() - u0, 45000);
-}

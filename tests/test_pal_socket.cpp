@@ -75,9 +75,6 @@ TEST(PalSocket, OneGroupDatagramReachesEverySocketBoundToTheGroupPort) {
     int nogroup = PAL_SockCreate(PAL_SOCK_UDP);
     EXPECT_EQ(-1, PAL_SockServerOpen(nogroup, nullptr, port, PAL_SOCK_UDP, PAL_NET_MULTI));
     PAL_SockClose(nogroup);
-    EXPECT_EQ(-1, PAL_SockJoinGroup(a, "not-a-group", kPhone));
-    EXPECT_EQ(-1, PAL_SockWrite(tx, PAL_SOCK_UDP, "x", 1, nullptr, port));
-    EXPECT_EQ(-1, PAL_SockWrite(tx, PAL_SOCK_UDP, "x", 1, "300.1.1.1", port));
     for (int s : {a, b, tx, uni}) EXPECT_EQ(0, PAL_SockClose(s));
 }
 
@@ -95,8 +92,9 @@ TEST(PalSocket, UnicastDatagramsReportTheirSource) {
     for (size_t i = 0; i < dgram.size(); i++) dgram[i] = (unsigned char)i;
     ASSERT_EQ(1412, PAL_SockWrite(tx, PAL_SOCK_UDP, dgram.data(), 1412, kPhone, 15000));
     // With SO_REUSEPORT the kernel hands the datagram to one of the two.
-    int got = readable(rx, 3000) ? rx : rx2;
-    ASSERT_TRUE(readable(got, 3000));
+    struct pollfd pfds[2] = {{rx, POLLIN, 0}, {rx2, POLLIN, 0}};
+    ASSERT_EQ(1, poll(pfds, 2, 5000));
+    int got = (pfds[0].revents & POLLIN) ? rx : rx2;
     std::vector<unsigned char> in(2000);
     char fromIp[20];
     memset(fromIp, 'x', sizeof(fromIp));
@@ -111,10 +109,6 @@ TEST(PalSocket, UnicastDatagramsReportTheirSource) {
     EXPECT_EQ(-1, PAL_SockRead(rx, PAL_SOCK_UDP, in.data(), 10));
     EXPECT_EQ(-1, PAL_SockRecvFrom(rx, in.data(), 10, nullptr, nullptr));
 
-    EXPECT_EQ(PAL_inet_addr("127.0.0.1"), htonl(0x7f000001));
-    EXPECT_EQ(0u, PAL_inet_addr("127.0.0"));
-    EXPECT_EQ(0u, PAL_inet_addr(nullptr));
-    EXPECT_EQ(-1, PAL_SockCreate(3));
     for (int s : {rx, rx2, tx}) PAL_SockClose(s);
 }
 
@@ -181,9 +175,5 @@ TEST(PalSocket, TcpControlConnection) {
     EXPECT_EQ(-1, rc);
     PAL_SockClose(conn);
 
-    int refused = PAL_SockCreate(PAL_SOCK_TCP);
-    EXPECT_EQ(-1, PAL_SockOpen(refused, "127.0.0.1", 1556, PAL_SOCK_TCP, PAL_NET_UNI));
-    EXPECT_EQ(-1, PAL_SockOpen(refused, nullptr, 1554, PAL_SOCK_TCP, PAL_NET_UNI));
-    PAL_SockClose(refused);
     PAL_SockClose(srv);
 }
