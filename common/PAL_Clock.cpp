@@ -19,7 +19,9 @@ long long clock_usec(clockid_t id) {
 
 }  // namespace
 
-unsigned int PAL_GetClock(void) { return (unsigned int)(clock_usec(CLOCK_MONOTONIC) / 1000); }
+unsigned int PAL_GetClock(void) {
+    return (unsigned int)(clock_usec(CLOCK_MONOTONIC) / 1000);
+}
 
 long long PAL_GetBootTimeUsec(void) {
 #ifdef CLOCK_BOOTTIME
@@ -51,5 +53,6 @@ unsigned int PAL_rand(unsigned int limit) {
 }
 
 unsigned int U32_AT(const unsigned char* p) {
-    return ((unsigned int)p[0] << 24) | ((unsigned int)p[1] << 16) | ((unsigned int)p[2] << 8) | p[3];
+    return ((unsigned int)p[0] << 24) | ((unsigned int)p[1] << 16) | ((unsigned int)p[2] << 8) |
+           p[3];
 }

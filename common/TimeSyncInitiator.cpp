@@ -14,13 +14,14 @@
 // adding the calibrated offset; when the two are the same clock the offset is
 // exactly 0. The handed-in clock is thus never called on the hot path.
 //
-// Allocates: the service thread (pthread). Threads: the API is called from
+// Allocates: the service thread (pthread) and a wake-up pipe. Threads: the API is called from
 // the engine's threads; the service thread is internal. Locks: g_lock guards
 // the record below; it is never held across socket I/O or a wait.
 #include "TimeSyncInitiator.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
@@ -49,6 +50,7 @@ struct Initiator {
     unsigned short port;
     unsigned int myAddr;  // network byte order
     int sock;
+    int wakePipe[2];  // written to wake the service thread on a new schedule
     pthread_t thread;
     bool exitFlag;
     // Schedule, in master microseconds. 0 = none.
@@ -139,6 +141,7 @@ void* service_thread(void*) {
         pthread_mutex_lock(&g_lock);
         bool leave = g_init.exitFlag;
         int sock = g_init.sock;
+        int wake = g_init.wakePipe[0];
         long long now = master_now_us();
         bool announce = g_init.nextAnnounce != 0 && g_init.nextAnnounce <= now;
         if (announce) {
@@ -153,9 +156,14 @@ void* service_thread(void*) {
         int waitMs = (int)((waitUs + 999) / 1000);
         if (waitMs > kMaxPollMs) waitMs = kMaxPollMs;
         if (waitMs < 0) waitMs = 0;
-        struct pollfd pfd = {sock, POLLIN, 0};
-        int r = poll(&pfd, 1, waitMs);
-        if (r > 0 && (pfd.revents & POLLIN)) answer_request(sock);
+        struct pollfd pfd[2] = {{sock, POLLIN, 0}, {wake, POLLIN, 0}};
+        int r = poll(pfd, 2, waitMs);
+        if (r > 0 && (pfd[0].revents & POLLIN)) answer_request(sock);
+        if (r > 0 && (pfd[1].revents & POLLIN)) {
+            char drain[16];
+            while (read(wake, drain, sizeof(drain)) > 0) {
+            }
+        }
     }
     return nullptr;
 }
@@ -184,6 +192,26 @@ int open_socket(unsigned int myAddr, unsigned short port) {
     return sock;
 }
 
+// Closes what Start opened (any may be -1) and forgets it; _l: g_lock held.
+void close_sockets_l(int sock, int pipeFds[2]) {
+    int fds[3] = {sock, pipeFds[0], pipeFds[1]};
+    for (int fd : fds) {
+        if (fd >= 0) close(fd);
+    }
+    g_init.sock = -1;
+    g_init.wakePipe[0] = g_init.wakePipe[1] = -1;
+}
+
+// Makes the service thread re-read the schedule at once; _l: g_lock held.
+void wake_l() {
+    if (g_init.wakePipe[1] >= 0) {
+        char c = 1;
+        // Non-blocking: never waits under the lock; a full pipe is already a wake-up.
+        ssize_t n = write(g_init.wakePipe[1], &c, 1);
+        (void)n;
+    }
+}
+
 // Schedules a burst starting now; _l: g_lock held.
 void start_burst_l(unsigned int intervalUs, unsigned int durationUs) {
     long long now = master_now_us();
@@ -193,6 +221,7 @@ void start_burst_l(unsigned int intervalUs, unsigned int durationUs) {
         g_init.burstIntervalUs = intervalUs;
     }
     g_init.nextAnnounce = now;  // one at once, then on the schedule
+    wake_l();
 }
 
 }  // namespace
@@ -209,6 +238,7 @@ int TimeSyncInitiator_Create(unsigned int groupAddr, unsigned short port, unsign
         g_init.port = port;
         g_init.myAddr = myAddr;
         g_init.sock = -1;
+        g_init.wakePipe[0] = g_init.wakePipe[1] = -1;
         g_offsetUs.store(offset);
         ok = 1;
     }
@@ -223,17 +253,20 @@ int TimeSyncInitiator_Start(void) {
         ret = 0;
     } else if (g_init.created) {
         int sock = open_socket(g_init.myAddr, g_init.port);
-        if (sock >= 0) {
+        int fds[2] = {-1, -1};
+        if (sock >= 0 && pipe(fds) == 0) {
+            fcntl(fds[0], F_SETFL, O_NONBLOCK);
+            fcntl(fds[1], F_SETFL, O_NONBLOCK);
             g_init.sock = sock;
+            g_init.wakePipe[0] = fds[0];
+            g_init.wakePipe[1] = fds[1];
             g_init.exitFlag = false;
             if (pthread_create(&g_init.thread, nullptr, service_thread, nullptr) == 0) {
                 g_init.started = true;
                 ret = 0;
-            } else {
-                close(sock);
-                g_init.sock = -1;
             }
         }
+        if (ret != 0) close_sockets_l(sock, fds);
     }
     pthread_mutex_unlock(&g_lock);
     return ret;
@@ -278,13 +311,13 @@ int TimeSyncInitiator_Stop(void) {
     pthread_mutex_lock(&g_lock);
     bool running = g_init.started;
     g_init.exitFlag = true;
+    wake_l();
     pthread_t thread = g_init.thread;
     pthread_mutex_unlock(&g_lock);
     if (!running) return 0;
     pthread_join(thread, nullptr);
     pthread_mutex_lock(&g_lock);
-    close(g_init.sock);
-    g_init.sock = -1;
+    close_sockets_l(g_init.sock, g_init.wakePipe);
     g_init.started = false;
     g_init.syncNesting = 0;
     g_init.nextAnnounce = 0;
@@ -298,6 +331,7 @@ void TimeSyncInitiator_Delete(void) {
     pthread_mutex_lock(&g_lock);
     memset(&g_init, 0, sizeof(g_init));
     g_init.sock = -1;
+    g_init.wakePipe[0] = g_init.wakePipe[1] = -1;
     g_offsetUs.store(0);
     pthread_mutex_unlock(&g_lock);
 }
@@ -313,6 +347,7 @@ unsigned int PAL_SyncInterval(void) {
     if (g_init.started && g_init.nextAnnounce == 0 &&
         now - g_init.lastAnnounce >= kIdleAnnounceUs) {
         g_init.nextAnnounce = now;
+        wake_l();
     }
     pthread_mutex_unlock(&g_lock);
     return kTriggerStepMs;

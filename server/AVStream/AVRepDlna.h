@@ -145,8 +145,9 @@ public:
 private:
     void _collect_udp();
     void _collect_tcp();
+    void _tcp_accept(AV_DEVICE_SEARCH_INFO* list);
     void _tcp_client_read(AV_DEVICE_SEARCH_INFO* list, int slot, const char* myIp);
-    int _content_by_route(char* path, int bMp3, AV_CONTENT_INFO* out);
+    int _wav_find_samples(long handle);
 
     AV_DLNA_NOTIFY_MSG m_NotifyMsg;
     MP3Decoder* m_pMp3Decoder;

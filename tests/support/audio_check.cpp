@@ -1,8 +1,10 @@
 // See audio_check.h.
 #include "audio_check.h"
 
+#include <gtest/gtest.h>
 #include <math.h>
 #include <stdio.h>
+#include <string.h>
 
 std::string fixture_path(const char* name) {
     return std::string(SONVARA_FIXTURES_DIR "/") + name;
@@ -17,6 +19,37 @@ std::vector<unsigned char> read_whole_file(const std::string& path) {
     while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
     fclose(f);
     return out;
+}
+
+bool fixture_facts(const char* name, long* frames, int* rate, int* channels) {
+    FILE* f = fopen(fixture_path("fixtures.txt").c_str(), "r");
+    if (f == nullptr) return false;
+    char fname[128];
+    long n;
+    int r, c;
+    bool found = false;
+    while (!found && fscanf(f, "%127s %ld %d %d", fname, &n, &r, &c) == 4) {
+        if (strcmp(fname, name) == 0) {
+            *frames = n;
+            *rate = r;
+            *channels = c;
+            found = true;
+        }
+    }
+    fclose(f);
+    return found;
+}
+
+TempFile::TempFile(const char* name, const std::vector<unsigned char>& bytes)
+    : path(testing::TempDir() + name) {
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr) return;
+    if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), f);
+    fclose(f);
+}
+
+TempFile::~TempFile() {
+    remove(path.c_str());
 }
 
 namespace {

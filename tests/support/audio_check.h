@@ -12,6 +12,18 @@
 std::string fixture_path(const char* name);
 std::vector<unsigned char> read_whole_file(const std::string& path);
 
+// What scripts/make-fixtures recorded for an MPEG fixture (fixtures.txt):
+// the audio frames ffprobe counts (an Info/Xing frame is not counted), the
+// sampling rate and the channel count. False when the file is not listed.
+bool fixture_facts(const char* name, long* frames, int* rate, int* channels);
+
+// A file in the test's temporary directory, removed when the object goes.
+struct TempFile {
+    explicit TempFile(const char* name, const std::vector<unsigned char>& bytes);
+    ~TempFile();
+    std::string path;
+};
+
 struct MpegFrameRef {
     size_t offset;
     size_t size;

@@ -1,0 +1,498 @@
+// Device discovery against emulated receivers on 127.0.0.x in the private
+// namespace: searches, hostile answers, EXIT announcements, the TCP
+// collector, and content questions on the fixture files.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "AVRepDlna.h"
+#include "dlna_peers.h"
+
+// Drives the TCP collector, which no search path starts.
+struct CAVRepDlnaProbe {
+    static void StartTcp(CAVRepDlna* d, int listenSock, PAL_THREAD* thread) {
+        memset(&d->m_DeviceSearch, 0, sizeof(d->m_DeviceSearch));
+        d->m_nTcpSock = listenSock;
+        ASSERT_TRUE(PAL_SemCreate(&d->m_DeviceSearch.pDeviceSem, 0));
+        ASSERT_TRUE(PAL_ThreadCreate(thread, CAVRepDlna::DeviceThread, d, 1));
+    }
+    static int Count(CAVRepDlna* d) {
+        return __atomic_load_n(&d->m_DeviceSearch.AVDeviceSearchInfo.nAVDeviceCnt,
+                               __ATOMIC_ACQUIRE);
+    }
+    static AV_DEVICE_SEARCH_INFO StopTcp(CAVRepDlna* d, PAL_THREAD thread) {
+        __atomic_store_n(&d->m_DeviceSearch.bDeviceExit, true, __ATOMIC_RELEASE);
+        PAL_SemWait(d->m_DeviceSearch.pDeviceSem, 1);
+        PAL_SemDelete(d->m_DeviceSearch.pDeviceSem);
+        d->m_DeviceSearch.pDeviceSem = NULL;
+        PAL_ThreadExit(thread);
+        return d->m_DeviceSearch.AVDeviceSearchInfo;
+    }
+};
+
+namespace {
+
+const char* kGroupAddr = "224.1.2.4:1234";
+
+struct Event {
+    intptr_t msg;
+    std::string word;
+    std::string mac;
+};
+
+struct Owner {
+    std::mutex lock;
+    std::vector<Event> events;
+};
+
+void owner_notify(intptr_t parent, intptr_t msg, intptr_t p1, intptr_t p2) {
+    Owner* o = (Owner*)parent;
+    std::lock_guard<std::mutex> hold(o->lock);
+    o->events.push_back(Event{msg, (const char*)p1, (const char*)p2});
+}
+
+void expect_terminated(const AV_DEVICE& d) {
+    EXPECT_LT(strnlen(d.pReceiverIP, sizeof(d.pReceiverIP)), sizeof(d.pReceiverIP));
+    EXPECT_LT(strnlen(d.pReceiverMac, sizeof(d.pReceiverMac)), sizeof(d.pReceiverMac));
+    EXPECT_LT(strnlen(d.pReceiverGuid, sizeof(d.pReceiverGuid)), sizeof(d.pReceiverGuid));
+    EXPECT_LT(strnlen(d.pReceiverName, sizeof(d.pReceiverName)), sizeof(d.pReceiverName));
+}
+
+int search(CAVRepDlna* d, AV_DEVICE_INFO* out, int waitMs, const char* addr = kGroupAddr) {
+    memset(out, 0, sizeof(*out));
+    return d->GetDeviceInfo(addr, out, waitMs);
+}
+
+}  // namespace
+
+TEST(AVRepDlna, SearchFindsEachReceiverOnceWithItsFields) {
+    DlnaPeers peers;
+    ASSERT_TRUE(peers.ok());
+    const std::string utf8Name =
+        "K\xC3\xBC"
+        "che \xE2\x99\xAB Lautsprecher";
+    ASSERT_TRUE(peers.Add(DlnaPeers::Ip(0), DlnaPeers::Answer("aa:00", "g-0", "Living", 1, 30)));
+    ASSERT_TRUE(peers.Add(DlnaPeers::Ip(1), DlnaPeers::Answer("aa:01", "g-1", utf8Name, 0, 7)));
+    for (int i = 2; i < 6; i++) {
+        std::string n = std::to_string(i);
+        ASSERT_TRUE(
+            peers.Add(DlnaPeers::Ip(i), DlnaPeers::Answer("aa:0" + n, "g-" + n, "R" + n, 1, i)));
+    }
+    peers.Start();
+
+    CAVRepDlna::SetGUID("sender-guid-1");
+    CAVRepDlna d(owner_notify, nullptr);
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    unsigned int seq = CAVRepDlna::device_search_seq;
+    memset(gmasterip, 0, sizeof(gmasterip));
+    AV_DEVICE_INFO out;
+    ASSERT_EQ(0, search(&d, &out, 600));
+    peers.Stop();
+
+    // Every receiver answered all 8 requests; each is recorded once.
+    ASSERT_EQ(6, out.nAVDeviceCnt);
+    std::set<std::string> ips;
+    for (int i = 0; i < out.nAVDeviceCnt; i++) {
+        const AV_DEVICE& dev = out.AVDevice[i];
+        ips.insert(dev.pReceiverIP);
+        int k = dev.pReceiverIP[8] - '2';
+        EXPECT_EQ("aa:0" + std::to_string(k), dev.pReceiverMac);
+        EXPECT_EQ("g-" + std::to_string(k), dev.pReceiverGuid);
+        EXPECT_EQ(k == 1 ? 0 : 1, dev.isMaster);
+        if (k == 1) {
+            EXPECT_EQ(utf8Name, dev.pReceiverName);
+        }
+        if (k == 0) {
+            EXPECT_EQ(30, dev._vol);
+        }
+    }
+    EXPECT_EQ(6u, ips.size());
+    EXPECT_STREQ("127.0.0.3", gmasterip);
+    EXPECT_EQ(seq + 1, CAVRepDlna::device_search_seq);
+
+    // The request, byte for byte: 8 identical copies naming the answer port.
+    std::vector<std::string> req = peers.Requests();
+    ASSERT_EQ(8u, req.size());
+    const std::string head = "DEVICE 127.0.0.1:9090\r\nGUID: sender-guid-1\r\nREQ_TS: ";
+    ASSERT_EQ(head, req[0].substr(0, head.size()));
+    std::string ts = req[0].substr(head.size());
+    ASSERT_GE(ts.size(), 3u);
+    EXPECT_EQ("\r\n", ts.substr(ts.size() - 2));
+    EXPECT_EQ(std::string::npos, ts.substr(0, ts.size() - 2).find_first_not_of("0123456789"));
+    for (const std::string& r : req) EXPECT_EQ(req[0], r);
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
+}
+
+TEST(AVRepDlna, HostileAnswersNeverCorruptTheList) {
+    DlnaPeers peers;
+    ASSERT_TRUE(peers.ok());
+    const std::string big(300, 'X');
+    // Broken answers first: none is counted, none spills over its field.
+    peers.Add(DlnaPeers::Ip(0), "DEVICE\r\nMAC: " + big + "\r\nGUID: " + big + "\r\nNAME: " + big +
+                                    "\r\nMASTER: 70000\r\nVOL: 99999999999\r\n");
+    peers.Add(DlnaPeers::Ip(1), "DEVICE MAC: m GUID: g NAME: no line end MASTER: 1 VOL: 2");
+    peers.Add(DlnaPeers::Ip(2), "VOL: 1\r\nMASTER: 1\r\nNAME: n\r\nGUID: g\r\nMAC: m DEVICE");
+    peers.Add(DlnaPeers::Ip(3), "hello");
+    // 35 good receivers: only 30 fit.
+    for (int i = 4; i < 39; i++) {
+        peers.Add(DlnaPeers::Ip(i), DlnaPeers::Answer("m", "g", "n" + std::to_string(i), 1, i));
+    }
+    peers.Start();
+    CAVRepDlna d(owner_notify, nullptr);
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    AV_DEVICE_INFO out;
+    ASSERT_EQ(0, search(&d, &out, 1000));
+    peers.Stop();
+
+    ASSERT_EQ(AV_MAX_DEVICE, out.nAVDeviceCnt);
+    std::set<std::string> ips;
+    for (int i = 0; i < AV_MAX_DEVICE; i++) {
+        expect_terminated(out.AVDevice[i]);
+        ips.insert(out.AVDevice[i].pReceiverIP);
+        // The oversized answer (127.0.0.2) is complete and counts too.
+        if (strcmp(out.AVDevice[i].pReceiverIP, "127.0.0.2") == 0) {
+            EXPECT_EQ(std::string(19, 'X'), out.AVDevice[i].pReceiverMac);
+            EXPECT_EQ(std::string(243, 'X'), out.AVDevice[i].pReceiverName);
+            EXPECT_EQ(70000 & 0xFFFF, out.AVDevice[i].isMaster);
+        }
+    }
+    EXPECT_EQ(30u, ips.size());
+    EXPECT_EQ(0u, ips.count("127.0.0.3") + ips.count("127.0.0.4") + ips.count("127.0.0.5"));
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
+}
+
+TEST(AVRepDlna, AnswerParserCutsEveryField) {
+    AV_DEVICE_SEARCH_INFO list;
+    memset(&list, 0, sizeof(list));
+    const std::string big(300, 'Y');
+    const std::string noCrLf = "DEVICE MAC: a GUID: b NAME: " + big + " MASTER: 1 VOL: 2";
+    EXPECT_EQ(AV_DLNA_ANSWER_PARTIAL,
+              CAVRepDlna::AddDeviceAnswer(&list, noCrLf.c_str(), "1.1.1.1"));
+    EXPECT_EQ(0, list.nAVDeviceCnt);
+    EXPECT_EQ(243u, strlen(list.AVDeviceDlna[0].pReceiverName));  // left in the uncounted slot
+
+    // A name of exactly 244 bytes still leaves room for the terminator.
+    std::string a244 = DlnaPeers::Answer("a", "b", std::string(244, 'N'), 1, 2);
+    EXPECT_EQ(AV_DLNA_ANSWER_RECORDED, CAVRepDlna::AddDeviceAnswer(&list, a244.c_str(), "1.1.1.1"));
+    EXPECT_EQ(243u, strlen(list.AVDeviceDlna[0].pReceiverName));
+    EXPECT_EQ(AV_DLNA_ANSWER_DUPLICATE,
+              CAVRepDlna::AddDeviceAnswer(&list, a244.c_str(), "1.1.1.1"));
+
+    // Out-of-range numbers keep what scanf would keep; labels in the wrong
+    // order or missing are partial; no DEVICE is not an answer at all.
+    std::string neg = "DEVICE MAC: a GUID: b NAME: c\r\nMASTER: -1\r\nVOL: -5\r\n";
+    EXPECT_EQ(AV_DLNA_ANSWER_RECORDED, CAVRepDlna::AddDeviceAnswer(&list, neg.c_str(), "1.1.1.2"));
+    EXPECT_EQ(65535, list.AVDeviceDlna[1].isMaster);
+    EXPECT_EQ(-5, list.AVDeviceDlna[1]._vol);
+    const char* partial[] = {"DEVICE GUID: b NAME: c\r\nMASTER: 1 VOL: 1",
+                             "DEVICE MAC: a NAME: c\r\nMASTER: 1 VOL: 1",
+                             "DEVICE MAC: a GUID: b\r\nMASTER: 1 VOL: 1",
+                             "DEVICE MAC: a GUID: b NAME: c\r\nVOL: 1",
+                             "DEVICE MAC: a GUID: b NAME: c\r\nMASTER: 1",
+                             "VOL: 1 MASTER: 1 DEVICE MAC: a NAME: c\r\nGUID: b"};
+    for (const char* p : partial) {
+        EXPECT_EQ(AV_DLNA_ANSWER_PARTIAL, CAVRepDlna::AddDeviceAnswer(&list, p, "1.1.1.3")) << p;
+    }
+    EXPECT_EQ(AV_DLNA_ANSWER_NOT_DEVICE, CAVRepDlna::AddDeviceAnswer(&list, "", "1.1.1.3"));
+    EXPECT_EQ(2, list.nAVDeviceCnt);
+
+    // A full list takes nothing more.
+    for (int i = 2; i < AV_MAX_DEVICE; i++) {
+        std::string ip = "10.0.0." + std::to_string(i);
+        ASSERT_EQ(AV_DLNA_ANSWER_RECORDED,
+                  CAVRepDlna::AddDeviceAnswer(&list, neg.c_str(), ip.c_str()));
+    }
+    EXPECT_EQ(AV_DLNA_ANSWER_FULL, CAVRepDlna::AddDeviceAnswer(&list, neg.c_str(), "10.1.1.1"));
+    EXPECT_EQ(AV_MAX_DEVICE, list.nAVDeviceCnt);
+
+    // EXIT: the word, MAC and GUID, each cut to its field.
+    char word[20], mac[20], guid[40];
+    std::string exitBig = "EXIT " + big + " MAC: " + big + " GUID: " + big;
+    EXPECT_EQ(1, CAVRepDlna::ParseExitMessage(exitBig.c_str(), word, mac, guid));
+    EXPECT_EQ(19u, strlen(word));
+    EXPECT_EQ(19u, strlen(mac));
+    EXPECT_EQ(39u, strlen(guid));
+    EXPECT_EQ(1, CAVRepDlna::ParseExitMessage("EXIT", word, mac, guid));
+    EXPECT_STREQ("", word);
+    EXPECT_EQ(0, CAVRepDlna::ParseExitMessage("EXI T 1.2.3.4", word, mac, guid));
+}
+
+TEST(AVRepDlna, SearchTimingAndBadAddresses) {
+    DlnaPeers peers;
+    ASSERT_TRUE(peers.ok());
+    peers.Start();
+    CAVRepDlna d(owner_notify, nullptr);
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    AV_DEVICE_INFO out;
+
+    // A malformed address returns 1 and sends nothing.
+    const std::string len256(256, '1');
+    for (const char* bad : {"", "224.1.2.4", ":1234", "224.1.2.4:", len256.c_str()}) {
+        EXPECT_EQ(1, search(&d, &out, 100, bad)) << bad;
+    }
+    // waitMs 0 collects for the default 2000 ms.
+    unsigned int t0 = PAL_GetClock();
+    EXPECT_EQ(0, search(&d, &out, 0));
+    unsigned int took = PAL_GetClock() - t0;
+    EXPECT_GE(took, 2000u);
+    EXPECT_LT(took, 8000u);
+    peers.Stop();
+    EXPECT_EQ(8u, peers.Requests().size());  // the good search's only
+    EXPECT_EQ(0, out.nAVDeviceCnt);
+
+    // Init refuses the same malformed texts.
+    CAVRepDlna e;
+    EXPECT_EQ(1, e.CAVRepDlnaInit("224.1.2.4"));
+    EXPECT_EQ(1, e.CAVRepDlnaInit(len256.c_str()));
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
+}
+
+TEST(AVRepDlna, ExitAnnouncementsReachTheOwner) {
+    Owner owner;
+    CAVRepDlna d(owner_notify, &owner);
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    ASSERT_EQ(0, d.ReceiveMsgOpen());
+
+    // Our own DEVICE requests loop back to the socket and are ignored.
+    AV_DEVICE_INFO out;
+    ASSERT_EQ(0, search(&d, &out, 200));
+
+    int tx = rx_udp_bind("127.0.0.5", 0);
+    ASSERT_GE(tx, 0);
+    struct sockaddr_in group;
+    ASSERT_TRUE(rx_sockaddr("224.1.2.4", 1234, &group));
+    const std::string big(300, 'Z');
+    const std::string msgs[] = {"EXIT 127.0.0.5\r\nMAC: aa:bb:cc\r\nGUID: gx\r\n", "EXIT 127.0.0.6",
+                                "EXIT " + big + " MAC: " + big};
+    for (const std::string& m : msgs) {
+        ASSERT_GT(sendto(tx, m.data(), m.size(), 0, (struct sockaddr*)&group, sizeof(group)), 0);
+    }
+    for (int i = 0; i < 500; i++) {
+        {
+            std::lock_guard<std::mutex> hold(owner.lock);
+            if (owner.events.size() >= 3) break;
+        }
+        PAL_ThreadSleep(10);
+    }
+    unsigned int t0 = PAL_GetClock();
+    EXPECT_EQ(0, d.ReceiveMsgClose());
+    EXPECT_LT(PAL_GetClock() - t0, 2500u);
+    close(tx);
+
+    std::lock_guard<std::mutex> hold(owner.lock);
+    ASSERT_EQ(3u, owner.events.size());
+    for (const Event& e : owner.events) EXPECT_EQ(AVMSG_RECEIVER_DIED, e.msg);
+    EXPECT_EQ("127.0.0.5", owner.events[0].word);
+    EXPECT_EQ("aa:bb:cc", owner.events[0].mac);
+    EXPECT_EQ("127.0.0.6", owner.events[1].word);
+    EXPECT_EQ("", owner.events[1].mac);
+    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].word);
+    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].mac);
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
+}
+
+TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
+    CAVRepDlna d(owner_notify, nullptr);
+    int lsn = PAL_SockCreate(PAL_SOCK_TCP);
+    ASSERT_EQ(0, PAL_SockServerOpen(lsn, "127.0.0.1", 9090, PAL_SOCK_TCP, PAL_NET_UNI));
+    PAL_THREAD thread = NULL;
+    CAVRepDlnaProbe::StartTcp(&d, lsn, &thread);
+
+    // Three receivers, a broken one, and our own address, which is dropped.
+    std::vector<int> conns;
+    for (int i = 0; i < 5; i++) {
+        std::string ip = i == 4 ? "127.0.0.1" : DlnaPeers::Ip(i);
+        int c = rx_tcp_connect(ip.c_str(), "127.0.0.1", 9090, 5000);
+        ASSERT_GE(c, 0);
+        std::string text =
+            i == 3 ? "DEVICE MAC: x"
+                   : "DEVICE MAC: m" + std::to_string(i) + " GUID: g NAME: n\r\nMASTER: 1\r\n";
+        ASSERT_EQ((ssize_t)text.size(), send(c, text.data(), text.size(), 0));
+        conns.push_back(c);
+    }
+    for (int i = 0; i < 300; i++) {
+        if (CAVRepDlnaProbe::Count(&d) == 3) break;
+        PAL_ThreadSleep(10);
+    }
+    AV_DEVICE_SEARCH_INFO got = CAVRepDlnaProbe::StopTcp(&d, thread);
+    ASSERT_EQ(3, got.nAVDeviceCnt);
+    std::set<std::string> macs;
+    for (int i = 0; i < 3; i++) {
+        macs.insert(got.AVDeviceDlna[i].pReceiverMac);
+        EXPECT_EQ(0, got.AVDeviceDlna[i].hTcpClientSock);
+    }
+    EXPECT_EQ((std::set<std::string>{"m0", "m1", "m2"}), macs);
+    for (int c : conns) close(c);
+    PAL_SockClose(lsn);
+}
+
+TEST(AVRepDlna, IdentityAndSyncTrigger) {
+    CAVRepDlna::SetGUID(std::string(50, 'G').c_str());
+    EXPECT_EQ(std::string(39, 'G'), CAVRepDlna::mguid);
+    CAVRepDlna::SetGUID("short");
+    EXPECT_STREQ("short", CAVRepDlna::mguid);
+
+    CAVRepDlna d;
+    AV_DEVICE me;
+    memset(&me, 0, sizeof(me));
+    me.isMaster = 5;
+    ASSERT_EQ(0, d.GetMyDevice(&me));
+    EXPECT_STREQ("127.0.0.1", me.pReceiverIP);
+    EXPECT_EQ(17u, strlen(me.pReceiverMac));
+    EXPECT_EQ(5, me.isMaster);  // nothing else touched
+
+    EXPECT_EQ(0, d.SyncTrigOpen());
+    PAL_ThreadSleep(50);
+    unsigned int t0 = PAL_GetClock();
+    EXPECT_EQ(0, d.SyncTrigClose());
+    EXPECT_LT(PAL_GetClock() - t0, 2500u);
+    EXPECT_EQ(0, d.SyncTrigClose());  // a second close has nothing to stop
+}
+
+namespace {
+
+// Fixture files copied under names of the test's choosing.
+class ContentDir {
+public:
+    ContentDir() {
+        char tmpl[] = "/tmp/avrepdlna_XXXXXX";
+        m_dir = mkdtemp(tmpl) ? tmpl : "";
+    }
+    ~ContentDir() {
+        for (const std::string& f : m_files) unlink(f.c_str());
+        rmdir(m_dir.c_str());
+    }
+    std::string CopyAs(const char* fixture, const std::string& name) {
+        return Write(name, Read(std::string(SONVARA_FIXTURES_DIR) + "/" + fixture));
+    }
+    std::string Write(const std::string& name, const std::string& bytes) {
+        std::string path = m_dir + "/" + name;
+        FILE* f = fopen(path.c_str(), "wb");
+        if (f) {
+            fwrite(bytes.data(), 1, bytes.size(), f);
+            fclose(f);
+        }
+        m_files.push_back(path);
+        return path;
+    }
+    static std::string Read(const std::string& path) {
+        std::string bytes;
+        FILE* f = fopen(path.c_str(), "rb");
+        if (!f) return bytes;
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof(buf), f)) > 0) bytes.append(buf, n);
+        fclose(f);
+        return bytes;
+    }
+
+private:
+    std::string m_dir;
+    std::vector<std::string> m_files;
+};
+
+int content(CAVRepDlna* d, const std::string& path, AV_CONTENT_INFO* out) {
+    out->NumChannels = 99;
+    out->SampleRate = 99;
+    return d->GetContentInfo((char*)path.c_str(), out);
+}
+
+}  // namespace
+
+TEST(AVRepDlna, WaveContentQuestions) {
+    ContentDir dir;
+    CAVRepDlna d;
+    AV_CONTENT_INFO info;
+
+    // Extension routing.
+    EXPECT_EQ(1, content(&d, dir.CopyAs("wav16_stereo_44k.wav", "song"), &info));
+    EXPECT_EQ(100, content(&d, dir.CopyAs("sine_mono_44k.mp3", "song.Mp3"), &info));
+    EXPECT_EQ(100, content(&d, dir.CopyAs("wav8_mono_8k.wav", "song.Wav"), &info));
+    EXPECT_EQ(-2, content(&d, "/nonexistent/missing.wav", &info));
+
+    struct {
+        const char* fixture;
+        const char* name;
+        int channels;
+        unsigned rate;
+    } good[] = {{"wav16_stereo_44k.wav", "a.wav", 2, 44100},
+                {"wav8_mono_8k.wav", "b.WAV", 1, 8000},
+                {"wav16_6ch_ext_8k.wav", "c.wav", 6, 8000},
+                {"wav16_stereo_list_8k.wav", "d.wav", 2, 8000}};
+    for (const auto& g : good) {
+        ASSERT_EQ(0, content(&d, dir.CopyAs(g.fixture, g.name), &info)) << g.fixture;
+        EXPECT_EQ(g.channels, info.NumChannels) << g.fixture;
+        EXPECT_EQ(g.rate, info.SampleRate) << g.fixture;
+    }
+    // 24-bit samples are refused and leave the caller's record alone.
+    EXPECT_EQ(-2, content(&d, dir.CopyAs("wav24_stereo_ext_8k.wav", "e.wav"), &info));
+    EXPECT_EQ(99, info.NumChannels);
+
+    // By MIME type the extension does not matter.
+    std::string noExt = dir.CopyAs("wav16_stereo_44k.wav", "f.mp3");
+    EXPECT_EQ(0, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/x-wav", &info));
+    EXPECT_EQ(44100u, info.SampleRate);
+    EXPECT_EQ(100, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/ogg", &info));
+    EXPECT_EQ(100, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/x-wa", &info));
+
+    // The open handle stands at the first sample, past any extensible chunks.
+    for (const char* f : {"wav16_stereo_44k.wav", "wav16_6ch_ext_8k.wav"}) {
+        std::string bytes = ContentDir::Read(std::string(SONVARA_FIXTURES_DIR) + "/" + f);
+        size_t data = bytes.find("data");
+        ASSERT_NE(std::string::npos, data);
+        std::string path = dir.CopyAs(f, std::string("g") + f);
+        long h = d.Wav_FileOpen((char*)path.c_str());
+        ASSERT_GT(h, 0);
+        char first[16];
+        ASSERT_EQ(16, d.Wav_FileRead(h, first, sizeof(first)));
+        EXPECT_EQ(bytes.substr(data + 8, 16), std::string(first, 16)) << f;
+        EXPECT_EQ(0, d.Wav_FileClose(h));
+    }
+
+    // Broken headers: short, not RIFF, a format other than PCM, an
+    // extensible fmt chunk claiming fewer than 16 bytes.
+    std::string hdr = ContentDir::Read(std::string(SONVARA_FIXTURES_DIR) + "/wav16_6ch_ext_8k.wav");
+    std::string notPcm = hdr;
+    notPcm[20] = 3;
+    notPcm[21] = 0;
+    std::string tinyFmt = hdr;
+    tinyFmt[16] = 8;
+    tinyFmt[17] = tinyFmt[18] = tinyFmt[19] = 0;
+    for (const std::string& bad : {hdr.substr(0, 30), "RIFX" + hdr.substr(4), notPcm, tinyFmt}) {
+        std::string path = dir.Write("bad" + std::to_string(bad.size()) + ".wav", bad);
+        EXPECT_EQ(-7, d.Wav_FileOpen((char*)path.c_str()));
+        EXPECT_EQ(-2, d.GetWaveInfo((char*)path.c_str(), &info));
+    }
+}
+
+TEST(AVRepDlna, Mp3ContentQuestions) {
+    ContentDir dir;
+    CAVRepDlna d;
+    AV_CONTENT_INFO info;
+
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_cbr128_id3.mp3", "song.mp3"), &info));
+    EXPECT_EQ(2, info.NumChannels);
+    EXPECT_EQ(44100u, info.SampleRate);
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_mono_22k.mp3", "song.MP3"), &info));
+    EXPECT_EQ(1, info.NumChannels);
+    EXPECT_EQ(22050u, info.SampleRate);
+    // ".mp3x" passes the four-character test.
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_stereo_11k.mp3", "song.mp3x"), &info));
+    EXPECT_EQ(11025u, info.SampleRate);
+    EXPECT_EQ(-2, content(&d, "/nonexistent/missing.mp3", &info));
+    // Not MPEG audio at all: the parser's answer, the record untouched.
+    EXPECT_EQ(65, content(&d, dir.CopyAs("wav16_stereo_44k.wav", "fake.mp3"), &info));
+    EXPECT_EQ(99, info.NumChannels);
+
+    std::string noExt = dir.CopyAs("sine_vbr_xing.mp3", "track");
+    EXPECT_EQ(1, content(&d, noExt, &info));
+    ASSERT_EQ(0, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/mpeg", &info));
+    EXPECT_EQ(2, info.NumChannels);
+    EXPECT_EQ(44100u, info.SampleRate);
+    ASSERT_EQ(0, d.GetMp3Info((char*)noExt.c_str(), &info));
+}

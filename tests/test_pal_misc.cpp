@@ -1,0 +1,132 @@
+// The phone's network identity, the log line, and the small helpers.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "PAL.h"
+
+namespace {
+
+struct CAPTURE {
+    std::mutex lock;
+    std::vector<std::string> lines;
+};
+
+void capture_line(const char* line, void* ctx) {
+    CAPTURE* c = static_cast<CAPTURE*>(ctx);
+    std::lock_guard<std::mutex> g(c->lock);
+    c->lines.push_back(line);
+}
+
+class EnvVar {
+public:
+    EnvVar(const char* name, const char* value) : m_name(name) {
+        const char* old = getenv(name);
+        m_had = old != nullptr;
+        if (old) m_old = old;
+        if (value) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    ~EnvVar() {
+        if (m_had) {
+            setenv(m_name, m_old.c_str(), 1);
+        } else {
+            unsetenv(m_name);
+        }
+    }
+
+private:
+    const char* m_name;
+    bool m_had;
+    std::string m_old;
+};
+
+}  // namespace
+
+TEST(NicInfo, OverrideAndLoopbackFallback) {
+    char mac[20];
+    char ip[20];
+    {
+        // The namespace has nothing but lo: the fallback picks it.
+        EnvVar e("SONVARA_IFACE", nullptr);
+        ASSERT_NE(0, GetNICInfo(mac, ip));
+        EXPECT_STREQ("127.0.0.1", ip);
+        EXPECT_STREQ("00:00:00:00:00:00", mac);
+    }
+    {
+        EnvVar e("SONVARA_IFACE", "lo");
+        ASSERT_NE(0, GetNICInfo(mac, ip));
+        EXPECT_STREQ("127.0.0.1", ip);
+    }
+    {
+        // A named interface that does not exist is an error, not a guess.
+        EnvVar e("SONVARA_IFACE", "wlan-does-not-exist-and-is-far-too-long-for-a-name");
+        memset(ip, 'x', sizeof(ip));
+        EXPECT_EQ(0, GetNICInfo(mac, ip));
+        EXPECT_STREQ("", ip);
+    }
+    EXPECT_EQ(0, GetNICInfo(nullptr, ip));
+    EXPECT_STREQ("", gmasterip);
+}
+
+TEST(DebugUi, OneWholeLinePerCallToTheSink) {
+    CAPTURE cap;
+    debug_UI_SetSink(capture_line, &cap);
+    debug_UI("[AVStreamer m_groupId : %d] ServerOpen() Start", 3);
+    debug_UI("DeleteGroup--- Ret %u\n", 259u);
+    std::string longText(5000, 'q');
+    debug_UI("%s", longText.c_str());
+    debug_UI_SetSink(nullptr, nullptr);
+    debug_UI("not captured");
+
+    ASSERT_EQ(3u, cap.lines.size());
+    EXPECT_EQ("[AVStreamer m_groupId : 3] ServerOpen() Start", cap.lines[0]);
+    EXPECT_EQ("DeleteGroup--- Ret 259", cap.lines[1]);
+    EXPECT_GT(cap.lines[2].size(), 500u);
+    EXPECT_LT(cap.lines[2].size(), 5000u);
+}
+
+// Run only as a child of the next test (the log target is chosen once per
+// process, so each target needs a fresh process).
+TEST(DebugUi, DISABLED_ChildLogsTwoLines) {
+    debug_UI("PlurafonMgr::CreateGroup+++");
+    debug_UI("PlurafonMgr::CreateGroup---");
+}
+
+TEST(DebugUi, LogTargetComesFromTheEnvironment) {
+    char dir[] = "/tmp/sonvara-log-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    std::string path = std::string(dir) + "/engine.log";
+    for (const char* target : {path.c_str(), "off"}) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            setenv("SONVARA_LOG", target, 1);
+            execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests",
+                  "--gtest_filter=DebugUi.DISABLED_ChildLogsTwoLines", (char*)nullptr);
+            _exit(127);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    FILE* f = fopen(path.c_str(), "r");
+    ASSERT_NE(nullptr, f);
+    char text[256] = {0};
+    size_t n = fread(text, 1, sizeof(text) - 1, f);
+    fclose(f);
+    EXPECT_EQ(std::string("PlurafonMgr::CreateGroup+++\nPlurafonMgr::CreateGroup---\n"),
+              std::string(text, n));
+    unlink(path.c_str());
+    rmdir(dir);
+}
