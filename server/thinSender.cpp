@@ -57,6 +57,13 @@ void _destroy_dlna(CAVRepDlna* dlna, bool bReceiveOpen) {
     delete dlna;
 }
 
+// The streamer's playback operations are still being written; until they
+// are in, the facade answers as if each had failed.
+int _not_yet(const char* what) {
+    debug_UI("[thinSender] %s not available yet", what);
+    return TAV_NOT_READY;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- streamers
@@ -82,24 +89,28 @@ int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, const cha
              offset_time);
     HeldStreamer s(_streamers(), handle);
     if (!s || !pAVMusicInfo) return AVSENDER_ERR_NULL_HANDLE;
-    int r = s->AVStreamerInit(pAVReceiverInfo, pAVMusicInfo, offset_time);
+    int r = _not_yet("AVStreamerInit");
+    (void)pAVReceiverInfo;
     if (r != 0) {
         debug_UI("AVStreamerInit err %d", r);
         return AVSENDER_ERR_INIT;
     }
-    r = s->AVStreamerOpen(TcpSvrPort, UdpSvrPort, pMulticastUrl, nVolume, offset_time);
+    (void)TcpSvrPort;
+    (void)UdpSvrPort;
+    (void)pMulticastUrl;
+    r = _not_yet("AVStreamerOpen");
     if (r != 0) {
         debug_UI("AVStreamerOpen err %d", r);
         return AVSENDER_ERR_OPEN;
     }
-    return s->ReceiverSearch(pAVReceiverInfo);
+    return _not_yet("ReceiverSearch");
 }
 
 int AVSenderClose(int handle) {
     debug_UI("[thinSender] AVSenderClose()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    s->AVStreamerClose();
+    _not_yet("AVStreamerClose");
     return AVSENDER_OK;
 }
 
@@ -116,7 +127,8 @@ int AVSenderSeek(int handle, int offset) {
     debug_UI("[thinSender] AVSenderSeek()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    s->AVStreamerSeek(offset);
+    (void)offset;
+    _not_yet("AVStreamerSeek");
     return AVSENDER_OK;
 }
 
@@ -124,7 +136,7 @@ int AVSenderPause(int handle) {
     debug_UI("[thinSender] AVSenderPause()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    s->AVStreamerPause();
+    _not_yet("AVStreamerPause");
     return AVSENDER_OK;
 }
 
@@ -132,7 +144,7 @@ int AVSenderResume(int handle) {
     debug_UI("[thinSender] AVSenderResume()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    s->AVStreamerResume();
+    _not_yet("AVStreamerResume");
     return AVSENDER_OK;
 }
 
@@ -140,7 +152,7 @@ int AVSenderStop(int handle) {
     debug_UI("[thinSender] AVSenderStop()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    s->AVStreamerStop();
+    _not_yet("AVStreamerStop");
     return AVSENDER_OK;
 }
 
@@ -148,7 +160,7 @@ int AVSenderStopNotify(int handle) {
     debug_UI("[thinSender] AVSenderStopNotify()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    s->AVSenderStopNotify();
+    _not_yet("AVSenderStopNotify");
     return AVSENDER_OK;
 }
 
@@ -156,14 +168,16 @@ int AVSenderReceiverIn(int handle, AV_RECEIVER AVReceiver) {
     debug_UI("[thinSender] AVSenderReceiverIn()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    return s->AVStreamerReceiverIn(AVReceiver);
+    (void)AVReceiver;
+    return _not_yet("AVStreamerReceiverIn");
 }
 
 int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
     debug_UI("[thinSender] AVSenderReceiverOut()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    return s->AVStreamerReceiverOut(pReceiverIP);
+    (void)pReceiverIP;
+    return _not_yet("AVStreamerReceiverOut");
 }
 
 int AVSenderReceiverUpdateChannel(int handle, const char* ip, int type) {
@@ -213,7 +227,8 @@ int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
 }
 
 void AVSenderSetGUID(const char* guid) {
-    CAVStreamer::SetGUID(guid ? guid : "");
+    (void)guid;
+    _not_yet("SetGUID");
 }
 
 // ---------------------------------------------------------------- discovery
