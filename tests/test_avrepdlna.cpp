@@ -469,3 +469,30 @@ TEST(AVRepDlna, WaveContentQuestions) {
         EXPECT_EQ(-2, d.GetWaveInfo((char*)path.c_str(), &info));
     }
 }
+
+TEST(AVRepDlna, Mp3ContentQuestions) {
+    ContentDir dir;
+    CAVRepDlna d;
+    AV_CONTENT_INFO info;
+
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_cbr128_id3.mp3", "song.mp3"), &info));
+    EXPECT_EQ(2, info.NumChannels);
+    EXPECT_EQ(44100u, info.SampleRate);
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_mono_22k.mp3", "song.MP3"), &info));
+    EXPECT_EQ(1, info.NumChannels);
+    EXPECT_EQ(22050u, info.SampleRate);
+    // ".mp3x" passes the four-character test.
+    ASSERT_EQ(0, content(&d, dir.CopyAs("sine_stereo_11k.mp3", "song.mp3x"), &info));
+    EXPECT_EQ(11025u, info.SampleRate);
+    EXPECT_EQ(-2, content(&d, "/nonexistent/missing.mp3", &info));
+    // Not MPEG audio at all: the parser's answer, the record untouched.
+    EXPECT_EQ(65, content(&d, dir.CopyAs("wav16_stereo_44k.wav", "fake.mp3"), &info));
+    EXPECT_EQ(99, info.NumChannels);
+
+    std::string noExt = dir.CopyAs("sine_vbr_xing.mp3", "track");
+    EXPECT_EQ(1, content(&d, noExt, &info));
+    ASSERT_EQ(0, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/mpeg", &info));
+    EXPECT_EQ(2, info.NumChannels);
+    EXPECT_EQ(44100u, info.SampleRate);
+    ASSERT_EQ(0, d.GetMp3Info((char*)noExt.c_str(), &info));
+}

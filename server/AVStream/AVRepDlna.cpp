@@ -22,10 +22,7 @@
 
 #include <new>
 
-#if __has_include("MP3Parser.h")
 #include "MP3Parser.h"
-#define AVREPDLNA_HAVE_MP3PARSER 1
-#endif
 
 char CAVRepDlna::mguid[AV_GUID_LEN];
 unsigned int CAVRepDlna::device_search_seq;
@@ -41,7 +38,7 @@ const int kExitBufSize = 1024;    // an EXIT announcement is at most 1023 bytes
 const int kTcpAnswerBufSize = 1024;
 // The collector looks at its exit flag this often, so that a search ends
 // promptly after its collection period.
-const int kCollectorPollMs = 50;
+const int kCollectorPollMs = 20;
 const int kReceivePollMs = 1000;
 // The sync thread sleeps in slices of this length so that a close is not
 // held up by a long interval.
@@ -663,7 +660,6 @@ int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
     long handle = path ? PAL_FileOpen(path, FOPEN_READ, 0) : 0;
     if (handle <= 0) return -2;
-#ifdef AVREPDLNA_HAVE_MP3PARSER
     MP3Parser* parser = new (std::nothrow) MP3Parser(handle);
     if (!parser) {
         PAL_FileClose(handle);
@@ -679,10 +675,6 @@ int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
         out->SampleRate = m_ContentInfo.SampleRate;
     }
     delete parser;
-#else
-    (void)out;
-    int ret = -2;
-#endif
     PAL_FileClose(handle);
     return ret;
 }
