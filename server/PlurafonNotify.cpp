@@ -3,9 +3,10 @@
 //
 // Every event takes the same path: check its method id, find a JNIEnv for the
 // calling thread (the loading thread's own, or attach), convert the strings,
-// call the void Java method, clear anything the Java side threw, and detach a
-// thread that was attached for the call. Local string references are left to
-// the detach (or to the return of the loading thread's native frame).
+// call the void Java method, clear anything the Java side threw, drop the
+// local string references (the loading thread may deliver many events inside
+// one native call, e.g. a blocking search), and detach a thread that was
+// attached for the call.
 #include "PlurafonNotify.h"
 
 #include "JniHelper.h"
@@ -28,6 +29,14 @@ jvalue toJava(JNIEnv* env, char* text) {
     jvalue j;
     j.l = jniNewStringUTF(env, text);
     return j;
+}
+
+// Whether the Java argument of a parameter of this type is a local reference.
+constexpr bool isLocalRef(int) {
+    return false;
+}
+constexpr bool isLocalRef(char*) {
+    return true;
 }
 
 struct Callback {
@@ -147,6 +156,7 @@ void PlurafonNotify::_call_java(jmethodID id, const char* vmMissingLine, Args...
     // A braced list is evaluated left to right: strings are made in
     // parameter order.
     jvalue jargs[] = {toJava(env, args)..., jvalue()};
+    const bool refs[] = {isLocalRef(args)..., false};
     env->CallVoidMethodA(_object, id, jargs);
     if (env->ExceptionCheck()) {
         // The engine thread cannot handle a Java exception; report and drop it
@@ -154,6 +164,9 @@ void PlurafonNotify::_call_java(jmethodID id, const char* vmMissingLine, Args...
         debug_UI("PlurafonNotify: the Java callback threw; cleared");
         env->ExceptionDescribe();
         env->ExceptionClear();
+    }
+    for (size_t i = 0; i < sizeof...(Args); i++) {
+        if (refs[i] && jargs[i].l != nullptr) env->DeleteLocalRef(jargs[i].l);
     }
     if (attached) _lpvm->DetachCurrentThread();
 }

@@ -66,8 +66,8 @@ void CAVStreamer::_session_clear(int index) {
     s.szSent = 0;
     s.startSeqNum = 0;
     s.bIsSync = 0;
-    s.hTcpClientSock = 0;
-    s._rtp_sock = 0;
+    s.hTcpClientSock = -1;  // no connection
+    s._rtp_sock = -1;
     s.nDeviceVolume = 0;
     s.uwClientRtpPort = 0;
     s.uwClientRtcpPort = 0;
@@ -219,6 +219,8 @@ int CAVStreamer::_receiver_release_l(int index) {
         debug_UI("xxxcheck [ReceiverRelease] session index %d close __socket %d", index, sock);
         PAL_SockClose(sock);
         s.hTcpClientSock = -1;
+        // The next accept of this slot makes a fresh RTP socket.
+        if (s._rtp_sock >= 0) PAL_SockClose(s._rtp_sock);
         s._rtp_sock = -1;
     }
     PAL_RINGBUF* rb = s.pFD;

@@ -288,7 +288,7 @@ public:
     std::atomic<bool> m_bStreamReady;
     uint8_t m_NumChannels;
     uint32_t m_szSent;
-    uint32_t streamStartTime;
+    std::atomic<uint32_t> streamStartTime;  // sync clock at the first packet sent
     uint32_t mp3FrameStartPos;
     uint32_t mp3LayerIdx;
     uint32_t mp3BitrateIdx;
@@ -318,6 +318,28 @@ public:
 
 private:
     void _notify(int code, intptr_t a, intptr_t b, intptr_t c, intptr_t d);
+
+    // One write of text on session index's control connection, under the
+    // session lock. On success the session's ServerState becomes newState
+    // unless that is negative.
+    enum { AV_WRITE_OK = 0, AV_WRITE_NO_CONN = 1, AV_WRITE_FAIL = 2 };
+    int _session_write(int index, const char* text, int newState = -1);
+    // Index of the first active session at or after from whose address is
+    // ip, or -1.
+    int _find_session(const char* ip, int from);
+    void _store_and_send_volume(int index, int volume);
+
+    // Control server steps (ServerListenThread).
+    void _accept_receiver(bool* rtpStarted);
+    void _check_waiting_receivers(bool* rtpStarted);
+    void _release_bye(int index);
+
+    // RTP stream thread steps.
+    void _serve_session_l(int index, unsigned char* reportFlag);
+    void _line_up_session_l(int index);
+    // Milliseconds of PCM that bytes of the sent stream play for (0 when the
+    // music format is not known).
+    uint64_t _pcm_bytes_to_ms(uint64_t bytes);
 };
 
 #endif

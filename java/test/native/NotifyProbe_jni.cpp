@@ -59,8 +59,17 @@ void fireAll(PlurafonNotify* n) {
     n->NoitfyReceiverVolumeChanged(7, ip, mac, guid, badName, 9);
 }
 
+struct FireJob {
+    PlurafonNotify* notifier;
+    int rounds;
+};
+
+void fireRounds(const FireJob* job) {
+    for (int i = 0; i < job->rounds; i++) fireAll(job->notifier);
+}
+
 void* fireThread(void* arg) {
-    fireAll(static_cast<PlurafonNotify*>(arg));
+    fireRounds(static_cast<FireJob*>(arg));
     return nullptr;
 }
 
@@ -76,14 +85,14 @@ jlong JNICALL create(JNIEnv* env, jclass, jobject target) {
     return static_cast<jlong>(reinterpret_cast<intptr_t>(n));
 }
 
-void JNICALL fire(JNIEnv*, jclass, jlong h, jboolean onNativeThread) {
-    PlurafonNotify* n = fromHandle(h);
+void JNICALL fire(JNIEnv*, jclass, jlong h, jboolean onNativeThread, jint rounds) {
+    FireJob job = {fromHandle(h), rounds};
     if (!onNativeThread) {
-        fireAll(n);
+        fireRounds(&job);
         return;
     }
     pthread_t t;
-    if (pthread_create(&t, nullptr, fireThread, n) == 0) pthread_join(t, nullptr);
+    if (pthread_create(&t, nullptr, fireThread, &job) == 0) pthread_join(t, nullptr);
 }
 
 void JNICALL destroy(JNIEnv*, jclass, jlong h) {
@@ -125,7 +134,7 @@ jstring JNICALL engineText(JNIEnv* env, jclass, jbyteArray raw) {
 const JNINativeMethod kMethods[] = {
     {const_cast<char*>("create"), const_cast<char*>("(Ljava/lang/Object;)J"),
      reinterpret_cast<void*>(create)},
-    {const_cast<char*>("fire"), const_cast<char*>("(JZ)V"), reinterpret_cast<void*>(fire)},
+    {const_cast<char*>("fire"), const_cast<char*>("(JZI)V"), reinterpret_cast<void*>(fire)},
     {const_cast<char*>("destroy"), const_cast<char*>("(J)V"), reinterpret_cast<void*>(destroy)},
     {const_cast<char*>("setVmMissing"), const_cast<char*>("(Z)V"),
      reinterpret_cast<void*>(setVmMissing)},

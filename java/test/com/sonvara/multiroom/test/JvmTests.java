@@ -11,7 +11,7 @@ public final class JvmTests {
 
     public static void main(String[] args) throws Exception {
         if (args.length != 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|stress");
+            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|stress");
             System.exit(2);
         }
         switch (args[0]) {
@@ -23,6 +23,9 @@ public final class JvmTests {
                 break;
             case "guid":
                 BridgeTests.runGuid();
+                break;
+            case "onload":
+                OnLoadTests.run();
                 break;
             case "stress":
                 StressTests.run();

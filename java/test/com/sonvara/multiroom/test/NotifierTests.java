@@ -94,6 +94,12 @@ final class NotifierTests {
         for (EventLog.Event e : log.events()) {
             Check.eq("second Java thread: thread of " + e.text, worker, e.thread);
         }
+
+        // Many events inside one native call of the loading thread (a blocking
+        // search does this) must not pile up local references.
+        log.clear();
+        NotifyProbe.fire(n, false, 100);
+        Check.eq("100 rounds in one native call", 100 * ALL.size(), log.texts().size());
         NotifyProbe.destroy(n);
     }
 

@@ -11,8 +11,12 @@ final class NotifyProbe {
     /** A notifier bound to target's callback methods; 0 if it could not be made. */
     static native long create(Object target);
 
-    /** Raises every event once, on the calling thread or on a fresh native thread. */
-    static native void fire(long notifier, boolean onNativeThread);
+    /** Raises every event rounds times, on the calling thread or on one fresh native thread. */
+    static native void fire(long notifier, boolean onNativeThread, int rounds);
+
+    static void fire(long notifier, boolean onNativeThread) {
+        fire(notifier, onNativeThread, 1);
+    }
 
     static native void destroy(long notifier);
 

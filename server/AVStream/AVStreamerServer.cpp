@@ -1,0 +1,527 @@
+// The streamer's control server: the TCP listener its receivers connect to,
+// the socket on the multicast group, the RTP/RTCP sockets, the thread that
+// waits on all of them, the receivers' text requests and the replies.
+//
+// Allocates: the 1600-byte RTP send buffer, one RTP socket and one 409600-byte
+// ring buffer per accepted session (kept for reuse until ServerClose).
+// Runs on: ServerListenThread (requests, accepts, time-outs); the caller's
+// thread for init/open/close.
+// Locks: one session `_lpmutex` at a time, never across select(); events of
+// a request are raised after its lock is released.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include "AVStreamer.h"
+
+// A decimal field of a request, read the way a "%hu" scan would (a leading
+// sign or blanks accepted, the value cut to 16 bits) but with no undefined
+// overflow. 0 when there are no digits.
+static unsigned short parse_u16(const char* p) {
+    if (p == nullptr) return 0;
+    char* end = nullptr;
+    unsigned long v = strtoul(p, &end, 10);
+    return end == p ? 0 : (unsigned short)v;
+}
+
+// The value after "<key>" in req, or 0 when the key is absent.
+static unsigned short header_u16(const char* req, const char* key) {
+    const char* p = strstr(req, key);
+    return p ? parse_u16(p + strlen(key)) : 0;
+}
+
+bool CAVStreamer::ServerInit() {
+    debug_UI("[AVStreamer m_groupId : %d] ServerInit() Start", m_groupId);
+    m_RtpPacket.nPayloadType = RTP_PT_AUDIO;
+    m_RtpPacket.bMarker = 1;
+    m_RtpPacket.unSeqNum = 1;
+    m_RtpPacket.unSsrc = PAL_rand(0x7FFFFFFF);
+    m_pSvrListenSem = nullptr;
+    m_hSerListenThrId = nullptr;
+    m_pRtpSvrSem = nullptr;
+    m_hRtpSvrThrId = nullptr;
+    m_pSendBuf = nullptr;
+    m_bStreamReady = false;
+    m_bSerExit = false;
+    AV_STREAMER_SOCK* socks[4] = {&m_TcpSvr, &m_MulticastSvr, &m_RtpSvr, &m_RtcpSvr};
+    for (AV_STREAMER_SOCK* s : socks) memset(s, 0, sizeof(*s));
+    m_TcpSvr.nType = PAL_SOCK_TCP;
+    m_MulticastSvr.nType = PAL_SOCK_UDP;
+    m_MulticastSvr.nNetType = PAL_NET_MULTI;
+    m_RtpSvr.nType = PAL_SOCK_UDP;
+    m_RtcpSvr.nType = PAL_SOCK_UDP;
+    for (AV_STREAMER_SOCK* s : socks) {
+        s->nSock = PAL_SockCreate(s->nType);
+        if (s->nSock == -1) return false;
+    }
+    debug_UI("[AVStreamer m_groupId : %d] ServerInit() End", m_groupId);
+    return true;
+}
+
+int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
+    debug_UI("[AVStreamer m_groupId : %d] ServerOpen() Start", m_groupId);
+    m_pSendBuf = (char*)calloc(1, AV_RTP_SEND_BUF_SIZE);
+    if (m_pSendBuf == nullptr) return 4;
+
+    // Another streamer may hold the port: drift upwards by a random step.
+    unsigned short port = tcpPort;
+    int res = PAL_SockServerOpen(m_TcpSvr.nSock, nullptr, port, PAL_SOCK_TCP, PAL_NET_UNI);
+    for (int retry = 0; res != 0 && retry < 3; retry++) {
+        port = (unsigned short)(port + PAL_rand(4000));
+        res = PAL_SockServerOpen(m_TcpSvr.nSock, nullptr, port, PAL_SOCK_TCP, PAL_NET_UNI);
+    }
+    if (res == -1) return 11;
+    m_TcpSvr.uwPort = port;
+
+    m_MulticastSvr.uwPort = m_MulticastPort;
+    if (PAL_SockServerOpen(m_MulticastSvr.nSock, m_pMulticastIP, m_MulticastPort, PAL_SOCK_UDP,
+                           PAL_NET_MULTI) == -1)
+        return 13;
+    if (PAL_SockJoinGroup(m_MulticastSvr.nSock, m_pMulticastIP, m_pMyIP) == -1) return 14;
+
+    m_RtpSvr.uwPort = rtpPort;
+    m_RtcpSvr.uwPort = (unsigned short)(rtpPort + 1);
+    if (PAL_SockServerOpen(m_RtpSvr.nSock, nullptr, m_RtpSvr.uwPort, PAL_SOCK_UDP, PAL_NET_UNI) ==
+            -1 ||
+        PAL_SockServerOpen(m_RtcpSvr.nSock, nullptr, m_RtcpSvr.uwPort, PAL_SOCK_UDP, PAL_NET_UNI) ==
+            -1)
+        return 12;
+
+    int ret = ServerListen();
+    if (ret == 0) debug_UI("[AVStreamer m_groupId : %d] ServerOpen() End", m_groupId);
+    return ret;
+}
+
+int CAVStreamer::ServerListen() {
+    debug_UI("[AVStreamer m_groupId : %d] ServerListen()", m_groupId);
+    if (!PAL_SemCreate(&m_pSvrListenSem, 0)) return 15;
+    if (!PAL_ThreadCreate(&m_hSerListenThrId, ServerListenThread, this,
+                          PAL_THREAD_PRIO_TIMESHARE)) {
+        PAL_SemDelete(m_pSvrListenSem);
+        m_pSvrListenSem = nullptr;
+        return 6;
+    }
+    return 0;
+}
+
+void CAVStreamer::_accept_receiver(bool* rtpStarted) {
+    struct sockaddr_in peer;
+    socklen_t len = sizeof(peer);
+    memset(&peer, 0, sizeof(peer));
+    int conn = accept(m_TcpSvr.nSock, (struct sockaddr*)&peer, &len);
+    if (conn < 0) {
+        int err = errno;
+        debug_UI("[AVStreamer m_groupId : %d] ServerListenThread Socket accept Fail code : %s/%d",
+                 m_groupId, strerror(err), err);
+        return;
+    }
+    if (m_AVRcvSessInfo.nAVRcvSessCnt >= _receiver_count()) {
+        PAL_SockClose(conn);
+        return;
+    }
+    char ip[AV_IP_LEN] = {0};
+    if (inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof(ip)) == nullptr) ip[0] = 0;
+
+    // The first entry of this address that is not connected yet: a receiver
+    // that connects twice must not take over its own live session.
+    int index = -1;
+    int maxIdx = m_max_idx;
+    for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        const AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        if (r.bActive && !s.bActive && strcmp(r.pReceiverIP, ip) == 0) {
+            index = i;  // keep the lock
+            break;
+        }
+        PAL_MutexUnLock(s._lpmutex);
+    }
+    if (index < 0) {
+        PAL_SockClose(conn);
+        return;
+    }
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    const AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[index];
+    if (s._rtp_sock < 0) {
+        int rtp = PAL_SockCreate(PAL_SOCK_UDP);
+        if (rtp == -1) {
+            PAL_MutexUnLock(s._lpmutex);
+            PAL_SockClose(conn);
+            return;
+        }
+        debug_UI("rtp open __socket %d", rtp);
+        PAL_SetBlockingMode(rtp, 0);
+        int sndbuf = 0;
+        socklen_t optlen = sizeof(sndbuf);
+        if (getsockopt(rtp, SOL_SOCKET, SO_SNDBUF, &sndbuf, &optlen) == 0) {
+            sndbuf *= 2;
+            setsockopt(rtp, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof(sndbuf));
+        }
+        s._rtp_sock = rtp;
+    }
+    memcpy(s.pReceiverIP, ip, sizeof(s.pReceiverIP));
+    s.ServerState = AV_STREAMER_STATE_NA;
+    s.bActive = true;
+    s.ChannelType = r.ChannelType;
+    s.bIsSync = r.bIsSync;
+    s.bIsPlayable = false;
+    if (r.ChannelType == AV_CHANNEL_PARTY)
+        s.NumChannels = m_AVMusicInfo.NumChannels < 2 ? m_AVMusicInfo.NumChannels : 2;
+    else
+        s.NumChannels = 1;
+    m_NumChannels = s.NumChannels;
+    s.hTcpClientSock = conn;
+    if (s.pFD == nullptr) s.pFD = Pal_RingBufCreate(RING_BUFFER_TOTAL_SIZE);
+    if (s.pFD != nullptr) Pal_RingBufReset(s.pFD);
+    m_AVRcvSessInfo.nAVRcvSessCnt++;
+    int type = s.ChannelType;
+    PAL_MutexUnLock(s._lpmutex);
+    debug_UI(
+        "[AVStreamer m_groupId : %d] PAL_SockOpen TCP accept  Ip "
+        "pAVStreamer->m_AVRcvSessInfo.AVRcvSess[%d].ChannelType = %d",
+        m_groupId, index, type);
+    if (_receiver_count() == m_AVRcvSessInfo.nAVRcvSessCnt && !*rtpStarted) {
+        AddRtpStreamer();
+        *rtpStarted = true;
+    }
+}
+
+void CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
+    unsigned int now = PAL_GetClock();
+    int sessCnt = m_AVRcvSessInfo.nAVRcvSessCnt;
+    // Some receivers are slow or gone: start with those that came.
+    if (!*rtpStarted && sessCnt > 0 && sessCnt < _receiver_count() &&
+        now - m_unSearchBaseClock > AV_SEARCH_WAIT_MS) {
+        AddRtpStreamer();
+        int maxIdx = m_max_idx;
+        for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+            PAL_MutexLock(s._lpmutex, 1);
+            if (!s.bActive) m_AVReceiverInfo.AVReceiver[i].bIsSync = 0;
+            PAL_MutexUnLock(s._lpmutex);
+        }
+        *rtpStarted = true;
+    }
+    // Receivers that never connected after being searched are dropped.
+    int maxIdx = m_max_idx;
+    for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        if (r.bActive && !s.bActive && r.SearchTs != 0 && now - r.SearchTs > AV_ACCEPT_WAIT_MS) {
+            _notify(AVMSG_RECEIVER_RESET, (intptr_t)r.pReceiverIP, 0, 0, 0);
+            memset(&r, 0, sizeof(r));
+            int left = _receiver_count_add(-1);
+            int top = i + 1;
+            m_max_idx.compare_exchange_strong(top, i);
+            if (left == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+        }
+        PAL_MutexUnLock(s._lpmutex);
+    }
+}
+
+int CAVStreamer::ServerListenThread(void* param) {
+    CAVStreamer* self = (CAVStreamer*)param;
+    debug_UI("ServerListenThread+++");
+    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+        self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock = -1;
+    int listener = self->m_TcpSvr.nSock;
+    int mcast = self->m_MulticastSvr.nSock;
+    int maxFd = listener > mcast ? listener : mcast;
+    bool rtpStarted = false;
+    while (!self->m_bSerExit) {
+        fd_set rs;
+        FD_ZERO(&rs);
+        if (listener >= 0 && listener < FD_SETSIZE) FD_SET(listener, &rs);
+        if (mcast >= 0 && mcast < FD_SETSIZE) FD_SET(mcast, &rs);
+        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+            int sock = self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock;
+            if (sock < 0 || sock >= FD_SETSIZE) continue;
+            FD_SET(sock, &rs);
+            if (sock > maxFd) maxFd = sock;
+        }
+        struct timeval tv = {0, 200 * 1000};
+        if (select(maxFd + 1, &rs, nullptr, nullptr, &tv) <= 0) FD_ZERO(&rs);
+
+        if (listener >= 0 && listener < FD_SETSIZE && FD_ISSET(listener, &rs))
+            self->_accept_receiver(&rtpStarted);
+        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+            int sock = self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock;
+            if (sock >= 0 && sock < FD_SETSIZE && FD_ISSET(sock, &rs)) self->OnTcpCmdRead(i, &rs);
+        }
+        if (mcast >= 0 && mcast < FD_SETSIZE && FD_ISSET(mcast, &rs)) self->OnMulticastCmdRead();
+        self->_check_waiting_receivers(&rtpStarted);
+    }
+    PAL_SemSignal(self->m_pSvrListenSem, 1);
+    debug_UI("ServerListenThread---");
+    return 0;
+}
+
+void CAVStreamer::_release_bye(int index) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    PAL_MutexLock(s._lpmutex, 1);
+    s.ServerState = AV_STREAMER_STATE_BYE;
+    if (s.bActive) _receiver_release_l(index);
+    PAL_MutexUnLock(s._lpmutex);
+}
+
+int CAVStreamer::OnTcpCmdRead(int index, fd_set* /*readSet*/) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    char req[AV_TCP_REQ_BUF_SIZE] = {0};
+    char ip[AV_IP_LEN] = {0};
+    PAL_MutexLock(s._lpmutex, 1);
+    int sock = s.hTcpClientSock;
+    if (sock < 0) {
+        PAL_MutexUnLock(s._lpmutex);
+        return 0;
+    }
+    int n = PAL_SockRead(sock, PAL_SOCK_TCP, req, AV_TCP_REQ_BUF_SIZE - 1);
+    if (n == 0) {
+        debug_UI("xxxcheck socket read 0  sockfd %d", sock);
+        s.ServerState = AV_STREAMER_STATE_BYE;
+        if (s.bActive) _receiver_release_l(index);
+    }
+    if (n <= 0) {
+        PAL_MutexUnLock(s._lpmutex);
+        return 0;
+    }
+    req[n] = 0;
+    memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
+    PAL_MutexUnLock(s._lpmutex);
+    debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, index);
+
+    if (strstr(req, "LEAVE") != nullptr) {
+        unsigned long long reqTs = 0;
+        const char* p = strstr(req, "REQ_TS:");
+        char num[20] = {0};
+        if (p != nullptr && sscanf(p, "REQ_TS: %19s", num) == 1) reqTs = strtoull(num, nullptr, 10);
+        PAL_MutexLock(s._lpmutex, 1);
+        bool stale = reqTs < s.ReqTs;
+        PAL_MutexUnLock(s._lpmutex);
+        if (stale) return 0;  // an older LEAVE overtaken by a newer JOIN
+        _release_bye(index);
+        _notify(AVMSG_RECEIVER_LEAVE, (intptr_t)ip, m_groupId, 0, 0);
+        if (_receiver_count() == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+    }
+    if (strstr(req, "TEARDOWN") != nullptr) {
+        debug_UI("[AVStreamer m_groupId : %d] TEARDOWN", m_groupId);
+        _release_bye(index);
+        _notify(AVMSG_RECEIVER_RESET, (intptr_t)ip, 0, 0, 0);
+        if (_receiver_count() == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+        return 1;
+    }
+    if (strstr(req, "BYE_ACK") != nullptr) {
+        debug_UI(">>>>> BYE_ACK ServerState %d ", (int)s.ServerState);
+        _release_bye(index);
+        if (m_AVRcvSessInfo.nAVRcvSessCnt == 0)
+            debug_UI("BYE_ACK complete  current clock %llu", (unsigned long long)PAL_GetClock());
+        return 1;
+    }
+    if (strstr(req, "ALIVED") != nullptr) {
+        PAL_MutexLock(s._lpmutex, 1);
+        s.uwAliveClock = PAL_GetClock();
+        PAL_MutexUnLock(s._lpmutex);
+    }
+    const char* vol = strstr(req, "VOLUME_CHANGED");
+    if (vol != nullptr) {
+        PAL_MutexLock(s._lpmutex, 1);
+        if (vol[14] == ' ') s.nDeviceVolume = parse_u16(vol + 15);
+        int v = s.nDeviceVolume;
+        PAL_MutexUnLock(s._lpmutex);
+        _notify(AVMSG_RECEIVER_VOLUMECHANGED, v, (intptr_t)ip, 0, 0);
+    }
+    if (strstr(req, "CHANNEL") != nullptr) {
+        debug_UI("[AVStreamer m_groupId : %d] CHANNEL", m_groupId);
+        PAL_MutexLock(s._lpmutex, 1);
+        s.uwClientSyncPort = header_u16(req, "SyncPort:");
+        if (++nAVRcvReadyCnt == 1) s.bRefRcv = true;
+        s.ServerState = AV_STREAMER_STATE_SEARCH;
+        PAL_MutexUnLock(s._lpmutex);
+        ReceiverAddStart(index);
+        return 1;
+    }
+    if (s.ServerState == AV_STREAMER_STATE_CLOCK) {
+        // Whatever the receiver sends now is its answer to the clock request.
+        const char* p = strstr(req, "Clock: ");
+        if (p != nullptr) m_unRefBaseClock = (uint32_t)strtoul(p + 7, nullptr, 10);
+        m_unSvrBaseClock = PAL_GetClock();
+        s.ServerState = AV_STREAMER_STATE_PLAY;
+        return 1;
+    }
+    const char* cs = strstr(req, "CSeq: ");
+    unsigned short cseq = cs ? parse_u16(cs + 6) : 0;
+    if (cseq == 0) return 1;
+    if (strstr(req, "DESCRIBE") != nullptr) {
+        debug_UI("[AVStreamer m_groupId : %d] DESCRIBE", m_groupId);
+        s.ServerState = AV_STREAMER_STATE_DESCRIBE;
+        SendSDP(index, cseq);
+    } else if (strstr(req, "SETUP") != nullptr) {
+        unsigned short rtpPort = 0, rtcpPort = 0;
+        const char* p = strstr(req, "client_port=");
+        if (p != nullptr) {
+            char* end = nullptr;
+            p += strlen("client_port=");
+            unsigned long a = strtoul(p, &end, 10);
+            if (end != p) {
+                rtpPort = (unsigned short)a;
+                if (*end == '-') rtcpPort = parse_u16(end + 1);
+            }
+        }
+        PAL_MutexLock(s._lpmutex, 1);
+        s.uwClientRtpPort = rtpPort;
+        s.uwClientRtcpPort = rtcpPort;
+        PAL_MutexUnLock(s._lpmutex);
+        debug_UI("[AVStreamer m_groupId : %d] SETUP", m_groupId);
+        s.ServerState = AV_STREAMER_STATE_SETUP;
+        SendResSetup(index, cseq);
+    } else if (strstr(req, "PLAY") != nullptr) {
+        debug_UI("[AVStreamer m_groupId : %d] PLAY", m_groupId);
+        PAL_MutexLock(s._lpmutex, 1);
+        s.ServerState = AV_STREAMER_STATE_PLAY;
+        s.bIsPlayable = true;
+        int volume = m_AVReceiverInfo.AVReceiver[index]._volume;
+        PAL_MutexUnLock(s._lpmutex);
+        SendResponse(index, cseq);
+        ReceiverVolume(index, volume);
+    } else if (strstr(req, "PAUSE") != nullptr) {
+        s.ServerState = AV_STREAMER_STATE_PAUSE;
+        SendResponse(index, cseq);
+    }
+    return 1;
+}
+
+int CAVStreamer::OnMulticastCmdRead() {
+    char msg[AV_MULTICAST_REQ_BUF_SIZE] = {0};
+    char from[AV_IP_LEN] = {0};
+    int n =
+        PAL_SockRecvFrom(m_MulticastSvr.nSock, msg, AV_MULTICAST_REQ_BUF_SIZE - 1, from, nullptr);
+    if (n <= 0) return 0;
+    msg[n] = 0;
+    const char* join = strstr(msg, "JOIN");
+    if (join != nullptr) {
+        debug_UI("JOIN");
+        char addr[AV_IP_LEN] = {0};
+        if (sscanf(join, "JOIN %19s", addr) != 1) addr[0] = 0;
+        const char* ts = strstr(msg, "REQ_TS:");
+        int maxIdx = m_max_idx;
+        for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+            PAL_MutexLock(s._lpmutex, 1);
+            bool match = strcmp(s.pReceiverIP, addr) == 0;
+            if (match && ts != nullptr) s.ReqTs = (uint32_t)strtoul(ts + 7, nullptr, 10);
+            PAL_MutexUnLock(s._lpmutex);
+            if (match) break;
+        }
+        _notify(AVMSG_RECEIVER_FOUND, (intptr_t)addr, (intptr_t)msg, (intptr_t)this, 0);
+    } else if (strstr(msg, "MASTERSEARCH") != nullptr) {
+        // Receivers elect their master among themselves; the sender only
+        // reads the announcement (sender address in from) and stays silent.
+        char name[AV_NAME_LEN] = {0};
+        const char* p = strstr(msg, "NAME: ");
+        if (p != nullptr) {
+            p += strlen("NAME: ");
+            const char* end = strstr(p, "\r\n");
+            size_t len = end ? (size_t)(end - p) : strlen(p);
+            if (len > sizeof(name) - 1) len = sizeof(name) - 1;
+            memcpy(name, p, len);
+        }
+    }
+    return 1;
+}
+
+int CAVStreamer::SendResponse(int index, unsigned short cseq) {
+    char reply[AV_TCP_REQ_BUF_SIZE] = {0};
+    snprintf(reply, sizeof(reply), "RTSP/1.0 200 OK\r\nCseq: %d\r\n\r\n", cseq);
+    return _session_write(index, reply) == AV_WRITE_OK ? 1 : 0;
+}
+
+int CAVStreamer::SendResSetup(int index, unsigned short cseq) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    char reply[AV_TCP_REQ_BUF_SIZE] = {0};
+    PAL_MutexLock(s._lpmutex, 1);
+    snprintf(reply, sizeof(reply),
+             "RTSP/1.0 200 OK\r\nCseq: %d\r\nTransport: "
+             "RTP/AVP;unicast;client_port=%d-%d;server_port=%d-%d\r\n\r\n",
+             cseq, s.uwClientRtpPort, s.uwClientRtcpPort, m_RtpSvr.uwPort, m_RtcpSvr.uwPort);
+    PAL_MutexUnLock(s._lpmutex);
+    debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, index);
+    debug_UI("[AVStreamer m_groupId : %d] SETUP ACK", m_groupId);
+    return _session_write(index, reply) == AV_WRITE_OK ? 1 : 0;
+}
+
+int CAVStreamer::SendSDP(int index, unsigned short cseq) {
+    char body[512] = {0};
+    char reply[AV_TCP_REQ_BUF_SIZE] = {0};
+    // Receivers are always sent 2-channel PCM, whatever the file holds.
+    snprintf(body, sizeof(body), "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L%d/%d/%d\r\ni=%s\r\n",
+             m_AVMusicInfo.BytesPerSample * 8, (int)m_AVMusicInfo.SampleRate, 2,
+             m_AVMusicInfo.pContentTitle);
+    snprintf(reply, sizeof(reply),
+             "RTSP/1.0 200 OK\r\nCseq: %d\r\nContent-Type: application/sdp\r\nContent-Length: "
+             "%d\r\n\r\n%s",
+             cseq, (int)strlen(body), body);
+    debug_UI("[AVStreamer m_groupId : %d] m_AVMusicInfo.BytesPerSample[%d]==============",
+             m_groupId, m_AVMusicInfo.BytesPerSample);
+    debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, index);
+    debug_UI("[AVStreamer m_groupId : %d] SDP", m_groupId);
+    return _session_write(index, reply, AV_STREAMER_STATE_SEND_SDP) == AV_WRITE_OK ? 1 : 0;
+}
+
+// Waits for a worker thread's way-out signal, then forgets the semaphore.
+static void wait_and_delete_sem(PAL_SEM** sem) {
+    if (*sem == nullptr) return;
+    PAL_SemWait(*sem, 1);
+    PAL_SemDelete(*sem);
+    *sem = nullptr;
+}
+
+static void close_server_sock(AV_STREAMER_SOCK* s) {
+    if (s->nSock > 0) PAL_SockClose(s->nSock);
+    s->nSock = -1;
+}
+
+int CAVStreamer::ServerClose() {
+    wait_and_delete_sem(&m_pMusicSrcSem);
+    debug_UI("ServerClose ServerListen Thread quit2");
+    wait_and_delete_sem(&m_pSvrListenSem);
+    wait_and_delete_sem(&m_pRtpSvrSem);
+    PAL_ThreadExit(m_hMusicSrcThrId);
+    m_hMusicSrcThrId = nullptr;
+    PAL_ThreadExit(m_hSerListenThrId);
+    m_hSerListenThrId = nullptr;
+    PAL_ThreadExit(m_hRtpSvrThrId);
+    m_hRtpSvrThrId = nullptr;
+
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        int sock = s.hTcpClientSock;
+        if (sock >= 0) {
+            PAL_SetBlockingMode(sock, 1);
+            PAL_SockClose(sock);
+        }
+        s.hTcpClientSock = -1;
+        PAL_RINGBUF* rb = s.pFD;
+        if (rb != nullptr) Pal_RingBufClose(rb);
+        s.pFD = nullptr;
+        PAL_MutexUnLock(s._lpmutex);
+        if (s._lpmutex != nullptr) PAL_MutexDelete(s._lpmutex);
+        s._lpmutex = nullptr;
+        if (s._rtp_sock >= 0) PAL_SockClose(s._rtp_sock);
+        s._rtp_sock = -1;
+    }
+
+    close_server_sock(&m_TcpSvr);
+    if (m_MulticastSvr.nSock > 0) PAL_SockLeaveGroup(m_MulticastSvr.nSock, m_pMulticastIP, m_pMyIP);
+    close_server_sock(&m_MulticastSvr);
+    close_server_sock(&m_RtpSvr);
+    close_server_sock(&m_RtcpSvr);
+    free(m_pSendBuf);
+    m_pSendBuf = nullptr;
+    return 1;
+}

@@ -1,0 +1,284 @@
+// Test harness for CAVStreamer: an event recorder, a scripted receiver that
+// talks the control protocol over real loopback sockets (bound to its own
+// 127.0.0.x address), and helpers to bring a streamer's server up without a
+// content file. Header-only; used by the streamer tests.
+#ifndef STREAMER_HARNESS_H
+#define STREAMER_HARNESS_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AVStreamer.h"
+#include "RxSocket.h"
+
+// One event as the streamer raised it; texts copied during the call.
+struct StreamerEvent {
+    int code;
+    intptr_t a, b, c, d;
+    std::string textA, textB;
+};
+
+class EventLog {
+public:
+    static void Notify(intptr_t parent, intptr_t code, intptr_t a, intptr_t b, intptr_t c,
+                       intptr_t d) {
+        EventLog* self = (EventLog*)parent;
+        StreamerEvent e{(int)code, a, b, c, d, "", ""};
+        if (code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_LEAVE ||
+            code == AVMSG_RECEIVER_RESET) {
+            e.textA = (const char*)a;
+        }
+        if (code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_VOLUMECHANGED)
+            e.textB = (const char*)b;
+        std::lock_guard<std::mutex> g(self->m_lock);
+        self->m_events.push_back(e);
+        self->m_cv.notify_all();
+    }
+    // Waits for the n-th (1-based) event of the code; false on time-out.
+    bool WaitFor(int code, int n = 1, int timeoutMs = 10000, StreamerEvent* out = nullptr) {
+        std::unique_lock<std::mutex> g(m_lock);
+        return m_cv.wait_for(g, std::chrono::milliseconds(timeoutMs), [&] {
+            int seen = 0;
+            for (const StreamerEvent& e : m_events) {
+                if (e.code == code && ++seen == n) {
+                    if (out) *out = e;
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+    int Count(int code) {
+        std::lock_guard<std::mutex> g(m_lock);
+        int n = 0;
+        for (const StreamerEvent& e : m_events) n += e.code == code;
+        return n;
+    }
+    std::vector<StreamerEvent> All() {
+        std::lock_guard<std::mutex> g(m_lock);
+        return m_events;
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_cv;
+    std::vector<StreamerEvent> m_events;
+};
+
+// Captures every log line while alive.
+class LogCapture {
+public:
+    LogCapture() { debug_UI_SetSink(&LogCapture::Sink, this); }
+    ~LogCapture() { debug_UI_SetSink(nullptr, nullptr); }
+    bool Has(const std::string& line) {
+        std::lock_guard<std::mutex> g(m_lock);
+        for (const std::string& l : m_lines)
+            if (l == line) return true;
+        return false;
+    }
+    size_t Size() {
+        std::lock_guard<std::mutex> g(m_lock);
+        return m_lines.size();
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> g(m_lock);
+        m_lines.clear();
+    }
+
+private:
+    static void Sink(const char* line, void* ctx) {
+        LogCapture* self = (LogCapture*)ctx;
+        std::lock_guard<std::mutex> g(self->m_lock);
+        std::string l(line);
+        while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.pop_back();
+        self->m_lines.push_back(l);
+    }
+    std::mutex m_lock;
+    std::vector<std::string> m_lines;
+};
+
+inline unsigned int NowMs() {
+    return PAL_GetClock();
+}
+
+struct RxSpec {
+    const char* ip;
+    AV_CHANNEL_TYPE type;
+    int volume;
+};
+
+// Fills the streamer's receiver table and music description as init does,
+// and creates the session mutexes (no content file is opened).
+inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint32_t rate = 44100,
+                            uint8_t channels = 2, uint8_t bytesPerSample = 2,
+                            const char* title = "Test Song") {
+    memset(&s->m_AVReceiverInfo, 0, sizeof(s->m_AVReceiverInfo));
+    for (size_t i = 0; i < rx.size(); i++) {
+        AV_RECEIVER& r = s->m_AVReceiverInfo.AVReceiver[i];
+        snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", rx[i].ip);
+        r.ChannelType = rx[i].type;
+        r._volume = rx[i].volume;
+        r.bActive = 1;
+    }
+    s->m_AVReceiverInfo.nAVReceiverCnt = (char)rx.size();
+    s->m_max_idx = (int)rx.size();
+    memset(&s->m_AVMusicInfo, 0, sizeof(s->m_AVMusicInfo));
+    snprintf(s->m_AVMusicInfo.pContentTitle, sizeof(s->m_AVMusicInfo.pContentTitle), "%s", title);
+    snprintf(s->m_AVMusicInfo.pMime, sizeof(s->m_AVMusicInfo.pMime), "audio/x-wav");
+    s->m_AVMusicInfo.SampleRate = rate;
+    s->m_AVMusicInfo.NumChannels = channels;
+    s->m_AVMusicInfo.BytesPerSample = bytesPerSample;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        s->_session_clear(i);
+        if (s->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr)
+            PAL_MutexCreate(&s->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
+    }
+}
+
+// Brings the control server up on the given ports, multicast on the group.
+inline int OpenServer(CAVStreamer* s, unsigned short tcpPort, unsigned short rtpPort,
+                      unsigned short mcastPort = 21234) {
+    s->m_pMulticastIP = strdup("224.1.2.4");
+    s->m_MulticastPort = mcastPort;
+    snprintf(s->m_pMyIP, sizeof(s->m_pMyIP), "127.0.0.1");
+    if (!s->ServerInit()) return 271;
+    return s->ServerOpen(tcpPort, rtpPort);
+}
+
+inline void CloseServer(CAVStreamer* s) {
+    s->m_bSerExit = true;
+    s->ServerClose();
+    free(s->m_pMulticastIP);
+    s->m_pMulticastIP = nullptr;
+}
+
+// A receiver played by the test: one control connection and one RTP socket,
+// both from its own address.
+class ScriptedReceiver {
+public:
+    explicit ScriptedReceiver(const char* ip) : m_ip(ip) {
+        m_rtp = rx_udp_bind(ip, 0);
+        m_rtpPort = rx_local_port(m_rtp);
+    }
+    ~ScriptedReceiver() {
+        Disconnect();
+        if (m_rtp >= 0) close(m_rtp);
+    }
+    bool Connect(unsigned short port) {
+        m_tcp = rx_tcp_connect(m_ip.c_str(), "127.0.0.1", port, 3000);
+        return m_tcp >= 0;
+    }
+    void Disconnect() {
+        if (m_tcp >= 0) close(m_tcp);
+        m_tcp = -1;
+    }
+    bool Send(const std::string& text) {
+        return m_tcp >= 0 &&
+               send(m_tcp, text.data(), text.size(), MSG_NOSIGNAL) == (ssize_t)text.size();
+    }
+    // The next whole message from the sender ("\r\n\r\n"-terminated, plus a
+    // Content-Length body), or "" on time-out / close.
+    std::string Next(int timeoutMs = 5000) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            size_t end = m_buf.find("\r\n\r\n");
+            if (end != std::string::npos) {
+                size_t len = end + 4;
+                size_t cl = m_buf.find("Content-Length: ");
+                if (cl != std::string::npos && cl < end) len += atoi(m_buf.c_str() + cl + 16);
+                if (m_buf.size() >= len) {
+                    std::string msg = m_buf.substr(0, len);
+                    m_buf.erase(0, len);
+                    return msg;
+                }
+            }
+            int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(
+                           deadline - std::chrono::steady_clock::now())
+                           .count();
+            if (left <= 0 || m_tcp < 0 || rx_wait_readable(m_tcp, left) != 1) return "";
+            char tmp[4096];
+            ssize_t n = recv(m_tcp, tmp, sizeof(tmp), 0);
+            if (n <= 0) return "";
+            m_buf.append(tmp, (size_t)n);
+        }
+    }
+    // True when the sender closed the connection within timeoutMs.
+    bool ClosedByPeer(int timeoutMs = 3000) {
+        if (rx_wait_readable(m_tcp, timeoutMs) != 1) return false;
+        char c;
+        return recv(m_tcp, &c, 1, MSG_PEEK) == 0;
+    }
+    // Nothing arrives on the control connection within ms.
+    bool Quiet(int ms) { return m_buf.empty() && rx_wait_readable(m_tcp, ms) == 0; }
+
+    // The RTSP-like set-up up to PLAY; returns the texts received in order.
+    std::vector<std::string> Handshake(unsigned short syncPort = 5000, bool channel = true) {
+        std::vector<std::string> got;
+        if (channel) {
+            Send("CHANNEL\r\nSyncPort: " + std::to_string(syncPort) + "\r\n\r\n");
+            got.push_back(Next());
+        }
+        Send("DESCRIBE rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+        got.push_back(Next());
+        Send(
+            "SETUP rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 2\r\nTransport: "
+            "RTP/AVP;unicast;client_port=" +
+            std::to_string(m_rtpPort) + "-" + std::to_string(m_rtpPort + 1) + "\r\n\r\n");
+        got.push_back(Next());
+        Send("PLAY rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 3\r\n\r\n");
+        got.push_back(Next());
+        got.push_back(Next());  // the volume that follows PLAY
+        return got;
+    }
+
+    // One RTP datagram, or an empty vector on time-out.
+    std::vector<unsigned char> Rtp(int timeoutMs = 3000) {
+        std::vector<unsigned char> pkt(2048);
+        if (rx_wait_readable(m_rtp, timeoutMs) != 1) return {};
+        ssize_t n = recv(m_rtp, pkt.data(), pkt.size(), 0);
+        pkt.resize(n > 0 ? (size_t)n : 0);
+        return pkt;
+    }
+    void DrainRtp() {
+        while (rx_wait_readable(m_rtp, 0) == 1) {
+            char tmp[2048];
+            if (recv(m_rtp, tmp, sizeof(tmp), 0) <= 0) break;
+        }
+    }
+
+    std::string m_ip;
+    int m_tcp = -1;
+    int m_rtp = -1;
+    unsigned short m_rtpPort = 0;
+    std::string m_buf;
+};
+
+inline unsigned RtpSeq(const std::vector<unsigned char>& p) {
+    return (p[2] << 8) | p[3];
+}
+inline uint32_t RtpTs(const std::vector<unsigned char>& p) {
+    return ((uint32_t)p[4] << 24) | ((uint32_t)p[5] << 16) | ((uint32_t)p[6] << 8) | p[7];
+}
+
+// Polls cond every 5 ms for up to timeoutMs.
+template <typename F>
+bool WaitUntil(F cond, int timeoutMs = 10000) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+#endif

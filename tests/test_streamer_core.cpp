@@ -1,0 +1,646 @@
+// The streamer core against scripted receivers on loopback: state machine,
+// session release, the control handshake byte for byte, hostile requests,
+// RTP pacing/headers/line-up, channel filters, timing rules and the setting
+// commands.
+#include <arpa/inet.h>
+
+#include <atomic>
+#include <map>
+
+#include "streamer_harness.h"
+
+namespace {
+
+const unsigned short kTcpPort = 31554;
+const unsigned short kRtpPort = 35000;
+
+// A streamer whose control server is up; closed at the end of the test.
+class StreamerCore : public ::testing::Test {
+protected:
+    void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
+    void TearDown() override {
+        StopFeeder();
+        if (opened) CloseServer(st);
+        delete st;
+    }
+    void Open(const std::vector<RxSpec>& rx) {
+        PrepareStreamer(st, rx);
+        st->m_unSearchBaseClock = NowMs();
+        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort));
+        opened = true;
+    }
+    AV_RCV_SESS& Sess(int i) { return st->m_AVRcvSessInfo.AVRcvSess[i]; }
+    // The server sets a state once its reply is written, so the peer may see
+    // the reply first.
+    bool StateBecomes(int i, int state) {
+        return WaitUntil([&] { return Sess(i).ServerState == state; }, 3000);
+    }
+    // f() under session i's lock: the control thread writes these fields.
+    template <typename F>
+    auto Locked(int i, F f) {
+        PAL_MutexLock(Sess(i)._lpmutex, 1);
+        auto v = f();
+        PAL_MutexUnLock(Sess(i)._lpmutex);
+        return v;
+    }
+
+    // Plays the music source: the same byte stream to every active session,
+    // each 4-byte word holding its stream offset / 4. A chunk goes out once
+    // every buffer has room for it, so all buffers always hold the same
+    // stream end (the slowest receiver sets the pace).
+    void StartFeeder() {
+        feeding = true;
+        feeder = std::thread([this] {
+            std::vector<uint32_t> chunk(6144 / 4);
+            uint32_t word = 0;
+            while (feeding) {
+                bool room = true;
+                for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                    PAL_RINGBUF* rb = Sess(i).pFD;
+                    if (Sess(i).bActive && rb && Pal_RingBufAvailable(rb) < chunk.size() * 4)
+                        room = false;
+                }
+                if (room) {
+                    for (uint32_t& w : chunk) w = word++;
+                    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+                        EXPECT_TRUE(st->ReceiverMediaWrite((unsigned char)i, (char*)chunk.data(),
+                                                           chunk.size() * 4));
+                }
+                PAL_ThreadSleep(2);
+            }
+        });
+    }
+    void StopFeeder() {
+        feeding = false;
+        if (feeder.joinable()) feeder.join();
+    }
+
+    CAVStreamer* st = nullptr;
+    EventLog events;
+    bool opened = false;
+    std::atomic<bool> feeding{false};
+    std::thread feeder;
+};
+
+// Stream offset of a packet's first payload byte (see StartFeeder); 0 for
+// silence.
+uint32_t PayloadOffset(const std::vector<unsigned char>& p) {
+    uint32_t w;
+    memcpy(&w, p.data() + 12, 4);
+    return w * 4;
+}
+
+bool AllZero(const std::vector<unsigned char>& p) {
+    for (size_t i = 12; i < p.size(); i++)
+        if (p[i]) return false;
+    return true;
+}
+
+}  // namespace
+
+TEST(StreamerState, ActionTableAndStateLog) {
+    CAVStreamer st(nullptr, nullptr, 3);
+    EXPECT_EQ(STREAM_STATE_IDLE, st.GetStreamState());
+    // Rows: IDLE..CLOSE; columns INIT OPEN PLAY STOP PAUSE RESUME CLOSE SEEK.
+    const char* allowed[8] = {"Y-------", "-Y----Y-", "--YYY-YY", "-Y-YY-Y-",
+                              "------Y-", "---Y-YYY", "---YY-YY", "Y-----Y-"};
+    LogCapture log;
+    for (int state = 0; state < 8; state++) {
+        st.SetStreamState(state);
+        EXPECT_EQ(state, st.GetStreamState());
+        for (int action = 0; action < 8; action++)
+            EXPECT_EQ(allowed[state][action] == 'Y', st.canAction(action))
+                << "state " << state << " action " << action;
+        EXPECT_FALSE(st.canAction(STREAM_ACTION_MAX));
+        EXPECT_FALSE(st.canAction(-1));
+    }
+    EXPECT_TRUE(log.Has("[Stream] State STREAM_STATE_OPEN"));
+    EXPECT_TRUE(log.Has("[Stream] State STREAM_STATE_CLOSE"));
+    log.Clear();
+    st.SetStreamState(STREAM_STATE_PAUSE);
+    st.SetStreamState(STREAM_STATE_RESUME);
+    EXPECT_EQ(0u, log.Size());
+    EXPECT_EQ(STREAM_STATE_RESUME, st.GetStreamState());
+}
+
+TEST(StreamerSessions, ReleaseShrinksTopOnlyAndHandsOverReference) {
+    CAVStreamer st(nullptr, nullptr, 3);
+    std::vector<RxSpec> rx;
+    const char* ips[8] = {"10.0.0.50", "10.0.0.1", "10.0.0.2", "10.0.0.50",
+                          "10.0.0.4",  "10.0.0.5", "10.0.0.6", "10.0.0.7"};
+    for (const char* ip : ips) rx.push_back({ip, AV_CHANNEL_FRONT_LEFT, 5});
+    PrepareStreamer(&st, rx);
+    for (int i : {2, 4, 5, 7}) {
+        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
+        s.bActive = true;
+        s.bIsPlayable = true;
+        s.bIsSync = 1;
+        snprintf(s.pReceiverIP, sizeof(s.pReceiverIP), "%s", ips[i]);
+        s.pFD = Pal_RingBufCreate(RING_BUFFER_TOTAL_SIZE);
+    }
+    Pal_RingBufWrite(st.m_AVRcvSessInfo.AVRcvSess[5].pFD, "abcd", 4);
+    st.m_AVRcvSessInfo.AVRcvSess[7].bRefRcv = true;
+    st.m_AVRcvSessInfo.nAVRcvSessCnt = 4;
+    st.nAVRcvReadyCnt = 4;
+
+    EXPECT_EQ(1, st.ReceiverRelease(5));
+    AV_RCV_SESS& s5 = st.m_AVRcvSessInfo.AVRcvSess[5];
+    EXPECT_EQ(8, st.m_max_idx.load());
+    EXPECT_FALSE(s5.bActive);
+    EXPECT_FALSE(s5.bIsPlayable);
+    EXPECT_EQ(0, s5.bIsSync);
+    EXPECT_EQ(0u, Pal_RingBufUsed(s5.pFD));  // emptied, kept for reuse
+    EXPECT_EQ(0, st.m_AVReceiverInfo.AVReceiver[5].bActive);
+    EXPECT_EQ(3, st.m_AVRcvSessInfo.nAVRcvSessCnt);
+    EXPECT_EQ(7, st.m_AVReceiverInfo.nAVReceiverCnt);
+    EXPECT_EQ(3, st.nAVRcvReadyCnt);
+
+    EXPECT_EQ(1, st.ReceiverRelease(7));
+    EXPECT_EQ(7, st.m_max_idx.load());
+    EXPECT_FALSE(st.m_AVRcvSessInfo.AVRcvSess[7].bRefRcv);
+    EXPECT_TRUE(st.m_AVRcvSessInfo.AVRcvSess[2].bRefRcv);
+    EXPECT_FALSE(st.m_AVRcvSessInfo.AVRcvSess[4].bRefRcv);
+
+    // Receivers that never connected: a connected address is kept, a twice
+    // listed one loses its lowest entry only, the top entry shrinks the bound.
+    EXPECT_EQ(0, st.ResetAcceptWaitReceiverInfo("10.0.0.2"));
+    EXPECT_EQ(1, st.ResetAcceptWaitReceiverInfo("10.0.0.50"));
+    EXPECT_EQ(0, st.m_AVReceiverInfo.AVReceiver[0].bActive);
+    EXPECT_EQ(1, st.m_AVReceiverInfo.AVReceiver[3].bActive);
+    EXPECT_EQ(5, st.m_AVReceiverInfo.nAVReceiverCnt);
+    EXPECT_EQ(1, st.ResetAcceptWaitReceiverInfo("10.0.0.6"));
+    EXPECT_EQ(6, st.m_max_idx.load());
+    EXPECT_EQ(0, st.ResetAcceptWaitReceiverInfo("10.0.0.99"));
+    EXPECT_EQ(4, st.m_AVReceiverInfo.nAVReceiverCnt);
+    for (int i : {2, 4, 5, 7}) Pal_RingBufClose(st.m_AVRcvSessInfo.AVRcvSess[i].pFD);
+    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+        PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
+}
+
+namespace {
+// A datagram to the streamer's multicast group from a receiver's address.
+void SendToGroup(const char* from, const std::string& text) {
+    int fd = rx_udp_bind(from, 0);
+    struct sockaddr_in sa;
+    rx_sockaddr("224.1.2.4", 21234, &sa);
+    sendto(fd, text.data(), text.size(), 0, (struct sockaddr*)&sa, sizeof(sa));
+    close(fd);
+}
+
+std::string Sdp(int bits, int rate, const char* title, int cseq) {
+    std::string body = "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L" + std::to_string(bits) + "/" +
+                       std::to_string(rate) + "/2\r\ni=" + title + "\r\n";
+    return "RTSP/1.0 200 OK\r\nCseq: " + std::to_string(cseq) +
+           "\r\nContent-Type: application/sdp\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+}  // namespace
+
+TEST_F(StreamerCore, HandshakeRepliesAreExactAndFirstChannelIsReference) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 7}, {"127.0.0.3", AV_CHANNEL_WOOFER, 9}});
+    ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3");
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    std::vector<std::string> got = r1.Handshake(5000);
+    ASSERT_EQ(5u, got.size());
+    EXPECT_EQ("START\r\nRef: 127.0.0.2:5000\r\nRole: Front_Left\r\n\r\n", got[0]);
+    EXPECT_EQ(Sdp(16, 44100, "Test Song", 1), got[1]);
+    std::string port = std::to_string(r1.m_rtpPort), port1 = std::to_string(r1.m_rtpPort + 1);
+    EXPECT_EQ("RTSP/1.0 200 OK\r\nCseq: 2\r\nTransport: RTP/AVP;unicast;client_port=" + port + "-" +
+                  port1 + ";server_port=35000-35001\r\n\r\n",
+              got[2]);
+    EXPECT_EQ("RTSP/1.0 200 OK\r\nCseq: 3\r\n\r\n", got[3]);
+    EXPECT_EQ("VOLUME: 7\r\n\r\n", got[4]);
+    EXPECT_EQ(AV_STREAMER_STATE_PLAY, Sess(0).ServerState);
+    EXPECT_TRUE(Sess(0).bIsPlayable);
+
+    // The second to report CHANNEL is told about the first.
+    ASSERT_TRUE(r2.Connect(kTcpPort));
+    r2.Send("CHANNEL\r\nSyncPort: 6000\r\n\r\n");
+    EXPECT_EQ("START\r\nRef: 127.0.0.2:5000\r\nRole: Woofer\r\n\r\n", r2.Next());
+    EXPECT_TRUE(Sess(0).bRefRcv);
+    EXPECT_FALSE(Sess(1).bRefRcv);
+    EXPECT_EQ(6000, Locked(1, [&] { return (int)Sess(1).uwClientSyncPort; }));
+    EXPECT_TRUE(StateBecomes(1, AV_STREAMER_STATE_START));
+
+    // Keyword precedence: SETUP beats PLAY, DESCRIBE beats PLAY.
+    r2.Send("SETUP PLAY\r\nCSeq: 4\r\nTransport: RTP/AVP;unicast;client_port=7000-7001\r\n\r\n");
+    EXPECT_EQ(
+        "RTSP/1.0 200 OK\r\nCseq: 4\r\nTransport: "
+        "RTP/AVP;unicast;client_port=7000-7001;server_port=35000-35001\r\n\r\n",
+        r2.Next());
+    EXPECT_EQ(AV_STREAMER_STATE_SETUP, Sess(1).ServerState);
+    EXPECT_FALSE(Sess(1).bIsPlayable);
+    r2.Send("DESCRIBE PLAY\r\nCSeq: 5\r\n\r\n");
+    EXPECT_EQ(Sdp(16, 44100, "Test Song", 5), r2.Next());
+    EXPECT_TRUE(StateBecomes(1, AV_STREAMER_STATE_SEND_SDP));
+
+    // No CSeq, or CSeq 0: no reply, nothing changes.
+    r2.Send("PLAY rtsp://127.0.0.1/ RTSP/1.0\r\n\r\n");
+    EXPECT_TRUE(r2.Quiet(300));
+    r2.Send("PLAY rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 0\r\n\r\n");
+    EXPECT_TRUE(r2.Quiet(300));
+    EXPECT_EQ(AV_STREAMER_STATE_SEND_SDP, Sess(1).ServerState);
+    r2.Send("PAUSE\r\nCSeq: 6\r\n\r\n");
+    EXPECT_EQ("RTSP/1.0 200 OK\r\nCseq: 6\r\n\r\n", r2.Next());
+    EXPECT_EQ(AV_STREAMER_STATE_PAUSE, Sess(1).ServerState);
+
+    // ALIVED and VOLUME_CHANGED fall through to the next keyword.
+    r2.Send("ALIVED\r\nVOLUME_CHANGED 12\r\nPLAY\r\nCSeq: 7\r\n\r\n");
+    EXPECT_EQ("RTSP/1.0 200 OK\r\nCseq: 7\r\n\r\n", r2.Next());
+    EXPECT_EQ("VOLUME: 9\r\n\r\n", r2.Next());
+    StreamerEvent ev;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_VOLUMECHANGED, 1, 5000, &ev));
+    EXPECT_EQ(12, ev.a);
+    EXPECT_EQ("127.0.0.3", ev.textB);
+    EXPECT_NE(0u, Locked(1, [&] { return Sess(1).uwAliveClock; }));
+}
+
+TEST_F(StreamerCore, JoinTimestampsGuardLeaveAndTeardownEndsTheService) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 7}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 9}});
+    ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3");
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    ASSERT_TRUE(r2.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return st->m_AVRcvSessInfo.nAVRcvSessCnt == 2; }));
+
+    SendToGroup("127.0.0.3", "JOIN 127.0.0.3\r\nREQ_TS: 5000\r\n\r\n");
+    StreamerEvent found;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_FOUND, 1, 5000, &found));
+    EXPECT_EQ("127.0.0.3", found.textA);
+    EXPECT_EQ((intptr_t)st, found.c);
+    ASSERT_TRUE(WaitUntil([&] { return Locked(1, [&] { return Sess(1).ReqTs; }) == 5000; }));
+
+    r2.Send("LEAVE\r\nREQ_TS: 4000\r\n\r\n");  // older than the JOIN: dropped
+    EXPECT_FALSE(r2.ClosedByPeer(400));
+    EXPECT_TRUE(Sess(1).bActive);
+    EXPECT_EQ(0, events.Count(AVMSG_RECEIVER_LEAVE));
+
+    r2.Send("LEAVE\r\nREQ_TS: 6000\r\n\r\n");
+    StreamerEvent leave;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_LEAVE, 1, 5000, &leave));
+    EXPECT_EQ("127.0.0.3", leave.textA);
+    EXPECT_EQ(42, leave.b);
+    EXPECT_TRUE(r2.ClosedByPeer());
+    EXPECT_FALSE(Sess(1).bActive);
+    EXPECT_EQ(AV_STREAMER_STATE_BYE, Sess(1).ServerState);
+    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+
+    r1.Send("TEARDOWN rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 9\r\n\r\n");
+    StreamerEvent reset, stop;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 5000, &reset));
+    EXPECT_EQ("127.0.0.2", reset.textA);
+    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 5000, &stop));
+    EXPECT_EQ(42, stop.a);
+    EXPECT_TRUE(r1.ClosedByPeer());
+    EXPECT_EQ(0, st->m_AVRcvSessInfo.nAVRcvSessCnt);
+    EXPECT_EQ(0, st->_receiver_count());
+}
+
+TEST_F(StreamerCore, HostileRequestsAreBoundedAndDisturbNobody) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 7}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 9}});
+    ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3"), stranger("127.0.0.9");
+    ASSERT_TRUE(stranger.Connect(kTcpPort));
+    EXPECT_TRUE(stranger.ClosedByPeer());
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return Sess(0).bActive.load(); }));
+    ScriptedReceiver twice("127.0.0.2");  // must not take over its own live session
+    ASSERT_TRUE(twice.Connect(kTcpPort));
+    EXPECT_TRUE(twice.ClosedByPeer());
+
+    std::string junk(1023, 'x');
+    for (size_t i = 0; i < junk.size(); i++) junk[i] = (char)(1 + (i * 131) % 250);
+    r1.Send(junk);
+    r1.Send(std::string(3000, 'A'));  // longer than one read
+    EXPECT_TRUE(r1.Quiet(300));
+    r1.Send("DESCRIBE\r\nCSeq: 70000\r\n\r\n");  // cut to 16 bits like the receivers' own
+    EXPECT_EQ(Sdp(16, 44100, "Test Song", 70000 & 0xFFFF), r1.Next());
+    r1.Send("DESCRIBE\r\nCSeq: 99999999999999999999999999\r\n\r\n");
+    EXPECT_EQ(0u, r1.Next().find("RTSP/1.0 200 OK\r\nCseq: 65535\r\n"));
+    r1.Send("SETUP\r\nCSeq: 2\r\nTransport: client_port=99999-\r\n\r\n");
+    EXPECT_EQ(
+        "RTSP/1.0 200 OK\r\nCseq: 2\r\nTransport: "
+        "RTP/AVP;unicast;client_port=34463-0;server_port=35000-35001\r\n\r\n",
+        r1.Next());
+    r1.Send("SETUP\r\nCSeq: 3\r\nTransport: client_port=\r\n\r\n");
+    EXPECT_EQ(
+        "RTSP/1.0 200 OK\r\nCseq: 3\r\nTransport: "
+        "RTP/AVP;unicast;client_port=0-0;server_port=35000-35001\r\n\r\n",
+        r1.Next());
+    r1.Send("VOLUME_CHANGED\r\n\r\n");
+    StreamerEvent vol;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_VOLUMECHANGED, 1, 5000, &vol));
+    EXPECT_EQ(0, vol.a);
+    EXPECT_EQ("127.0.0.2", vol.textB);
+
+    SendToGroup("127.0.0.5", "JOIN " + std::string(100, '7') + "\r\nREQ_TS: 1\r\n\r\n");
+    StreamerEvent found;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_FOUND, 1, 5000, &found));
+    EXPECT_EQ(std::string(19, '7'), found.textA);
+    SendToGroup("127.0.0.5", "MASTERSEARCH\r\nNAME: " + std::string(2000, 'n'));
+    SendToGroup("127.0.0.5", "MASTERSEARCH\r\nNAME: " + std::string(300, 'n') + "\r\n\r\n");
+    SendToGroup("127.0.0.5", std::string(1500, 'J'));
+
+    // The other receiver goes through its whole set-up undisturbed.
+    ASSERT_TRUE(r2.Connect(kTcpPort));
+    std::vector<std::string> got = r2.Handshake(5001);
+    EXPECT_EQ("START\r\nRef: 127.0.0.3:5001\r\nRole: Front_Right\r\n\r\n", got[0]);
+    EXPECT_EQ("VOLUME: 9\r\n\r\n", got[4]);
+    EXPECT_EQ(1, events.Count(AVMSG_RECEIVER_FOUND));
+    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+
+    ScriptedReceiver third("127.0.0.2");  // every receiver has its session now
+    ASSERT_TRUE(third.Connect(kTcpPort));
+    EXPECT_TRUE(third.ClosedByPeer());
+}
+
+namespace {
+// Packets of one receiver by sequence number, collected for ms.
+std::map<unsigned, std::vector<unsigned char>> Collect(ScriptedReceiver& r, int ms) {
+    std::map<unsigned, std::vector<unsigned char>> got;
+    unsigned int end = NowMs() + ms;
+    while ((int)(end - NowMs()) > 0) {
+        std::vector<unsigned char> p = r.Rtp(100);
+        if (!p.empty()) got[RtpSeq(p)] = p;
+    }
+    return got;
+}
+}  // namespace
+
+TEST_F(StreamerCore, RtpPacketsArePacedTimestampedAndInStepAcrossReceivers) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1},
+          {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2},
+          {"127.0.0.4", AV_CHANNEL_PARTY, 3}});
+    std::vector<std::unique_ptr<ScriptedReceiver>> rx;
+    for (const char* ip : {"127.0.0.2", "127.0.0.3", "127.0.0.4"}) {
+        rx.emplace_back(new ScriptedReceiver(ip));
+        ASSERT_TRUE(rx.back()->Connect(kTcpPort));
+    }
+    StartFeeder();
+    for (auto& r : rx) ASSERT_EQ(5u, r->Handshake().size());
+
+    // Header, size and sequence rules on every receiver.
+    std::vector<unsigned char> first = rx[0]->Rtp(5000);
+    ASSERT_EQ(1412u, first.size());
+    std::vector<std::map<unsigned, std::vector<unsigned char>>> got(3);
+    unsigned int t0 = NowMs();
+    got[0] = Collect(*rx[0], 1500);
+    unsigned int elapsed = NowMs() - t0;
+    for (int i = 1; i < 3; i++) got[i] = Collect(*rx[i], 200);
+    uint32_t ssrc = st->m_RtpPacket.unSsrc;
+    for (auto& m : got) {
+        for (auto& kv : m) {
+            const std::vector<unsigned char>& p = kv.second;
+            ASSERT_EQ(1412u, p.size());
+            EXPECT_EQ(0x80, p[0]);
+            EXPECT_EQ(0x80 | 96, p[1]);
+            EXPECT_EQ(0, memcmp(&ssrc, p.data() + 8, 4));  // native byte order
+            uint64_t pos = (uint64_t)(kv.first - 1) * 1400 * 1000 / 176400;
+            EXPECT_EQ(st->streamStartTime + 1000 + pos, RtpTs(p)) << "seq " << kv.first;
+        }
+    }
+    // Consecutive sequence numbers, contiguous audio, about 126 a second.
+    unsigned lo = got[0].begin()->first, hi = got[0].rbegin()->first;
+    EXPECT_EQ(hi - lo + 1, got[0].size());
+    for (auto it = std::next(got[0].begin()); it != got[0].end(); ++it)
+        EXPECT_EQ(PayloadOffset(std::prev(it)->second) + 1400, PayloadOffset(it->second));
+    double perSecond = (hi - lo) * 1000.0 / elapsed;
+    EXPECT_NEAR(126.0, perSecond, 20.0);
+    // The same sequence number carries the same position at every receiver.
+    int compared = 0;
+    for (int i = 1; i < 3; i++) {
+        for (auto& kv : got[i]) {
+            auto same = got[0].find(kv.first);
+            if (same == got[0].end()) continue;
+            EXPECT_EQ(PayloadOffset(same->second), PayloadOffset(kv.second));
+            EXPECT_FALSE(AllZero(kv.second));
+            compared++;
+        }
+    }
+    EXPECT_GT(compared, 10);
+
+    // Paused: nothing is sent, the clock and sequence keep running.
+    StreamerEvent progress;
+    ASSERT_TRUE(events.WaitFor(AVMSG_PLAY_PROGRESS, 1, 5000, &progress));
+    EXPECT_EQ(42, progress.a);
+    st->_bpause = true;
+    PAL_ThreadSleep(50);
+    unsigned lastSeq = 0;
+    for (std::vector<unsigned char> p = rx[0]->Rtp(0); !p.empty(); p = rx[0]->Rtp(0))
+        lastSeq = RtpSeq(p);
+    EXPECT_TRUE(rx[0]->Rtp(500).empty());
+    st->_bpause = false;
+    std::vector<unsigned char> after = rx[0]->Rtp(3000);
+    ASSERT_EQ(1412u, after.size());
+    EXPECT_GE(RtpSeq(after), lastSeq + 50);  // ~63 passes in 500 ms
+    EXPECT_GE(RtpTs(after),
+              st->streamStartTime + 1000 + (RtpSeq(after) - 1) * 1400 * 1000 / 176400);
+
+    // Underrun: silence with a normal header, sequence still counting.
+    StopFeeder();
+    bool silent = false;
+    for (int i = 0; i < 2000 && !silent; i++) {
+        std::vector<unsigned char> p = rx[1]->Rtp(1000);
+        ASSERT_EQ(1412u, p.size());
+        silent = AllZero(p);
+        if (silent) {
+            EXPECT_EQ(0x80 | 96, p[1]);
+        }
+    }
+    EXPECT_TRUE(silent);
+}
+
+TEST_F(StreamerCore, LateReceiverIsLinedUpWithThePlayingOne) {
+    // The late one sits in the lower slot: it is served before the playing
+    // one in every pass.
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2}});
+    st->m_unSearchBaseClock = NowMs() - 3000;  // start without waiting for the other
+    ScriptedReceiver early("127.0.0.3"), late("127.0.0.2");
+    ASSERT_TRUE(early.Connect(kTcpPort));
+    StartFeeder();
+    ASSERT_EQ(5u, early.Handshake().size());
+    ASSERT_EQ(1412u, early.Rtp(5000).size());
+    PAL_ThreadSleep(500);
+    ASSERT_TRUE(late.Connect(kTcpPort));
+    ASSERT_EQ(5u, late.Handshake(5002).size());
+    std::vector<unsigned char> firstLate = late.Rtp(15000);
+    ASSERT_EQ(1412u, firstLate.size());
+    early.DrainRtp();
+    auto a = Collect(early, 600);
+    auto b = Collect(late, 100);
+    int compared = 0;
+    for (auto& kv : b) {
+        auto same = a.find(kv.first);
+        if (same == a.end()) continue;
+        EXPECT_EQ(PayloadOffset(same->second), PayloadOffset(kv.second)) << "seq " << kv.first;
+        compared++;
+    }
+    EXPECT_GT(compared, 5);
+}
+
+TEST(StreamerFilters, EveryRoleAndChannelCountPicksItsChannel) {
+    CAVStreamer st(nullptr, nullptr, 1);
+    // Source sample of frame k, channel c: 100 * k + c (+1 so none is 0).
+    auto source = [](int channels, int frames) {
+        std::vector<short> s((frames + 2) * channels);  // room for the kept over-reads
+        for (size_t i = 0; i < s.size(); i++)
+            s[i] = (short)(100 * (i / channels) + i % channels + 1);
+        return s;
+    };
+    // Expected source channel per role (index = AV_CHANNEL_TYPE) and count.
+    struct Case {
+        int channels;
+        int chan[8];
+    } cases[] = {
+        {1, {0, 0, 0, 0, 0, 0, 0, 0}}, {2, {0, 0, 1, 0, 0, 0, 0, 0}}, {4, {0, 0, 1, 0, 0, 4, 5, 0}},
+        {5, {0, 0, 1, 0, 0, 4, 5, 0}}, {6, {0, 0, 1, 2, 3, 4, 5, 0}},
+    };
+    const int frames = 8;
+    for (const Case& c : cases) {
+        std::vector<short> src = source(c.channels, frames);
+        std::vector<char> src8(src.size());
+        for (size_t i = 0; i < src.size(); i++) src8[i] = (char)src[i];
+        for (int type = 0; type < 8; type++) {
+            AV_CHANNEL_TYPE t = (AV_CHANNEL_TYPE)type;
+            std::vector<short> d1(2 * frames), d2(2 * frames);
+            std::vector<char> d8(2 * frames);
+            st.PcmChannelFilter(src.data(), frames, c.channels, t, d1.data());
+            st.PcmChannelFilter2Channel(src.data(), frames, c.channels, t, d2.data());
+            st.Pcm8BitChannelFilter2Channel(src8.data(), frames, c.channels, t, d8.data());
+            for (int k = 0; k < frames; k++) {
+                short pick = src[k * c.channels + c.chan[type]];
+                SCOPED_TRACE("channels " + std::to_string(c.channels) + " type " +
+                             std::to_string(type) + " frame " + std::to_string(k));
+                EXPECT_EQ(pick, d2[2 * k]);
+                EXPECT_EQ(pick, d2[2 * k + 1]);
+                EXPECT_EQ((char)pick, d8[2 * k]);
+                EXPECT_EQ((char)pick, d8[2 * k + 1]);
+                if (t == AV_CHANNEL_PARTY) {
+                    // First two source samples; on mono the right one is the
+                    // next frame's.
+                    EXPECT_EQ(src[k * c.channels], d1[2 * k]);
+                    EXPECT_EQ(src[k * c.channels + 1], d1[2 * k + 1]);
+                } else {
+                    EXPECT_EQ(pick, d1[2 * k]);
+                    EXPECT_EQ(pick, d1[2 * k + 1]);
+                }
+            }
+        }
+        std::vector<short> party(2 * frames);
+        st.PcmPartyChannelFilter(src.data(), frames, c.channels, party.data());
+        for (int k = 0; k < frames; k++) {
+            EXPECT_EQ(src[k * c.channels], party[2 * k]);
+            EXPECT_EQ(src[k * c.channels + 1], party[2 * k + 1]);
+        }
+    }
+    // The frame counter is 16 bits: a call stops after 65535 frames.
+    std::vector<short> big(70000 * 2, 7), out(70000 * 2, 0);
+    st.PcmChannelFilter2Channel(big.data(), 70000, 2, AV_CHANNEL_FRONT_LEFT, out.data());
+    EXPECT_EQ(7, out[2 * 65534 + 1]);
+    EXPECT_EQ(0, out[2 * 65535]);
+}
+
+TEST_F(StreamerCore, StreamStartsWhenEverySessionPlays) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2}});
+    ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3");
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    ASSERT_TRUE(r2.Connect(kTcpPort));
+    StartFeeder();
+    ASSERT_TRUE(WaitUntil([&] { return st->m_bStreamReady.load(); }));  // all connected
+    ASSERT_EQ(5u, r1.Handshake().size());
+    EXPECT_TRUE(r1.Rtp(800).empty());  // r2 has not asked to PLAY yet
+    ASSERT_EQ(5u, r2.Handshake(5003).size());
+    EXPECT_EQ(1412u, r1.Rtp(5000).size());
+    EXPECT_EQ(1412u, r2.Rtp(5000).size());
+}
+
+TEST_F(StreamerCore, LateStartAfterTwoSecondsAndDropAfterFive) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1},
+          {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2},
+          {"127.0.0.4", AV_CHANNEL_CENTER, 3}});
+    unsigned int search = NowMs();
+    for (int i = 0; i < 3; i++) {
+        PAL_MutexLock(Sess(i)._lpmutex, 1);
+        st->m_AVReceiverInfo.AVReceiver[i].SearchTs = search;
+        st->m_AVReceiverInfo.AVReceiver[i].bIsSync = 1;
+        PAL_MutexUnLock(Sess(i)._lpmutex);
+    }
+    st->m_unSearchBaseClock = search;
+    ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3");
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    ASSERT_TRUE(r2.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return st->m_hRtpSvrThrId.load() != nullptr; }, 10000));
+    EXPECT_GE(NowMs() - search, 2000u);
+    PAL_MutexLock(Sess(2)._lpmutex, 1);
+    EXPECT_EQ(0, st->m_AVReceiverInfo.AVReceiver[2].bIsSync);
+    EXPECT_EQ(1, st->m_AVReceiverInfo.AVReceiver[0].bIsSync);
+    PAL_MutexUnLock(Sess(2)._lpmutex);
+
+    StreamerEvent reset;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 15000, &reset));
+    EXPECT_GE(NowMs() - search, 5000u);
+    EXPECT_EQ("127.0.0.4", reset.textA);
+    EXPECT_EQ(2, st->_receiver_count());
+    EXPECT_EQ(2, st->m_max_idx.load());
+    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+}
+
+TEST_F(StreamerCore, DroppingTheLastReceiverStopsTheService) {
+    Open({{"127.0.0.5", AV_CHANNEL_PARTY, 1}});
+    PAL_MutexLock(Sess(0)._lpmutex, 1);
+    st->m_AVReceiverInfo.AVReceiver[0].SearchTs = NowMs() - 4800;
+    PAL_MutexUnLock(Sess(0)._lpmutex);
+    StreamerEvent reset, stop;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 10000, &reset));
+    EXPECT_EQ("127.0.0.5", reset.textA);
+    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 5000, &stop));
+    EXPECT_EQ(42, stop.a);
+    EXPECT_EQ(0, st->_receiver_count());
+    EXPECT_EQ(0, st->m_max_idx.load());
+}
+
+TEST_F(StreamerCore, SettingCommandsAreExactAndReachEveryMatchingSession) {
+    // One address twice (two emulated receivers on one host) and a third.
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1},
+          {"127.0.0.2", AV_CHANNEL_FRONT_RIGHT, 2},
+          {"127.0.0.3", AV_CHANNEL_WOOFER, 3}});
+    ScriptedReceiver a("127.0.0.2"), b("127.0.0.2"), c("127.0.0.3");
+    ASSERT_TRUE(a.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return Sess(0).bActive.load(); }));
+    ASSERT_TRUE(b.Connect(kTcpPort));
+    ASSERT_TRUE(c.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return st->m_AVRcvSessInfo.nAVRcvSessCnt == 3; }));
+
+    EXPECT_EQ(0, st->SetReceiverUIType("127.0.0.2", 4));
+    EXPECT_EQ("UITYPE: 4\r\n\r\n", a.Next());
+    EXPECT_EQ("UITYPE: 4\r\n\r\n", b.Next());
+    EXPECT_TRUE(c.Quiet(200));
+    EXPECT_EQ(0, st->ReceiverDeviceVolumeControl("127.0.0.2", 11));
+    EXPECT_EQ("VOLUME: 11\r\n\r\n", a.Next());
+    EXPECT_EQ("VOLUME: 11\r\n\r\n", b.Next());
+    EXPECT_EQ(0, st->SetReceiverUITypeAll(2));
+    for (ScriptedReceiver* r : {&a, &b, &c}) EXPECT_EQ("UITYPE: 2\r\n\r\n", r->Next());
+
+    EXPECT_EQ(0, st->ReceiverVolumeControl(20));
+    for (ScriptedReceiver* r : {&a, &b, &c}) EXPECT_EQ("VOLUME: 15\r\n\r\n", r->Next());
+    EXPECT_EQ(15, st->m_AVReceiverInfo.AVReceiver[2]._volume);
+    EXPECT_EQ(0, st->ReceiverVolumeControl(-3));
+    for (ScriptedReceiver* r : {&a, &b, &c}) EXPECT_EQ("VOLUME: -3\r\n\r\n", r->Next());
+    EXPECT_EQ(1, st->ReceiverVolume(2, 40));  // the single-session form is not clamped
+    EXPECT_EQ("VOLUME: 40\r\n\r\n", c.Next());
+
+    EXPECT_EQ(0, st->ReceiverUpdateChannelType("127.0.0.3", AV_CHANNEL_WOOFER));
+    EXPECT_TRUE(c.Quiet(200));
+    EXPECT_EQ(0, st->ReceiverUpdateChannelType("127.0.0.3", AV_CHANNEL_REAR_LEFT));
+    EXPECT_EQ("DEVICETYPE: 5\r\n\r\n", c.Next());
+    EXPECT_EQ(AV_CHANNEL_REAR_LEFT, Sess(2).ChannelType.load());
+    EXPECT_EQ(268, st->ReceiverUpdateChannelType("127.0.0.77", AV_CHANNEL_PARTY));
+    EXPECT_EQ(268, st->ReceiverUpdateChannelType(nullptr, AV_CHANNEL_PARTY));
+
+    // Without a connection: the single-session forms report success, the
+    // writer reports 19.
+    EXPECT_EQ(19, st->_send_comman_packet(5, "PAUSE\r\n\r\n"));
+    EXPECT_EQ(1, st->SetReceiverUIType(5, 1));
+    EXPECT_EQ(1, st->ReceiverAddStart(5));
+    EXPECT_EQ(AV_STREAMER_STATE_NA, Sess(5).ServerState);
+    EXPECT_EQ(0, st->_send_comman_packet(0, "PAUSE\r\n\r\n"));
+    EXPECT_EQ("PAUSE\r\n\r\n", a.Next());
+}
