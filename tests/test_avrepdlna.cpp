@@ -21,10 +21,6 @@ struct CAVRepDlnaProbe {
         ASSERT_TRUE(PAL_SemCreate(&d->m_DeviceSearch.pDeviceSem, 0));
         ASSERT_TRUE(PAL_ThreadCreate(thread, CAVRepDlna::DeviceThread, d, 1));
     }
-    static int Count(CAVRepDlna* d) {
-        return __atomic_load_n(&d->m_DeviceSearch.AVDeviceSearchInfo.nAVDeviceCnt,
-                               __ATOMIC_ACQUIRE);
-    }
     static AV_DEVICE_SEARCH_INFO StopTcp(CAVRepDlna* d, PAL_THREAD thread) {
         __atomic_store_n(&d->m_DeviceSearch.bDeviceExit, true, __ATOMIC_RELEASE);
         PAL_SemWait(d->m_DeviceSearch.pDeviceSem, 1);
@@ -315,9 +311,11 @@ TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
         ASSERT_EQ((ssize_t)text.size(), send(c, text.data(), text.size(), 0));
         conns.push_back(c);
     }
-    for (int i = 0; i < 300; i++) {
-        if (CAVRepDlnaProbe::Count(&d) == 3) break;
-        PAL_ThreadSleep(10);
+    // The collector closes each connection once it has read it.
+    for (int c : conns) {
+        char b;
+        ASSERT_EQ(1, rx_wait_readable(c, 5000));
+        EXPECT_EQ(0, recv(c, &b, 1, 0));
     }
     AV_DEVICE_SEARCH_INFO got = CAVRepDlnaProbe::StopTcp(&d, thread);
     ASSERT_EQ(3, got.nAVDeviceCnt);
