@@ -30,4 +30,21 @@ final class NotifyProbe {
 
     /** Raw engine bytes as the bridge turns them into a Java string. */
     static native String engineText(byte[] raw);
+
+    /** An emulated receiver on address (127.0.0.2, ...), started; 0 if it could not start. */
+    static native long rxStart(String address, byte[] nameUtf8, int volume, int master);
+
+    static native void rxStop(long receiver);
+
+    /** {address, MAC, GUID}. */
+    static native String[] rxIdentity(long receiver);
+
+    /** Announces on the group that this receiver leaves the network. */
+    static native int rxSendExit(long receiver);
+
+    static native int rxSendJoin(long receiver);
+
+    static native boolean rxWaitPackets(long receiver, int n, int timeoutMs);
+
+    static native String rxReportJson(long receiver);
 }
