@@ -19,12 +19,15 @@ const int kMaxSpeakers = 30;
 void usage() {
     fprintf(stderr,
             "usage: sonvara-demo-check CONTENT DIR\n"
+            "       sonvara-demo-check --info CONTENT\n"
             "  CONTENT  the .mp3/.wav file the sender played\n"
             "  DIR      holds speakers.tsv: name<TAB>role<TAB>received.wav<TAB>report.json\n"
             "           (paths relative to DIR; role as on the wire: Front_Left, ..., Party)\n"
             "Prints, per speaker, packets, gaps, silent packets, clock offset, play-out\n"
             "margin and whether the audio equals what its role should get; exits 1 when\n"
-            "any speaker's audio differs or is missing.\n");
+            "any speaker's audio differs or is missing.\n"
+            "--info prints the content's channels, rate, bytes per sample and seconds\n"
+            "as the sender reads it.\n");
 }
 
 struct Speaker {
@@ -87,7 +90,9 @@ bool check_speaker(const DemoPcm& content, const std::string& dir, const Speaker
         const int frameBytes = 2 * content.bytesPerSample;
         DemoCompare(reference, received.bytes, frameBytes, &m);
         audio = DemoDescribe(m, content.rate, frameBytes);
-        if (received.rate != content.rate) audio += " (WAV rate differs)";
+        if (m.verdict != DEMO_NOTHING && received.rate != content.rate) {
+            audio += " (received at another rate)";
+        }
         ok = m.verdict == DEMO_EXACT || m.verdict == DEMO_EXACT_RUNS;
     }
     char name[25];
@@ -116,13 +121,21 @@ int main(int argc, char** argv) {
         usage();
         return argc == 2 ? 0 : 2;
     }
-    const std::string dir = argv[2];
+    const bool info = strcmp(argv[1], "--info") == 0;
+    const char* file = info ? argv[2] : argv[1];
     DemoPcm content;
     std::string err;
-    if (DemoLoadContent(argv[1], &content, &err) != 0) {
-        fprintf(stderr, "sonvara-demo-check: %s: %s\n", argv[1], err.c_str());
+    if (DemoLoadContent(file, &content, &err) != 0) {
+        fprintf(stderr, "sonvara-demo-check: %s: %s\n", file, err.c_str());
         return 2;
     }
+    if (info) {
+        double perSec = (double)content.rate * content.channels * content.bytesPerSample;
+        printf("%d %d %d %.3f\n", content.channels, content.rate, content.bytesPerSample,
+               content.bytes.size() / perSec);
+        return 0;
+    }
+    const std::string dir = argv[2];
     FILE* list = fopen((dir + "/speakers.tsv").c_str(), "r");
     if (list == nullptr) {
         fprintf(stderr, "sonvara-demo-check: cannot read %s/speakers.tsv\n", dir.c_str());
