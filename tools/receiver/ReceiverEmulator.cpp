@@ -475,6 +475,8 @@ void ReceiverEmulator::Impl::_connect(const char* server, unsigned short port) {
     if (cfg->timeSync) clock.SetMaster(server);
     m_ctrlLen = 0;
     m_cseq = 0;
+    m_haveSeq = false;  // a new connection is a new stream
+    m_expectGap = false;
     {
         std::lock_guard<std::mutex> g(lock);
         rep.connects++;
@@ -954,6 +956,8 @@ std::string ReceiverEmulator::Impl::Json() {
                 {"bad_marker", (double)r.badMarker},
                 {"timestamp_errors", (double)r.timestampErrors},
                 {"silent_packets", (double)r.silentPackets},
+                {"first_timestamp", (double)r.firstTimestamp},
+                {"last_timestamp", (double)r.lastTimestamp},
                 {"commands", (double)r.commands},
                 {"handshake", (double)r.handshake},
                 {"handshake_errors", (double)r.handshakeErrors},
