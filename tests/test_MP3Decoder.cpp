@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -83,7 +84,8 @@ TEST(MP3Decoder, OutputEqualsTheMpg123PlayerWithoutGaplessTrimming) {
         MP3Decoder dec;
         ASSERT_TRUE(dec.MP3Dec_Create());
         const std::vector<int16_t> ours = decode_all(fx, dec);
-        const std::string raw = testing::TempDir() + "mp3dec_ref.raw";
+        const std::string raw =
+            testing::TempDir() + "sonvara_" + std::to_string(getpid()) + "_mp3dec_ref.raw";
         const std::string cmd = "mpg123 -q --no-gapless -e s16 -O '" + raw + "' '" +
                                 fixture_path(fx.name) + "' 2>/dev/null";
         ASSERT_EQ(system(cmd.c_str()), 0) << cmd;

@@ -289,6 +289,86 @@ TEST(ReceiverEmulator, SilentSenderIsAHandshakeErrorAfterTheTimeout) {
     EXPECT_EQ(RX_HS_WAIT_SDP, r.handshake);
 }
 
+// Reads one datagram from a group listener.
+std::string next_datagram(int sock, std::string* from = nullptr) {
+    if (rx_wait_readable(sock, 3000) != 1) return "";
+    char buf[1500];
+    struct sockaddr_in sa;
+    socklen_t len = sizeof(sa);
+    ssize_t n = recvfrom(sock, buf, sizeof(buf), 0, (struct sockaddr*)&sa, &len);
+    if (from) *from = inet_ntoa(sa.sin_addr);
+    return n > 0 ? std::string(buf, (size_t)n) : "";
+}
+
+TEST(ReceiverEmulator, AnnouncementsRequestsAndFaultSwitches) {
+    int group = rx_udp_group("224.1.2.4", 1234, "127.0.0.1");
+    ASSERT_GE(group, 0);
+    ReceiverEmulator rx(config("127.0.0.6"));
+    ASSERT_EQ(0, rx.Start());
+    const std::string id = "MAC: 02:00:7f:00:00:06\r\nGUID: emulated-receiver-127-0-0-6\r\n";
+    EXPECT_EQ(555u, rx.SendJoin(555, 2));
+    std::string from;
+    for (int i = 0; i < 2; i++) {  // retries repeat the same REQ_TS
+        EXPECT_EQ("JOIN 127.0.0.6\r\n" + id + "NAME: Speaker 6\r\nVOL: 7\r\nREQ_TS: 555\r\n\r\n",
+                  next_datagram(group, &from));
+        EXPECT_EQ("127.0.0.6", from);
+    }
+    unsigned int ts = rx.SendJoin();
+    EXPECT_GT(ts, 555u);
+    EXPECT_NE(std::string::npos,
+              next_datagram(group).find("REQ_TS: " + std::to_string(ts) + "\r\n"));
+    ASSERT_EQ(0, rx.SendExit());
+    EXPECT_EQ("EXIT 127.0.0.6\r\n" + id + "\r\n", next_datagram(group));
+
+    // Requests on the connection; LEAVE carries the last JOIN's REQ_TS.
+    EXPECT_EQ(-1, rx.SendAlived()) << "no connection yet";
+    ScriptedSender tx;
+    tx.SendTo(tx.Search({"127.0.0.6"}), "224.1.2.4", 1234);
+    ASSERT_TRUE(tx.Accept(nullptr));
+    read_message(tx.conn);
+    ASSERT_EQ(0, rx.SendLeave());
+    ASSERT_EQ(0, rx.SendTeardown());
+    ASSERT_EQ(0, rx.SendVolumeChanged(4));
+    ASSERT_EQ(0, rx.SendAlived());
+    std::string want = "LEAVE\r\nREQ_TS: " + std::to_string(ts) +
+                       "\r\n\r\nTEARDOWN RTSP/1.0\r\n\r\nVOLUME_CHANGED 4\r\n\r\nALIVED\r\n\r\n";
+    std::string got;
+    while (got.size() < want.size() && rx_wait_readable(tx.conn, 3000) == 1) {
+        char buf[512];
+        ssize_t n = recv(tx.conn, buf, sizeof(buf), 0);
+        if (n <= 0) break;
+        got.append(buf, (size_t)n);
+    }
+    EXPECT_EQ(want, got);
+
+    // Stopped reading: commands wait in the socket until reading resumes.
+    rx.SetStopReading(true);
+    PAL_ThreadSleep(100);
+    send_text(tx.conn, "VOLUME: 3\r\n\r\n");
+    EXPECT_FALSE(rx.WaitForCommand("VOLUME", 300));
+    rx.SetStopReading(false);
+    EXPECT_TRUE(rx.WaitForCommand("VOLUME", 3000));
+
+    // Dropped connection: the sender reads end of stream.
+    rx.DropConnection();
+    ASSERT_EQ(1, rx_wait_readable(tx.conn, 3000));
+    char c;
+    EXPECT_EQ(0, recv(tx.conn, &c, 1, 0));
+    EXPECT_TRUE(rx.WaitForDisconnect(3000));
+
+    // Refusing: a new SEARCH listing it brings no connection; no discovery answer either.
+    rx.SetRefuseConnect(true);
+    rx.SetAnswerDiscovery(false);
+    tx.SendTo(tx.Search({"127.0.0.6"}), "224.1.2.4", 1234);
+    EXPECT_FALSE(tx.Accept(nullptr, 500));
+    int answers = rx_udp_bind("127.0.0.1", 9091);
+    tx.SendTo("DEVICE 127.0.0.1:9091\r\nGUID: g\r\nREQ_TS: 1\r\n", "224.1.2.4", 1234);
+    EXPECT_EQ(0, rx_wait_readable(answers, 500));
+    close(answers);
+    close(group);
+    EXPECT_EQ(2u, rx.Report().searchesForMe);
+}
+
 // RTP from the test straight to the emulator's client port.
 class RtpSource {
 public:
@@ -297,7 +377,7 @@ public:
     }
     ~RtpSource() { close(sock); }
     // ts follows the sequence at 44.1 kHz 16-bit stereo unless given.
-    void Send(unsigned int seq, unsigned char fill, size_t len = 1412, int pt = 96,
+    void Send(unsigned int seq, unsigned char fill, size_t len = 1412, int pt = 96, int tsSkew = 0,
               unsigned char first = 0x80) {
         std::vector<unsigned char> p(len, fill);
         p[0] = first;
@@ -305,7 +385,7 @@ public:
         p[2] = (unsigned char)(seq >> 8);
         p[3] = (unsigned char)seq;
         unsigned long long ext = seq < 1000 ? seq + 65536ULL : seq;  // the sender's count runs on
-        unsigned int ts = 5000 + (unsigned int)((ext - 1) * 1400 * 1000 / 176400);
+        unsigned int ts = 5000 + tsSkew + (unsigned int)((ext - 1) * 1400 * 1000 / 176400);
         for (int i = 0; i < 4; i++) p[4 + i] = (unsigned char)(ts >> (24 - 8 * i));
         for (size_t i = 12; i < len; i++) p[i] = (unsigned char)(fill ? fill + i : 0);
         sendto(sock, p.data(), p.size(), 0, (struct sockaddr*)&to, sizeof(to));
@@ -323,13 +403,14 @@ TEST(ReceiverEmulator, RtpChecksCatchGapsWrongLengthAndPayloadType) {
     src.Send(7, 1);                                                             // 4, 5, 6 lost
     src.Send(8, 0);                                                             // silent
     src.Send(9, 1, 1000);                                                       // short
-    src.Send(10, 1, 1412, 97);        // wrong payload type
-    src.Send(11, 1, 1412, 96, 0xA0);  // padding bit set: not version-2-plain
-    src.Send(8, 1);                   // repeated
+    src.Send(10, 1, 1412, 97);           // wrong payload type
+    src.Send(11, 1, 1412, 96, 0, 0xA0);  // padding bit set: not version-2-plain
+    src.Send(8, 1);                      // repeated
     src.Send(12, 1);
-    ASSERT_TRUE(rx.WaitForPackets(13, 3000));
+    src.Send(13, 1, 1412, 96, 5);  // 5 ms off its place on the sender's clock
+    ASSERT_TRUE(rx.WaitForPackets(14, 3000));
     ReceiverReport r = rx.Report();
-    EXPECT_EQ(13u, r.packets);
+    EXPECT_EQ(14u, r.packets);
     EXPECT_EQ(2u, r.seqGaps);  // 7 after 3, and 12 after 8 (9-11 were unusable)
     EXPECT_EQ(6u, r.lostPackets);
     EXPECT_EQ(1u, r.badLength);
@@ -337,8 +418,8 @@ TEST(ReceiverEmulator, RtpChecksCatchGapsWrongLengthAndPayloadType) {
     EXPECT_EQ(1u, r.badVersion);
     EXPECT_EQ(1u, r.outOfOrder);
     EXPECT_EQ(1u, r.silentPackets);
-    EXPECT_EQ(0u, r.timestampErrors);
-    EXPECT_EQ(12, r.lastSeq);
+    EXPECT_EQ(1u, r.timestampErrors);
+    EXPECT_EQ(13, r.lastSeq);
 }
 
 TEST(ReceiverEmulator, WavFileIsValidAndHoldsThePayloads) {
