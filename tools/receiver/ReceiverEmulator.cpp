@@ -954,6 +954,8 @@ std::string ReceiverEmulator::Impl::Json() {
                 {"bad_marker", (double)r.badMarker},
                 {"timestamp_errors", (double)r.timestampErrors},
                 {"silent_packets", (double)r.silentPackets},
+                {"first_timestamp", (double)r.firstTimestamp},
+                {"last_timestamp", (double)r.lastTimestamp},
                 {"commands", (double)r.commands},
                 {"handshake", (double)r.handshake},
                 {"handshake_errors", (double)r.handshakeErrors},
