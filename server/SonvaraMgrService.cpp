@@ -41,26 +41,50 @@ ITEM* _ring_unlink(ITEM** list, ITEM* item) {
     return next;
 }
 
-}  // namespace
-
-// ------------------------------------------------------------ service devices
-
-int PlurafonMgr::ServiceDeviceInit() {
-    SERVICE_DEVICE_LIST* header = (SERVICE_DEVICE_LIST*)calloc(1, sizeof(SERVICE_DEVICE_LIST));
+// Both registries' headers: created with their mutex, closed, emptied.
+template <class LIST>
+int _registry_create(LIST** out) {
+    LIST* header = (LIST*)calloc(1, sizeof(LIST));
     if (!header) return PLURAFON_ERR_NO_MEMORY;
     if (!PAL_MutexCreate(&header->pMutex)) {
         free(header);
         return PLURAFON_ERR_MUTEX;
     }
-    m_pDeviceList = header;
+    *out = header;
     return 0;
 }
 
+template <class LIST>
+void _registry_close(LIST** pp) {
+    if (!*pp) return;
+    PAL_MutexDelete((*pp)->pMutex);
+    free(*pp);
+    *pp = nullptr;
+}
+
+template <class LIST>
+void _registry_clear(LIST* header, int LIST::*count) {
+    if (!header) return;
+    PAL_MutexLock(header->pMutex, 1);
+    while (header->list) {
+        auto* item = header->list;
+        _ring_unlink(&header->list, item);
+        free(item);
+    }
+    header->*count = 0;
+    PAL_MutexUnLock(header->pMutex);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------ service devices
+
+int PlurafonMgr::ServiceDeviceInit() {
+    return _registry_create(&m_pDeviceList);
+}
+
 void PlurafonMgr::ServiceDeviceClose() {
-    if (!m_pDeviceList) return;
-    PAL_MutexDelete(m_pDeviceList->pMutex);
-    free(m_pDeviceList);
-    m_pDeviceList = nullptr;
+    _registry_close(&m_pDeviceList);
 }
 
 void PlurafonMgr::ServiceDeviceAdd(int groupId, const char* ip) {
@@ -118,15 +142,7 @@ void PlurafonMgr::ServiceDeviceDeleteGroup(int groupId) {
 }
 
 void PlurafonMgr::ServiceDeviceDeleteAll() {
-    if (!m_pDeviceList) return;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
-    while (m_pDeviceList->list) {
-        SERVICE_DEVICE_ITEM* item = m_pDeviceList->list;
-        _ring_unlink(&m_pDeviceList->list, item);
-        free(item);
-    }
-    m_pDeviceList->DeviceCnt = 0;
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
+    _registry_clear(m_pDeviceList, &SERVICE_DEVICE_LIST::DeviceCnt);
 }
 
 int PlurafonMgr::ServiceDeviceGetCntList() {
@@ -180,21 +196,11 @@ bool PlurafonMgr::_is_exist_servicedevice(const char* ip) {
 // at its first test.
 
 int PlurafonMgr::ServiceGroupInit() {
-    SERVICE_GROUP_LIST* header = (SERVICE_GROUP_LIST*)calloc(1, sizeof(SERVICE_GROUP_LIST));
-    if (!header) return PLURAFON_ERR_NO_MEMORY;
-    if (!PAL_MutexCreate(&header->pMutex)) {
-        free(header);
-        return PLURAFON_ERR_MUTEX;
-    }
-    m_pGroupList = header;
-    return 0;
+    return _registry_create(&m_pGroupList);
 }
 
 void PlurafonMgr::ServiceGroupClose() {
-    if (!m_pGroupList) return;
-    PAL_MutexDelete(m_pGroupList->pMutex);
-    free(m_pGroupList);
-    m_pGroupList = nullptr;
+    _registry_close(&m_pGroupList);
 }
 
 void PlurafonMgr::ServiceGroupAdd(int group_id) {
@@ -224,15 +230,7 @@ void PlurafonMgr::ServiceGroupDelete(int group_id) {
 }
 
 void PlurafonMgr::ServiceGroupDeleteAll() {
-    if (!m_pGroupList) return;
-    PAL_MutexLock(m_pGroupList->pMutex, 1);
-    while (m_pGroupList->list) {
-        SERVICE_GROUP_ITEM* item = m_pGroupList->list;
-        _ring_unlink(&m_pGroupList->list, item);
-        free(item);
-    }
-    m_pGroupList->GroupCnt = 0;
-    PAL_MutexUnLock(m_pGroupList->pMutex);
+    _registry_clear(m_pGroupList, &SERVICE_GROUP_LIST::GroupCnt);
 }
 
 void PlurafonMgr::SetServiceGroup(int group_id, int bIsPlay) {
