@@ -475,6 +475,8 @@ void ReceiverEmulator::Impl::_connect(const char* server, unsigned short port) {
     if (cfg->timeSync) clock.SetMaster(server);
     m_ctrlLen = 0;
     m_cseq = 0;
+    m_haveSeq = false;  // a new connection is a new stream
+    m_expectGap = false;
     {
         std::lock_guard<std::mutex> g(lock);
         rep.connects++;

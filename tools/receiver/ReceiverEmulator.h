@@ -109,7 +109,8 @@ struct ReceiverReport {
     // Clock.
     bool clockSynced;
     long long clockOffsetUs;  // estimated master - own clock
-    // Play-out margin: RTP timestamp minus the master clock at arrival, ms.
+    // Play-out margin: RTP timestamp minus the master clock at arrival, ms
+    // (how early a packet came). p99: 99 % of packets came at least this early.
     unsigned int marginCount;
     double marginMinMs, marginMedianMs, marginP99Ms;
     // The last errors, oldest first (cut to 127 bytes each).
