@@ -15,13 +15,14 @@ import java.util.Set;
 /**
  * A group playing a WAV file from Java to three emulated receivers: progress
  * on a native thread, seek, pause and resume, volume, the service registry, a
- * JOIN from a receiver outside the group, the end of the content, Stop.
+ * JOIN from a receiver outside the group, many Java threads calling at once,
+ * the end of the content, Stop.
  */
 final class PlaybackTests {
     private PlaybackTests() {}
 
     static final long WAIT_MS = 30_000;
-    static final int SECONDS = 12;
+    static final int SECONDS = 15;
 
     /** A 16-bit stereo 44.1 kHz WAV file: a tone on the left, another on the right. */
     static Path makeWav(Path dir, int seconds) throws IOException {
@@ -129,6 +130,14 @@ final class PlaybackTests {
         NotifyProbe.rxSendVolumeChanged(first.rx, 6);
         Check.ok("volume change reported", log.await("ReceiverVolumeChanged|" + g + "|" + first.ip
                 + "|" + first.mac + "|" + first.guid + "|" + first.name + "|6", WAIT_MS));
+
+        // Many Java threads calling while the group plays.
+        java.util.concurrent.atomic.AtomicInteger wrong = new java.util.concurrent.atomic.AtomicInteger();
+        StressTests.hammer("while playing", StressTests.mixedCalls(m, new int[] {g},
+                Files.createTempDirectory("sonvara-play-stress").toString(), wrong));
+        Check.eq("while playing: impossible answers", 0, wrong.get());
+        Check.eq("still the three served receivers", ips,
+                new HashSet<>(List.of(m.GetServiceDeviceList())));
 
         // A receiver outside the group asks to join the running stream.
         SessionTests.startAt(outsider, 5);
