@@ -50,13 +50,19 @@ bool configure(mpg123_handle* mh) {
 
 // True when the frame carries a Xing or Info tag where encoders put it:
 // behind the side information, whose size depends on version and channels.
-bool is_info_frame(const unsigned char* p, unsigned int n) {
+// The frame's own header then gives the stream's format.
+bool info_frame_format(const unsigned char* p, unsigned int n, MP3FILE_INFO* info) {
+    static const int kRates[3] = {44100, 48000, 32000};
     if (n < 4 || p[0] != 0xFF || (p[1] & 0xE0) != 0xE0) return false;
-    const bool mpeg1 = ((p[1] >> 3) & 3) == 3;
+    const int version = (p[1] >> 3) & 3, rateIndex = (p[2] >> 2) & 3;
+    if (version == 1 || rateIndex == 3) return false;
     const bool mono = ((p[3] >> 6) & 3) == 3;
-    const unsigned int off = mpeg1 ? (mono ? 21 : 36) : (mono ? 13 : 21);
+    const unsigned int off = version == 3 ? (mono ? 21 : 36) : (mono ? 13 : 21);
     if (n < off + 4) return false;
-    return memcmp(p + off, "Xing", 4) == 0 || memcmp(p + off, "Info", 4) == 0;
+    if (memcmp(p + off, "Xing", 4) != 0 && memcmp(p + off, "Info", 4) != 0) return false;
+    info->num_channels = mono ? 1 : 2;
+    info->samplingRate = kRates[rateIndex] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+    return true;
 }
 
 }  // namespace
@@ -89,7 +95,7 @@ bool MP3Decoder::MP3Dec_Decode(MP3DEC_DATA* data) {
     data->dstUsed = 0;
     data->srcUsed = 0;
     if (data->srcSize == 0) return false;
-    if (is_info_frame(data->src, data->srcSize)) {
+    if (info_frame_format(data->src, data->srcSize, &mInfo)) {
         data->srcUsed = data->srcSize;
         return true;
     }

@@ -1,4 +1,9 @@
 // Clock, sleep, random numbers and U32_AT (see PAL_Clock.h).
+//
+// Owns: the process-wide random state, seeded from the monotonic clock on
+// first use. Allocates nothing.
+// Threads: any; g_rand_lock guards the random state (held for a few
+// arithmetic steps only).
 #include "PAL_Clock.h"
 
 #include <errno.h>

@@ -33,6 +33,7 @@
 
 #include "PAL_Clock.h"
 #include "TimeSyncWire.h"
+#include "debug_UI.h"
 
 namespace {
 
@@ -268,7 +269,13 @@ int TimeSyncInitiator_Start(void) {
         }
         if (ret != 0) close_sockets_l(sock, fds);
     }
+    unsigned short port = g_init.port;
     pthread_mutex_unlock(&g_lock);
+    if (ret == 0) {
+        debug_UI("TimeSyncInitiator_Start port %u offset %lld us", port, g_offsetUs.load());
+    } else {
+        debug_UI("TimeSyncInitiator_Start fail (port %u)", port);
+    }
     return ret;
 }
 
@@ -316,6 +323,7 @@ int TimeSyncInitiator_Stop(void) {
     pthread_mutex_unlock(&g_lock);
     if (!running) return 0;
     pthread_join(thread, nullptr);
+    debug_UI("TimeSyncInitiator_Stop");
     pthread_mutex_lock(&g_lock);
     close_sockets_l(g_init.sock, g_init.wakePipe);
     g_init.started = false;

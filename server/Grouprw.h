@@ -26,6 +26,8 @@
 #define GROUP_RW_LINE_LEN 1024
 #define GROUP_RW_PATH_LEN 1024
 
+struct GroupRWDeviceIndex;
+
 typedef enum group_rw_error_type {
     GROUP_RW_OK = 0,
     GROUP_RW_ERR_FILE_OPEN = 1,
@@ -76,6 +78,7 @@ private:
     LPGROUP_INFO _lpgroup_list;
     LPGROUP_INFO _lpgroup_list_end;
     LPDEVICE_INFO _lpdevice_list;
+    GroupRWDeviceIndex* _index;  // the records read so far, by MAC
 };
 
 #endif

@@ -14,13 +14,12 @@ int HandleTable::Add(void* obj) {
     // After two thousand million handles the counter starts again from the
     // base, stepping over those still in use.
     int handle = 0;
-    for (;;) {
+    do {
         handle = m_next;
         m_next = (m_next == INT_MAX) ? m_first : m_next + 1;
-        if (m_map.find(handle) == m_map.end()) break;
-    }
+    } while (m_map.find(handle) != m_map.end());
     try {
-        m_map.emplace(handle, obj);
+        m_map.emplace(handle, Slot{obj, 0, false});
     } catch (const std::bad_alloc&) {
         return 0;
     }
@@ -31,16 +30,34 @@ void* HandleTable::Find(int handle) const {
     if (handle <= 0) return nullptr;
     std::lock_guard<std::mutex> guard(m_mutex);
     auto it = m_map.find(handle);
-    return it == m_map.end() ? nullptr : it->second;
+    return (it == m_map.end() || it->second.removed) ? nullptr : it->second.obj;
+}
+
+void* HandleTable::Acquire(int handle) {
+    if (handle <= 0) return nullptr;
+    std::lock_guard<std::mutex> guard(m_mutex);
+    auto it = m_map.find(handle);
+    if (it == m_map.end() || it->second.removed) return nullptr;
+    it->second.refs++;
+    return it->second.obj;
+}
+
+void HandleTable::Release(int handle) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    auto it = m_map.find(handle);
+    if (it == m_map.end() || it->second.refs <= 0) return;
+    if (--it->second.refs == 0 && it->second.removed) m_released.notify_all();
 }
 
 void* HandleTable::Remove(int handle) {
     if (handle <= 0) return nullptr;
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     auto it = m_map.find(handle);
-    if (it == m_map.end()) return nullptr;
-    void* obj = it->second;
-    m_map.erase(it);
+    if (it == m_map.end() || it->second.removed) return nullptr;
+    it->second.removed = true;
+    m_released.wait(lock, [&] { return m_map.at(handle).refs == 0; });
+    void* obj = m_map.at(handle).obj;
+    m_map.erase(handle);
     return obj;
 }
 

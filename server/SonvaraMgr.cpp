@@ -1,290 +1,351 @@
-// PlurafonMgr: placeholder bodies while the manager is being written.
+// PlurafonMgr: construction, destruction, the phone's own record and the
+// device registry (see SonvaraMgr.h for ownership, threads and lock order).
+//
+// Device records are appended under _lpdevmutex and never unlinked while
+// the manager lives; each gets a device handle from m_deviceHandles when it
+// is appended. The getters by handle look the record up in that table, so a
+// made-up handle answers like handle 0.
+#include <arpa/inet.h>
+#include <string.h>
+
 #include "SonvaraMgr.h"
+#include "thinSender.h"
 
-LPDEVICE_INFO NewDeviceInfo() {
-    return new _device_info();
+namespace {
+
+// Used when the caller hands in no boot-time clock (C++ callers, tests).
+long long _default_boottime_usec(void) {
+    return PAL_GetBootTimeUsec();
 }
-LPGITEM NewGroupItem() {
-    return new _gitem();
+
+}  // namespace
+
+PlurafonMgr::PlurafonMgr(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec)
+    : _lpgroup_info(nullptr),
+      _lpgroup_info_last(nullptr),
+      _lpdevice_info(nullptr),
+      _lpdevice_info_last(nullptr),
+      _device_cnt(0),
+      _group_cnt(0),
+      _bsearch(false),
+      _lpnotify(nullptr),
+      m_pMulticastUrl(MGR_MULTICAST_URL),
+      _lpmutex(nullptr),
+      _lpdevmutex(nullptr),
+      _dlna_handle(0),
+      m_pGroupList(nullptr),
+      m_pDeviceList(nullptr),
+      m_bSyncService(false),
+      _bsetNICinfo(false),
+      m_searchtime(0),
+      m_bSearching(false),
+      _lpSearchingLock(nullptr),
+      _lpmydivice_info(nullptr),
+      _lpjoin_req(nullptr),
+      _init_status(0),
+      m_groupIds(1),
+      m_deviceHandles(1),
+      m_hSearchThread(nullptr) {
+    if (!guid) guid = "";
+    debug_UI("PlurafonMgr::PlurafonMgr+++, GUID:%s", guid);
+    memset(&m_MgrMusicInfo, 0, sizeof(m_MgrMusicInfo));
+    memset(&m_MyDevice, 0, sizeof(m_MyDevice));
+    memset(mGuid, 0, sizeof(mGuid));
+    _init_status = _init(guid, _get_boottime_usec);
+    if (_init_status == 0) debug_UI("PlurafonMgr::PlurafonMgr---");
 }
-LPGROUP_INFO NewGroupInfo() {
-    return new _group_info();
-}
-void FreeGroupInfo(LPGROUP_INFO group) {
-    if (!group) return;
-    LPGITEM it = group->_lpdevice_list;
-    while (it) {
-        LPGITEM next = it->_next;
-        delete it;
-        it = next;
+
+int PlurafonMgr::_init(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec) {
+    AVRepDlnaSetGUID(guid);
+    int r = AVRepDlnaCreate(&_dlna_handle, m_pMulticastUrl, dlna_notify, this);
+    if (r != 0) {
+        _dlna_handle = 0;
+        return r;
     }
-    delete group;
+    if (!PAL_MutexCreate(&_lpmutex) || !PAL_MutexCreate(&_lpdevmutex) ||
+        !PAL_MutexCreate(&_lpSearchingLock)) {
+        return PLURAFON_ERR_MUTEX;
+    }
+    r = ServiceDeviceInit();
+    if (r != 0) return r;
+    memset(&m_MyDevice, 0, sizeof(m_MyDevice));
+    if (!GetNICInfo(m_MyDevice.pReceiverMac, m_MyDevice.pReceiverIP)) return PLURAFON_ERR_NIC;
+    _bsetNICinfo = true;
+    CopyField(m_MyDevice.pReceiverGuid, sizeof(m_MyDevice.pReceiverGuid), guid);
+    CopyField(mGuid, sizeof(mGuid), guid);
+    AVSenderSetGUID(mGuid);
+
+    // The phone is the group's clock: time synchronisation runs on the
+    // multicast group, one port above discovery, for the manager's lifetime.
+    if (!_get_boottime_usec) _get_boottime_usec = _default_boottime_usec;
+    TimeSyncInitiator_Create(inet_addr(MGR_MULTICAST_GROUP), MGR_TIMESYNC_PORT,
+                             inet_addr(m_MyDevice.pReceiverIP), _get_boottime_usec);
+    TimeSyncInitiator_Start();
+    TimeSyncInitiator_SyncOnce(20000, 3000000);
+    m_bSyncService = true;
+    return 0;
 }
 
-PlurafonMgr::PlurafonMgr(const char*, GET_BOOTTIME_USEC) : _init_status(0) {}
-PlurafonMgr::~PlurafonMgr() {}
+PlurafonMgr::~PlurafonMgr() {
+    debug_UI("PlurafonMgr::~PlurafonMgr+++");
+    TimeSyncInitiator_Stop();
+    m_bSyncService = false;
+    TimeSyncInitiator_Delete();
+    debug_UI("TimeSyncInitiator is deleted");
+
+    while (m_bSearching) PAL_ThreadSleep(10);
+    PAL_ThreadExit(m_hSearchThread);
+    m_hSearchThread = nullptr;
+
+    for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
+        if (g->bIsPlay == 1) Stop(g->_gid, 0);
+    }
+    if (_lpgroup_info) _remove_all_group();
+    if (_lpdevice_info) _remove_all_device_info();
+    if (_dlna_handle) {
+        AVRepDlnaDelete(_dlna_handle);
+        _dlna_handle = 0;
+    }
+    if (_lpmutex) PAL_MutexDelete(_lpmutex);
+    if (_lpSearchingLock) PAL_MutexDelete(_lpSearchingLock);
+    if (_lpdevmutex) PAL_MutexDelete(_lpdevmutex);
+    _lpmutex = _lpSearchingLock = _lpdevmutex = nullptr;
+    _release_mcast_req(&_lpjoin_req);
+    ServiceDeviceDeleteAll();
+    ServiceDeviceClose();
+    debug_UI("PlurafonMgr::~PlurafonMgr ---");
+}
+
+// ------------------------------------------------------------ device records
+
+LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char* ip, const char* pMacAddr,
+                                                const char* pGuid, const char* pDeviceName,
+                                                int ReceiverType, int vol) {
+    LPDEVICE_INFO device = NewDeviceInfo();
+    if (!device) return nullptr;
+    CopyField(device->_ip, sizeof(device->_ip), ip);
+    CopyField(device->_MacAddr, sizeof(device->_MacAddr), pMacAddr);
+    CopyField(device->_Guid, sizeof(device->_Guid), pGuid);
+    CopyField(device->_DeviceName, sizeof(device->_DeviceName), pDeviceName);
+    device->_mReceiverType = ReceiverType;
+    device->_mVol = vol;
+    device->_isExist = true;
+    device->_handle = m_deviceHandles.Add(device);
+
+    PAL_MutexLock(_lpdevmutex, 1);
+    if (_lpdevice_info_last) {
+        _lpdevice_info_last->_next = device;
+    } else {
+        _lpdevice_info = device;
+    }
+    _lpdevice_info_last = device;
+    _device_cnt++;
+    debug_UI("_device_cnt++   device count %d", _device_cnt);
+    PAL_MutexUnLock(_lpdevmutex);
+    return device;
+}
+
+LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char* ip, const char* pMacAddr,
+                                                const char* pGuid) {
+    return _add_receiver_device(ip, pMacAddr, pGuid, "", 0, 0);
+}
+
+LPDEVICE_INFO PlurafonMgr::_find_device(const char* device_ip, const char* pDeviceMac) {
+    (void)device_ip;  // the MAC alone names a device
+    if (!pDeviceMac) return nullptr;
+    PAL_MutexLock(_lpdevmutex, 1);
+    LPDEVICE_INFO found = _lpdevice_info;
+    while (found && strcmp(found->_MacAddr, pDeviceMac) != 0) found = found->_next;
+    PAL_MutexUnLock(_lpdevmutex);
+    return found;
+}
+
+LPDEVICE_INFO PlurafonMgr::_find_device_by_ip(const char* ip) {
+    if (!ip) return nullptr;
+    PAL_MutexLock(_lpdevmutex, 1);
+    LPDEVICE_INFO found = _lpdevice_info;
+    while (found && strcmp(found->_ip, ip) != 0) found = found->_next;
+    PAL_MutexUnLock(_lpdevmutex);
+    return found;
+}
+
+LPDEVICE_INFO PlurafonMgr::_device_by_handle(int hInst) const {
+    return static_cast<LPDEVICE_INFO>(m_deviceHandles.Find(hInst));
+}
+
+bool PlurafonMgr::_is_my_device(const char* mac) {
+    if (!mac) return false;
+    if (_lpmydivice_info) return strcmp(mac, _lpmydivice_info->_MacAddr) == 0;
+    char myMac[AV_MAC_LEN] = {0};
+    char myIp[AV_IP_LEN] = {0};
+    if (!GetNICInfo(myMac, myIp)) return false;
+    return strcmp(mac, myMac) == 0;
+}
+
+bool PlurafonMgr::_read_nic_info() {
+    memset(m_MyDevice.pReceiverMac, 0, sizeof(m_MyDevice.pReceiverMac));
+    memset(m_MyDevice.pReceiverIP, 0, sizeof(m_MyDevice.pReceiverIP));
+    if (!GetNICInfo(m_MyDevice.pReceiverMac, m_MyDevice.pReceiverIP)) return false;
+    _bsetNICinfo = true;
+    return true;
+}
+
+void PlurafonMgr::_remove_all_device_info() {
+    PAL_MutexLock(_lpdevmutex, 1);
+    LPDEVICE_INFO device = _lpdevice_info;
+    _lpdevice_info = _lpdevice_info_last = nullptr;
+    _lpmydivice_info = nullptr;
+    PAL_MutexUnLock(_lpdevmutex);
+    while (device) {
+        LPDEVICE_INFO next = device->_next;
+        m_deviceHandles.Remove(device->_handle);
+        delete device;
+        device = next;
+    }
+}
+
+// ------------------------------------------------------------ registry queries
 
 int PlurafonMgr::GetDeviceCount() {
-    return 0;
+    debug_UI("[GetDeviceCount] device count %d", _device_cnt);
+    return _device_cnt;
 }
-int PlurafonMgr::GetDeviceHandle(int) {
-    return 0;
+
+int PlurafonMgr::GetDeviceHandle(int index) {
+    if (index < 0) return 0;
+    PAL_MutexLock(_lpdevmutex, 1);
+    LPDEVICE_INFO device = _lpdevice_info;
+    for (int i = 0; device && i < index; i++) device = device->_next;
+    int handle = device ? device->_handle : 0;
+    PAL_MutexUnLock(_lpdevmutex);
+    return handle;
 }
-const char* PlurafonMgr::GetDeviceIp(int) {
-    return nullptr;
+
+const char* PlurafonMgr::GetDeviceIp(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    return (device && device->_isExist) ? device->_ip : nullptr;
 }
-const char* PlurafonMgr::GetDeviceMac(int) {
-    return nullptr;
+
+const char* PlurafonMgr::GetDeviceMac(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    return device ? device->_MacAddr : nullptr;
 }
-const char* PlurafonMgr::GetDeviceGuid(int) {
-    return nullptr;
+
+const char* PlurafonMgr::GetDeviceGuid(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    if (!device) return nullptr;
+    debug_UI("PlurafonMgr::GetDeviceGuid %s", device->_Guid);
+    return device->_Guid;
 }
-const char* PlurafonMgr::GetDeviceName(int) {
-    return nullptr;
+
+const char* PlurafonMgr::GetDeviceName(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    if (!device) return nullptr;
+    debug_UI("PlurafonMgr::GetDeviceName %s", device->_DeviceName);
+    return device->_DeviceName;
 }
-int PlurafonMgr::GetDeviceReceiverType(int) {
-    return 0;
+
+int PlurafonMgr::GetDeviceReceiverType(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    return device ? device->_mReceiverType : 0;
 }
-int PlurafonMgr::GetDeviceVolume(int) {
-    return 0;
+
+int PlurafonMgr::GetDeviceVolume(int hInst) {
+    LPDEVICE_INFO device = _device_by_handle(hInst);
+    return device ? device->_mVol : 0;
 }
+
+// ------------------------------------------------------------ the phone itself
+
 int PlurafonMgr::LoadMyDevice() {
+    debug_UI("PlurafonMgr::LoadMyDevice+++");
+    if (!_bsetNICinfo && !_read_nic_info()) {
+        debug_UI("GetNICInfo fail");
+        return -1;
+    }
+    LPDEVICE_INFO mine = _find_device(nullptr, m_MyDevice.pReceiverMac);
+    if (mine && !mine->_isExist) {
+        PAL_MutexLock(_lpdevmutex, 1);
+        CopyField(mine->_ip, sizeof(mine->_ip), m_MyDevice.pReceiverIP);
+        mine->_isExist = true;
+        PAL_MutexUnLock(_lpdevmutex);
+    } else {
+        // A record already present is not reused: the phone is appended
+        // once more.
+        debug_UI("PlurafonMgr::LoadMyDevice _add_receiver_device");
+        mine = _add_receiver_device(m_MyDevice.pReceiverIP, m_MyDevice.pReceiverMac,
+                                    m_MyDevice.pReceiverGuid);
+        if (mine) mine->_bserch_notify = true;
+    }
+    debug_UI("PlurafonMgr::LoadMyDevice---");
     return 0;
 }
-int PlurafonMgr::AddMyDevice(int) {
+
+int PlurafonMgr::AddMyDevice(int group_id) {
+    debug_UI("PlurafonMgr::AddMyDevice+++ group_id %d", group_id);
+    LPGROUP_INFO group = _group_by_id(group_id);
+    if (!group) return -1;
+    group->_emode = PARTY_MODE;
+    if (!_bsetNICinfo && !_read_nic_info()) {
+        debug_UI("PlurafonMgr::AddMyDevice--- GetNICInfo fail");
+        return PLURAFON_ERR_NIC;
+    }
+    LPDEVICE_INFO mine = _find_device(nullptr, m_MyDevice.pReceiverMac);
+    if (mine) {
+        PAL_MutexLock(_lpdevmutex, 1);
+        CopyField(mine->_ip, sizeof(mine->_ip), m_MyDevice.pReceiverIP);
+        CopyField(mine->_Guid, sizeof(mine->_Guid), m_MyDevice.pReceiverGuid);
+        mine->_mReceiverType = 0;
+        mine->_isExist = true;
+        PAL_MutexUnLock(_lpdevmutex);
+        debug_UI("PlurafonMgr::AddMyDevice IsExistedDevice %d", 1);
+    } else {
+        mine = _add_receiver_device(m_MyDevice.pReceiverIP, m_MyDevice.pReceiverMac,
+                                    m_MyDevice.pReceiverGuid);
+        if (!mine) {
+            debug_UI("PlurafonMgr::AddMyDevice--- fail");
+            return PLURAFON_ERR_NO_MEMORY;
+        }
+        mine->_bserch_notify = true;
+        _lpmydivice_info = mine;
+    }
+    LPGITEM item = _find_device_in_group(group_id, m_MyDevice.pReceiverIP, mine->_MacAddr);
+    if (item) {
+        debug_UI("PlurafonMgr::AddMyDevice _is_device_duplicate");
+        item->bIsService = 1;
+        item->_type = AV_CHANNEL_PARTY;
+        return 0;
+    }
+    item = NewGroupItem();
+    if (!item) {
+        debug_UI("PlurafonMgr::AddMyDevice--- memory alloc fail");
+        return PLURAFON_ERR_NO_MEMORY;
+    }
+    item->_lpdevice = mine;
+    item->_type = AV_CHANNEL_PARTY;
+    item->bIsService = 1;
+    _add_group_item(group, item);
+    debug_UI("PlurafonMgr::AddMyDevice---");
     return 0;
 }
+
+// ------------------------------------------------------------ Wi-Fi
+
 int PlurafonMgr::ConnectedWiFi() {
-    return 0;
+    if (!_read_nic_info()) return PLURAFON_ERR_NIC;
+    int r = AVRepDlnaOpen(_dlna_handle, m_pMulticastUrl);
+    // A failed open has taken the discovery object with it.
+    if (r != 0) _dlna_handle = 0;
+    return r;
 }
+
 int PlurafonMgr::DisconnectedWiFi() {
+    for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
+        if (g->bIsPlay == 1) Stop(g->_gid, 0);
+        for (LPGITEM item = g->_lpdevice_list; item; item = item->_next) {
+            item->DeviceState = DEVICE_STATE_OFF;
+        }
+    }
+    AVRepDlnaClose(_dlna_handle);
     return 0;
-}
-int PlurafonMgr::CreateGroup(const char*) {
-    return 0;
-}
-int PlurafonMgr::AddDevice(int, const char*, const char*, int, int) {
-    return 0;
-}
-int PlurafonMgr::DeleteDevice(int, const char*, const char*) {
-    return 0;
-}
-int PlurafonMgr::ReceiverIn(int, const char*, const char*, int, int) {
-    return 0;
-}
-int PlurafonMgr::ReceiverOut(int, const char*, const char*) {
-    return 0;
-}
-int PlurafonMgr::DeleteGroup(int) {
-    return 0;
-}
-int PlurafonMgr::ChangeGroupName(int, const char*) {
-    return 0;
-}
-int PlurafonMgr::GetGroupID(int) {
-    return 0;
-}
-int PlurafonMgr::GetGroupIDByName(const char*) {
-    return 0;
-}
-const char* PlurafonMgr::GetGroupName(int) {
-    return nullptr;
-}
-int PlurafonMgr::GetDeviceCountInGroup(int) {
-    return 0;
-}
-const char* PlurafonMgr::GetDeviceIpInGroup(int, int) {
-    return nullptr;
-}
-const char* PlurafonMgr::GetDeviceMacInGroup(int, int) {
-    return nullptr;
-}
-const char* PlurafonMgr::GetDeviceGuidInGroup(int, int) {
-    return nullptr;
-}
-const char* PlurafonMgr::GetDeviceNameInGroup(int, int) {
-    return nullptr;
-}
-int PlurafonMgr::GetDeviceTypeInGroup(int, int) {
-    return 0;
-}
-int PlurafonMgr::IsDeviceServiceInGroup(int, int) {
-    return 0;
-}
-int PlurafonMgr::GetDeviceServiceIsPlayInGroup(int, int) {
-    return 0;
-}
-int PlurafonMgr::GetDeviceStateInGroup(int, int) {
-    return 0;
-}
-int PlurafonMgr::SetDeviceEnableInGroup(int, const char*, const char*, int) {
-    return 0;
-}
-int PlurafonMgr::UpdateDeviceChannelType(int, const char*, const char*, int) {
-    return 0;
-}
-int PlurafonMgr::SaveGroup(const char*) {
-    return 0;
-}
-int PlurafonMgr::LoadGroup(const char*) {
-    return 0;
-}
-int PlurafonMgr::_debug_print_all_group() {
-    return 0;
-}
-int PlurafonMgr::SearchDevice(bool) {
-    return 0;
-}
-int PlurafonMgr::SearchDeviceAsync(int) {
-    return 0;
-}
-void PlurafonMgr::sender_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
-void PlurafonMgr::dlna_notify(intptr_t, intptr_t, intptr_t, intptr_t) {}
-int PlurafonMgr::_parse_join_req(const char*, JOIN_REQ*) {
-    return 0;
-}
-int PlurafonMgr::Open(int, const char*, const char*, const char*, int, int, int, int, int) {
-    return 0;
-}
-int PlurafonMgr::Stop(int, int) {
-    return 0;
-}
-int PlurafonMgr::stopPlayer(int) {
-    return 0;
-}
-int PlurafonMgr::seekTo(int, int) {
-    return 0;
-}
-int PlurafonMgr::Pause(int) {
-    return 0;
-}
-int PlurafonMgr::Resume(int) {
-    return 0;
-}
-int PlurafonMgr::DevicePlay(int, const char*, const char*, int, int) {
-    return 0;
-}
-int PlurafonMgr::ReceiverVolumeControl(int, int) {
-    return 0;
-}
-int PlurafonMgr::ReceiverDeviceVolumeControl(const char*, const char*, int) {
-    return 0;
-}
-int PlurafonMgr::SetReceiverUIType(const char*, const char*, int) {
-    return 0;
-}
-int PlurafonMgr::SetReceiverUITypeAll(int, int) {
-    return 0;
-}
-int PlurafonMgr::GetContentSampleRate(const char*) {
-    return 0;
-}
-int PlurafonMgr::GetContentChannel(const char*) {
-    return 0;
-}
-int PlurafonMgr::IsContentValid(const char*) {
-    return 0;
-}
-int PlurafonMgr::GetContentInfo(const char*) {
-    return 0;
-}
-int PlurafonMgr::IsContentValidFromMime(const char*, const char*) {
-    return 0;
-}
-int PlurafonMgr::ServiceDeviceInit() {
-    return 0;
-}
-void PlurafonMgr::ServiceDeviceClose() {}
-void PlurafonMgr::ServiceDeviceAdd(int, const char*) {}
-void PlurafonMgr::ServiceDeviceDeleteReceiver(const char*) {}
-void PlurafonMgr::ServiceDeviceDeleteGroup(int) {}
-void PlurafonMgr::ServiceDeviceDeleteAll() {}
-int PlurafonMgr::ServiceDeviceGetCntList() {
-    return 0;
-}
-void PlurafonMgr::ServiceDeviceGetList(char**) {}
-int PlurafonMgr::ServiceDeviceGetGroupIdOfReceiver(const char*) {
-    return 0;
-}
-int PlurafonMgr::ServiceGroupInit() {
-    return 0;
-}
-void PlurafonMgr::ServiceGroupClose() {}
-void PlurafonMgr::ServiceGroupAdd(int) {}
-void PlurafonMgr::ServiceGroupDelete(int) {}
-void PlurafonMgr::ServiceGroupDeleteAll() {}
-void PlurafonMgr::SetServiceGroup(int, int) {}
-LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char*, const char*, const char*, const char*,
-                                                int, int) {
-    return nullptr;
-}
-LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char*, const char*, const char*) {
-    return nullptr;
-}
-LPDEVICE_INFO PlurafonMgr::_find_device(const char*, const char*) {
-    return nullptr;
-}
-LPDEVICE_INFO PlurafonMgr::_find_device_by_ip(const char*) {
-    return nullptr;
-}
-LPDEVICE_INFO PlurafonMgr::_find_my_device_record() {
-    return nullptr;
-}
-bool PlurafonMgr::_is_my_device(const char*) {
-    return false;
-}
-bool PlurafonMgr::_read_nic_info() {
-    return false;
-}
-void PlurafonMgr::_remove_all_device_info() {}
-int PlurafonMgr::_add_group(LPGROUP_INFO) {
-    return 0;
-}
-void PlurafonMgr::_delete_group(LPGROUP_INFO) {}
-void PlurafonMgr::_remove_all_group() {}
-void PlurafonMgr::_add_group_item(LPGROUP_INFO, LPGITEM) {}
-void PlurafonMgr::_delete_group_item(LPGROUP_INFO, const char*) {}
-void PlurafonMgr::_remove_all_group_item(LPGROUP_INFO) {}
-LPGITEM PlurafonMgr::_find_device_in_group(int, const char*, const char*) {
-    return nullptr;
-}
-LPGITEM PlurafonMgr::_find_item_in_group_l(LPGROUP_INFO, const char*) {
-    return nullptr;
-}
-LPGITEM PlurafonMgr::_get_device_in_group_by_index(int, int) {
-    return nullptr;
-}
-int PlurafonMgr::_find_group_id_by_device(const char*, const char*) {
-    return 0;
-}
-int PlurafonMgr::_find_group_id_by_receiverIP(const char*) {
-    return 0;
-}
-int PlurafonMgr::_device_search_thread(void*) {
-    return 0;
-}
-bool PlurafonMgr::_device_search_async() {
-    return false;
-}
-void PlurafonMgr::_update_member_state_after_search() {}
-void PlurafonMgr::_on_receiver_found(const char*, const char*, int) {}
-void PlurafonMgr::_on_receiver_reset(const char*) {}
-void PlurafonMgr::_on_volume_changed(const char*, int) {}
-void PlurafonMgr::_on_receiver_died(const char*) {}
-bool PlurafonMgr::_is_duplicate_mcast_req(LPMCAST_REQ_NODE*, const char*, unsigned int, bool*) {
-    return false;
-}
-LPMCAST_REQ_NODE PlurafonMgr::_create_mcast_req(const char*, unsigned int) {
-    return nullptr;
-}
-void PlurafonMgr::_add_mcast_req(LPMCAST_REQ_NODE*, LPMCAST_REQ_NODE) {}
-void PlurafonMgr::_release_mcast_req(LPMCAST_REQ_NODE*) {}
-int PlurafonMgr::_stop_thread(void*) {
-    return 0;
-}
-int PlurafonMgr::_refresh_content_cache(const char*, const char*) {
-    return 0;
-}
-bool PlurafonMgr::_is_exist_servicedevice(const char*) {
-    return false;
 }

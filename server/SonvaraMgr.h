@@ -28,6 +28,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "AVRepDlna.h"
 #include "AVStreamerDef.h"
@@ -63,13 +64,14 @@
 #define MGR_TIMESYNC_PORT 1235
 #define JOIN_REQ_TS_LEN 64
 
-typedef enum _DEVICE_STATE {
+typedef enum _DEVICE_STATE : int {
     DEVICE_STATE_STANDBY = 0,
     DEVICE_STATE_PLAY = 1,
     DEVICE_STATE_OFF = 2,
 } DEVICE_STATE;
 
-typedef enum _GROUP_MODE {
+// Any int is a valid value: a hand-edited group file may hold any mode.
+typedef enum _GROUP_MODE : int {
     GROUP_MODE_NONE = 0,
     CHANNEL_MODE = 1,
     PARTY_MODE = 2,
@@ -94,8 +96,8 @@ typedef struct _device_info {
 // One member of a group; points at a device record it does not own.
 typedef struct _gitem {
     LPDEVICE_INFO _lpdevice;
-    AV_CHANNEL_TYPE _type;
-    int bIsService;                // takes part when the group plays
+    int _type;       // AV_CHANNEL_TYPE; kept as an int since a group file may hold any number
+    int bIsService;  // takes part when the group plays
     std::atomic<int> DeviceState;  // DEVICE_STATE; the streamers' events change it too
     _gitem* _next;
 } GITEM, *LPGITEM;
@@ -113,6 +115,10 @@ typedef struct _group_info {
     _group_info* _next;
     int _gid;  // the group id the application sees; 0 until registered
 } GROUP_INFO, *LPGROUP_INFO;
+
+// Copies src into the dst array of dstSize bytes, cut to dstSize - 1 and
+// NUL-terminated; a null src gives an empty text.
+void CopyField(char* dst, size_t dstSize, const char* src);
 
 // Zero-filled records (the atomics are value-initialised); freed with delete.
 LPDEVICE_INFO NewDeviceInfo();
@@ -288,6 +294,8 @@ private:
     PlurafonMgr(const PlurafonMgr&) = delete;
     PlurafonMgr& operator=(const PlurafonMgr&) = delete;
 
+    int _init(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec);
+
     // device registry
     LPDEVICE_INFO _add_receiver_device(const char* ip, const char* pMacAddr, const char* pGuid,
                                        const char* pDeviceName, int ReceiverType, int vol);
@@ -295,7 +303,6 @@ private:
     LPDEVICE_INFO _find_device(const char* device_ip, const char* pDeviceMac);
     LPDEVICE_INFO _find_device_by_ip(const char* ip);
     LPDEVICE_INFO _device_by_handle(int hInst) const;
-    LPDEVICE_INFO _find_my_device_record();
     bool _is_my_device(const char* mac);
     bool _read_nic_info();
     void _remove_all_device_info();
@@ -317,8 +324,9 @@ private:
     // search and joins
     static int _device_search_thread(void* arg);
     bool _device_search_async();
-    void _update_member_state_after_search();
+    void _update_member_state_after_search(bool bLog);
     void _on_receiver_found(const char* ip, const char* text, int hStreamer);
+    bool _is_new_join_l(const JOIN_REQ* req);
     void _on_receiver_reset(const char* ip);
     void _on_volume_changed(const char* ip, int volume);
     void _on_receiver_died(const char* ip);
@@ -356,13 +364,14 @@ private:
     PAL_MUTEX* _lpSearchingLock;  // guards m_bSearching and m_searchtime
     LPDEVICE_INFO _lpmydivice_info;
     char mGuid[AV_GUID_LEN];
-    LPMCAST_REQ_NODE _lpjoin_req;  // touched only from sender_notify
+    LPMCAST_REQ_NODE _lpjoin_req;  // JOIN requests seen; guarded by m_joinMutex
     int _init_status;
 
     HandleTable m_groupIds;       // group id -> LPGROUP_INFO
     HandleTable m_deviceHandles;  // device handle -> LPDEVICE_INFO
-    PAL_THREAD
-        m_hSearchThread;  // the background search, released by the next search or the destructor
+    // The background search thread; released by the next search or the destructor.
+    PAL_THREAD m_hSearchThread;
+    std::mutex m_joinMutex;  // guards _lpjoin_req: two streamers may report joins at once
 };
 
 #endif

@@ -1,89 +1,351 @@
-// The sender facade: placeholder bodies until the streamer and discovery land.
+// The sender facade (see thinSender.h): handle check, one call into the
+// streamer or discovery object, one log line.
+//
+// Owns: the two process-wide handle tables. Allocates: every CAVStreamer and
+// CAVRepDlna; the only place that frees them. Threads: the caller's. Locks:
+// each table's own mutex, only inside its calls. Every call holds its object
+// (HandleTable::Acquire) for its duration, so a delete on another thread
+// waits for it instead of freeing the object under it.
 #include "thinSender.h"
 
-int AVSenderCreate(int*, AV_NOTIFY_MSG, void*, int) {
-    return 1;
+#include <new>
+
+#include "AVRepDlna.h"
+#include "AVStreamer.h"
+#include "HandleTable.h"
+#include "PAL.h"
+
+namespace {
+
+HandleTable& _streamers() {
+    static HandleTable table(1);
+    return table;
 }
-int AVSenderOpen(int, uint16_t, uint16_t, char*, AV_MUSIC_INFO*, AV_RECEIVER_INFO*, int, int) {
-    return 1;
+
+HandleTable& _dlnas() {
+    static HandleTable table(1);
+    return table;
 }
-int AVSenderClose(int) {
-    return 1;
+
+// Holds the object behind a handle for one facade call.
+template <class T>
+class Held {
+public:
+    Held(HandleTable& table, int handle)
+        : m_table(table), m_handle(handle), m_obj(static_cast<T*>(table.Acquire(handle))) {}
+    ~Held() {
+        if (m_obj) m_table.Release(m_handle);
+    }
+    T* operator->() const { return m_obj; }
+    explicit operator bool() const { return m_obj != nullptr; }
+
+private:
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    HandleTable& m_table;
+    int m_handle;
+    T* m_obj;
+};
+
+typedef Held<CAVStreamer> HeldStreamer;
+typedef Held<CAVRepDlna> HeldDlna;
+
+// Closes and frees a discovery object that is not (or no longer) in the table.
+void _destroy_dlna(CAVRepDlna* dlna, bool bReceiveOpen) {
+    if (bReceiveOpen) dlna->ReceiveMsgClose();
+    dlna->CAVRepDlnaClose();
+    delete dlna;
 }
-int AVSenderDelete(int) {
-    return 1;
+
+// The streamer's playback operations are still being written; until they
+// are in, the facade answers as if each had failed.
+int _not_yet(const char* what) {
+    debug_UI("[thinSender] %s not available yet", what);
+    return TAV_NOT_READY;
 }
-int AVSenderSeek(int, int) {
-    return 1;
+
+}  // namespace
+
+// ---------------------------------------------------------------- streamers
+
+int AVSenderCreate(int* pNewHandle, AV_NOTIFY_MSG NotifyMsg, void* pParent, int groupId) {
+    debug_UI("[thinSender] AVSenderCreate()");
+    if (!pNewHandle) return AVSENDER_ERR_NULL_HANDLE;
+    CAVStreamer* streamer = new (std::nothrow) CAVStreamer(NotifyMsg, pParent, groupId);
+    if (!streamer) return AVSENDER_ERR_CREATE;
+    int handle = _streamers().Add(streamer);
+    if (!handle) {
+        delete streamer;
+        return AVSENDER_ERR_CREATE;
+    }
+    *pNewHandle = handle;
+    return AVSENDER_OK;
 }
-int AVSenderPause(int) {
-    return 1;
+
+int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, const char* pMulticastUrl,
+                 AV_MUSIC_INFO* pAVMusicInfo, AV_RECEIVER_INFO* pAVReceiverInfo, int nVolume,
+                 int offset_time) {
+    debug_UI(">>>> [thinSender] AVSenderOpen() volume %d, offset_time: %d sec", nVolume,
+             offset_time);
+    HeldStreamer s(_streamers(), handle);
+    if (!s || !pAVMusicInfo) return AVSENDER_ERR_NULL_HANDLE;
+    int r = _not_yet("AVStreamerInit");
+    (void)pAVReceiverInfo;
+    if (r != 0) {
+        debug_UI("AVStreamerInit err %d", r);
+        return AVSENDER_ERR_INIT;
+    }
+    (void)TcpSvrPort;
+    (void)UdpSvrPort;
+    (void)pMulticastUrl;
+    r = _not_yet("AVStreamerOpen");
+    if (r != 0) {
+        debug_UI("AVStreamerOpen err %d", r);
+        return AVSENDER_ERR_OPEN;
+    }
+    return _not_yet("ReceiverSearch");
 }
-int AVSenderResume(int) {
-    return 1;
+
+int AVSenderClose(int handle) {
+    debug_UI("[thinSender] AVSenderClose()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    _not_yet("AVStreamerClose");
+    return AVSENDER_OK;
 }
-int AVSenderStop(int) {
-    return 1;
+
+int AVSenderDelete(int handle) {
+    debug_UI("[thinSender] AVSenderDelete() start");
+    CAVStreamer* streamer = static_cast<CAVStreamer*>(_streamers().Remove(handle));
+    if (!streamer) return AVSENDER_ERR_NULL_STREAMER;
+    delete streamer;
+    debug_UI("[thinSender] AVSenderDelete() finish");
+    return AVSENDER_OK;
 }
-int AVSenderStopNotify(int) {
-    return 1;
+
+int AVSenderSeek(int handle, int offset) {
+    debug_UI("[thinSender] AVSenderSeek()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    (void)offset;
+    _not_yet("AVStreamerSeek");
+    return AVSENDER_OK;
 }
-int AVSenderReceiverIn(int, AV_RECEIVER) {
-    return 1;
+
+int AVSenderPause(int handle) {
+    debug_UI("[thinSender] AVSenderPause()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_HANDLE;
+    _not_yet("AVStreamerPause");
+    return AVSENDER_OK;
 }
-int AVSenderReceiverOut(int, char*) {
-    return 1;
+
+int AVSenderResume(int handle) {
+    debug_UI("[thinSender] AVSenderResume()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_HANDLE;
+    _not_yet("AVStreamerResume");
+    return AVSENDER_OK;
 }
-int AVSenderReceiverUpdateChannel(int, char*, int) {
-    return 1;
+
+int AVSenderStop(int handle) {
+    debug_UI("[thinSender] AVSenderStop()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    _not_yet("AVStreamerStop");
+    return AVSENDER_OK;
 }
-int AVSenderReceiverVolumeControl(int, int) {
-    return 1;
+
+int AVSenderStopNotify(int handle) {
+    debug_UI("[thinSender] AVSenderStopNotify()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_HANDLE;
+    _not_yet("AVSenderStopNotify");
+    return AVSENDER_OK;
 }
-int AVSenderReceiverDeviceVolumeControl(int, char*, int) {
-    return 1;
+
+int AVSenderReceiverIn(int handle, AV_RECEIVER AVReceiver) {
+    debug_UI("[thinSender] AVSenderReceiverIn()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    (void)AVReceiver;
+    return _not_yet("AVStreamerReceiverIn");
 }
-int AVSenderSetReceiverUIType(int, char*, int) {
-    return 1;
+
+int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
+    debug_UI("[thinSender] AVSenderReceiverOut()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
+    (void)pReceiverIP;
+    return _not_yet("AVStreamerReceiverOut");
 }
-int AVSenderSetReceiverUITypeAll(int, int) {
-    return 1;
+
+int AVSenderReceiverUpdateChannel(int handle, const char* ip, int type) {
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_HANDLE;
+    if (!ip) return TAV_PARAM_INVALID;
+    return s->ReceiverUpdateChannelType(ip, type);
 }
-bool AVSenderIsStreamReceiverExist(int) {
-    return false;
+
+int AVSenderReceiverVolumeControl(int handle, int nVolume) {
+    debug_UI("[thinSender] AVSenderReceiverVolumeControl()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    return s->ReceiverVolumeControl(nVolume);
 }
-int AVSenderResetAcceptWaitReceiverInfo(int, char*) {
-    return 1;
+
+int AVSenderReceiverDeviceVolumeControl(int handle, const char* pReceiverIP, int nVolume) {
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
+    return s->ReceiverDeviceVolumeControl(pReceiverIP, nVolume);
 }
-void AVSenderSetGUID(const char*) {}
-int AVRepDlnaCreate(int*, char*, AV_DLNA_NOTIFY_MSG, void*) {
-    return 1;
+
+int AVSenderSetReceiverUIType(int handle, const char* pReceiverIP, int nUIType) {
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
+    return s->SetReceiverUIType(pReceiverIP, nUIType);
 }
-int AVRepDlnaOpen(int, char*) {
-    return 1;
+
+int AVSenderSetReceiverUITypeAll(int handle, int nUIType) {
+    debug_UI("[thinSender] AVSenderSetReceiverUITypeAll()");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    return s->SetReceiverUITypeAll(nUIType);
 }
-int AVRepDlnaClose(int) {
-    return 1;
+
+bool AVSenderIsStreamReceiverExist(int handle) {
+    debug_UI("[thinSender] AVSenderIsStreamReceiverExist");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return false;
+    return s->AVStreamerIsStreamReceiverExist();
 }
-int AVRepDlnaDelete(int) {
-    return 1;
+
+int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
+    debug_UI("[thinSender] AVSenderResetAcceptReceiverInfo");
+    HeldStreamer s(_streamers(), handle);
+    if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
+    return s->ResetAcceptWaitReceiverInfo(pReceiverIP);
 }
-void AVRepDlnaSetGUID(const char*) {}
-int AVGetDeviceInfo(int, char*, AV_DEVICE_INFO*, int) {
-    return 1;
+
+void AVSenderSetGUID(const char* guid) {
+    (void)guid;
+    _not_yet("SetGUID");
 }
-int AVGetMyDevice(int, AV_DEVICE*) {
-    return 1;
+
+// ---------------------------------------------------------------- discovery
+
+int AVRepDlnaCreate(int* pNewHandle, const char* pMulticastUrl, AV_DLNA_NOTIFY_MSG NotifyMsg,
+                    void* pParent) {
+    if (!pNewHandle) return AVSENDER_ERR_NULL_HANDLE;
+    CAVRepDlna* dlna = new (std::nothrow) CAVRepDlna(NotifyMsg, pParent);
+    if (!dlna) return AVSENDER_ERR_NO_MEMORY;
+    int r = dlna->CAVRepDlnaInit(pMulticastUrl);
+    bool bReceiveOpen = false;
+    if (r == 0) {
+        r = dlna->ReceiveMsgOpen();
+        bReceiveOpen = (r == 0);
+    }
+    int handle = 0;
+    if (r == 0) {
+        handle = _dlnas().Add(dlna);
+        if (!handle) r = AVSENDER_ERR_NO_MEMORY;
+    }
+    if (r != 0) {
+        _destroy_dlna(dlna, bReceiveOpen);
+        return r;
+    }
+    debug_UI("[thinSender] pAVRepDlna : %d", handle);
+    *pNewHandle = handle;
+    return AVSENDER_OK;
 }
-int AVGetContentInfo(int, char*, AV_CONTENT_INFO*) {
-    return 1;
+
+int AVRepDlnaOpen(int handle, const char* pMulticastUrl) {
+    int r = AVSENDER_OK;
+    bool bReceiveFailed = false;
+    {
+        HeldDlna d(_dlnas(), handle);
+        if (!d) return AVSENDER_ERR_NULL_HANDLE;
+        r = d->CAVRepDlnaInit(pMulticastUrl);
+        if (r == 0) {
+            r = d->ReceiveMsgOpen();
+            bReceiveFailed = (r != 0);
+        }
+    }
+    if (r != 0) {
+        // A failed open takes the object with it: the caller forgets the handle.
+        CAVRepDlna* dlna = static_cast<CAVRepDlna*>(_dlnas().Remove(handle));
+        if (dlna) {
+            if (bReceiveFailed) dlna->CAVRepDlnaClose();
+            delete dlna;
+        }
+    }
+    return r;
 }
-int AVGetContentInfoFromMime(int, char*, char*, AV_CONTENT_INFO*) {
-    return 1;
+
+int AVRepDlnaClose(int handle) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d) return AVSENDER_ERR_NULL_HANDLE;
+    d->ReceiveMsgClose();
+    d->CAVRepDlnaClose();
+    return AVSENDER_OK;
 }
-int AVSyncTrigOpen(int) {
-    return 1;
+
+int AVRepDlnaDelete(int handle) {
+    CAVRepDlna* dlna = static_cast<CAVRepDlna*>(_dlnas().Remove(handle));
+    if (!dlna) return AVSENDER_ERR_NULL_HANDLE;
+    _destroy_dlna(dlna, true);
+    return AVSENDER_OK;
 }
-int AVSyncTrigClose(int) {
-    return 1;
+
+void AVRepDlnaSetGUID(const char* guid) {
+    CAVRepDlna::SetGUID(guid ? guid : "");
+}
+
+int AVGetDeviceInfo(int handle, const char* pMulticastUrl, AV_DEVICE_INFO* pAVDeviceInfo,
+                    int search_time) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d || !pAVDeviceInfo) return AVSENDER_ERR_NULL_HANDLE;
+    return d->GetDeviceInfo(pMulticastUrl, pAVDeviceInfo, search_time);
+}
+
+int AVGetMyDevice(int handle, AV_DEVICE* pMyDevice) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d || !pMyDevice) return AVSENDER_ERR_NULL_HANDLE;
+    d->GetMyDevice(pMyDevice);
+    return AVSENDER_OK;
+}
+
+int AVGetContentInfo(int handle, const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d || !pAVContentInfo) return AVSENDER_ERR_NULL_HANDLE;
+    // Discovery reads the texts without writing them.
+    return d->GetContentInfo(const_cast<char*>(pUri), pAVContentInfo);
+}
+
+int AVGetContentInfoFromMime(int handle, const char* pUri, const char* pMimeType,
+                             AV_CONTENT_INFO* pAVContentInfo) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d || !pAVContentInfo) return AVSENDER_ERR_NULL_HANDLE;
+    return d->GetContentInfoFromMime(const_cast<char*>(pUri), const_cast<char*>(pMimeType),
+                                     pAVContentInfo);
+}
+
+int AVSyncTrigOpen(int handle) {
+    HeldDlna d(_dlnas(), handle);
+    if (!d) return AVSENDER_ERR_NULL_HANDLE;
+    d->SyncTrigOpen();
+    return AVSENDER_OK;
+}
+
+int AVSyncTrigClose(int handle) {
+    debug_UI("AVSyncTrigClose Start");
+    HeldDlna d(_dlnas(), handle);
+    if (!d) return AVSENDER_ERR_NULL_HANDLE;
+    d->SyncTrigClose();
+    debug_UI("AVSyncTrigClose Finish");
+    return AVSENDER_OK;
 }

@@ -30,7 +30,7 @@
 
 // ---- streamers ----
 int AVSenderCreate(int* pNewHandle, AV_NOTIFY_MSG NotifyMsg, void* pParent, int groupId);
-int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, char* pMulticastUrl,
+int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, const char* pMulticastUrl,
                  AV_MUSIC_INFO* pAVMusicInfo, AV_RECEIVER_INFO* pAVReceiverInfo, int nVolume,
                  int offset_time);
 int AVSenderClose(int handle);
@@ -41,28 +41,28 @@ int AVSenderResume(int handle);
 int AVSenderStop(int handle);
 int AVSenderStopNotify(int handle);
 int AVSenderReceiverIn(int handle, AV_RECEIVER AVReceiver);
-int AVSenderReceiverOut(int handle, char* pReceiverIP);
-int AVSenderReceiverUpdateChannel(int handle, char* ip, int type);
+int AVSenderReceiverOut(int handle, const char* pReceiverIP);
+int AVSenderReceiverUpdateChannel(int handle, const char* ip, int type);
 int AVSenderReceiverVolumeControl(int handle, int nVolume);
-int AVSenderReceiverDeviceVolumeControl(int handle, char* pReceiverIP, int nVolume);
-int AVSenderSetReceiverUIType(int handle, char* pReceiverIP, int nUIType);
+int AVSenderReceiverDeviceVolumeControl(int handle, const char* pReceiverIP, int nVolume);
+int AVSenderSetReceiverUIType(int handle, const char* pReceiverIP, int nUIType);
 int AVSenderSetReceiverUITypeAll(int handle, int nUIType);
 bool AVSenderIsStreamReceiverExist(int handle);
-int AVSenderResetAcceptWaitReceiverInfo(int handle, char* pReceiverIP);
+int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP);
 void AVSenderSetGUID(const char* guid);
 
 // ---- discovery ----
-int AVRepDlnaCreate(int* pNewHandle, char* pMulticastUrl, AV_DLNA_NOTIFY_MSG NotifyMsg,
+int AVRepDlnaCreate(int* pNewHandle, const char* pMulticastUrl, AV_DLNA_NOTIFY_MSG NotifyMsg,
                     void* pParent);
-int AVRepDlnaOpen(int handle, char* pMulticastUrl);
+int AVRepDlnaOpen(int handle, const char* pMulticastUrl);
 int AVRepDlnaClose(int handle);
 int AVRepDlnaDelete(int handle);
 void AVRepDlnaSetGUID(const char* guid);
-int AVGetDeviceInfo(int handle, char* pMulticastUrl, AV_DEVICE_INFO* pAVDeviceInfo,
+int AVGetDeviceInfo(int handle, const char* pMulticastUrl, AV_DEVICE_INFO* pAVDeviceInfo,
                     int search_time);
 int AVGetMyDevice(int handle, AV_DEVICE* pMyDevice);
-int AVGetContentInfo(int handle, char* pUri, AV_CONTENT_INFO* pAVContentInfo);
-int AVGetContentInfoFromMime(int handle, char* pUri, char* pMimeType,
+int AVGetContentInfo(int handle, const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+int AVGetContentInfoFromMime(int handle, const char* pUri, const char* pMimeType,
                              AV_CONTENT_INFO* pAVContentInfo);
 int AVSyncTrigOpen(int handle);
 int AVSyncTrigClose(int handle);

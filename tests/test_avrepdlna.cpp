@@ -6,11 +6,13 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "AVRepDlna.h"
+#include "ReceiverEmulator.h"
 #include "dlna_peers.h"
 
 // Drives the TCP collector, which no search path starts.
@@ -20,10 +22,6 @@ struct CAVRepDlnaProbe {
         d->m_nTcpSock = listenSock;
         ASSERT_TRUE(PAL_SemCreate(&d->m_DeviceSearch.pDeviceSem, 0));
         ASSERT_TRUE(PAL_ThreadCreate(thread, CAVRepDlna::DeviceThread, d, 1));
-    }
-    static int Count(CAVRepDlna* d) {
-        return __atomic_load_n(&d->m_DeviceSearch.AVDeviceSearchInfo.nAVDeviceCnt,
-                               __ATOMIC_ACQUIRE);
     }
     static AV_DEVICE_SEARCH_INFO StopTcp(CAVRepDlna* d, PAL_THREAD thread) {
         __atomic_store_n(&d->m_DeviceSearch.bDeviceExit, true, __ATOMIC_RELEASE);
@@ -70,52 +68,22 @@ int search(CAVRepDlna* d, AV_DEVICE_INFO* out, int waitMs, const char* addr = kG
 
 }  // namespace
 
-TEST(AVRepDlna, SearchFindsEachReceiverOnceWithItsFields) {
+TEST(AVRepDlna, DeviceRequestTextByteForByte) {
     DlnaPeers peers;
     ASSERT_TRUE(peers.ok());
-    const std::string utf8Name =
-        "K\xC3\xBC"
-        "che \xE2\x99\xAB Lautsprecher";
-    ASSERT_TRUE(peers.Add(DlnaPeers::Ip(0), DlnaPeers::Answer("aa:00", "g-0", "Living", 1, 30)));
-    ASSERT_TRUE(peers.Add(DlnaPeers::Ip(1), DlnaPeers::Answer("aa:01", "g-1", utf8Name, 0, 7)));
-    for (int i = 2; i < 6; i++) {
-        std::string n = std::to_string(i);
-        ASSERT_TRUE(
-            peers.Add(DlnaPeers::Ip(i), DlnaPeers::Answer("aa:0" + n, "g-" + n, "R" + n, 1, i)));
-    }
+    ASSERT_TRUE(peers.Add(DlnaPeers::Ip(0), DlnaPeers::Answer("m", "g", "n", 1, 3)));
     peers.Start();
-
     CAVRepDlna::SetGUID("sender-guid-1");
     CAVRepDlna d(owner_notify, nullptr);
     ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
     unsigned int seq = CAVRepDlna::device_search_seq;
-    memset(gmasterip, 0, sizeof(gmasterip));
     AV_DEVICE_INFO out;
-    ASSERT_EQ(0, search(&d, &out, 600));
+    ASSERT_EQ(0, search(&d, &out, 300));
     peers.Stop();
-
-    // Every receiver answered all 8 requests; each is recorded once.
-    ASSERT_EQ(6, out.nAVDeviceCnt);
-    std::set<std::string> ips;
-    for (int i = 0; i < out.nAVDeviceCnt; i++) {
-        const AV_DEVICE& dev = out.AVDevice[i];
-        ips.insert(dev.pReceiverIP);
-        int k = dev.pReceiverIP[8] - '2';
-        EXPECT_EQ("aa:0" + std::to_string(k), dev.pReceiverMac);
-        EXPECT_EQ("g-" + std::to_string(k), dev.pReceiverGuid);
-        EXPECT_EQ(k == 1 ? 0 : 1, dev.isMaster);
-        if (k == 1) {
-            EXPECT_EQ(utf8Name, dev.pReceiverName);
-        }
-        if (k == 0) {
-            EXPECT_EQ(30, dev._vol);
-        }
-    }
-    EXPECT_EQ(6u, ips.size());
-    EXPECT_STREQ("127.0.0.3", gmasterip);
+    EXPECT_EQ(1, out.nAVDeviceCnt);
     EXPECT_EQ(seq + 1, CAVRepDlna::device_search_seq);
 
-    // The request, byte for byte: 8 identical copies naming the answer port.
+    // 8 identical copies naming this phone and the answer port.
     std::vector<std::string> req = peers.Requests();
     ASSERT_EQ(8u, req.size());
     const std::string head = "DEVICE 127.0.0.1:9090\r\nGUID: sender-guid-1\r\nREQ_TS: ";
@@ -126,6 +94,60 @@ TEST(AVRepDlna, SearchFindsEachReceiverOnceWithItsFields) {
     EXPECT_EQ(std::string::npos, ts.substr(0, ts.size() - 2).find_first_not_of("0123456789"));
     for (const std::string& r : req) EXPECT_EQ(req[0], r);
     EXPECT_EQ(0, d.CAVRepDlnaClose());
+}
+
+TEST(AVRepDlna, EmulatedReceiversAreFoundAndReportTheirExit) {
+    std::vector<std::unique_ptr<ReceiverEmulator>> rx;
+    for (int i = 0; i < 4; i++) {
+        ReceiverConfig cfg;
+        ReceiverConfigDefaults(&cfg, DlnaPeers::Ip(i).c_str());
+        cfg.timeSync = false;
+        cfg.keepPcm = false;
+        cfg.master = i == 2 ? 0 : 1;
+        cfg.volume = 10 + i;
+        if (i == 1) snprintf(cfg.name, sizeof(cfg.name), "Salon \xC3\xA9t\xC3\xA9 \xE2\x99\xAA");
+        rx.emplace_back(new ReceiverEmulator(cfg));
+        ASSERT_EQ(0, rx.back()->Start());
+    }
+    Owner owner;
+    CAVRepDlna d(owner_notify, &owner);
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    ASSERT_EQ(0, d.ReceiveMsgOpen());
+    memset(gmasterip, 0, sizeof(gmasterip));
+    AV_DEVICE_INFO out;
+    ASSERT_EQ(0, search(&d, &out, 600));
+
+    ASSERT_EQ(4, out.nAVDeviceCnt);
+    for (int i = 0; i < 4; i++) {
+        const AV_DEVICE& dev = out.AVDevice[i];
+        int k = dev.pReceiverIP[8] - '2';
+        ASSERT_TRUE(k >= 0 && k < 4) << dev.pReceiverIP;
+        const ReceiverConfig& cfg = rx[k]->Config();
+        EXPECT_STREQ(cfg.mac, dev.pReceiverMac);
+        EXPECT_STREQ(cfg.guid, dev.pReceiverGuid);
+        EXPECT_STREQ(cfg.name, dev.pReceiverName);
+        EXPECT_EQ(cfg.master, dev.isMaster);
+        EXPECT_EQ(cfg.volume, dev._vol);
+        EXPECT_EQ(8u, rx[k]->Report().deviceRequests);
+    }
+    EXPECT_STREQ("127.0.0.4", gmasterip);
+
+    // A receiver leaving says so on the group; the listener tells the owner.
+    ASSERT_EQ(0, rx[3]->SendExit());
+    for (int i = 0; i < 500; i++) {
+        {
+            std::lock_guard<std::mutex> hold(owner.lock);
+            if (!owner.events.empty()) break;
+        }
+        PAL_ThreadSleep(10);
+    }
+    EXPECT_EQ(0, d.ReceiveMsgClose());
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
+    std::lock_guard<std::mutex> hold(owner.lock);
+    ASSERT_EQ(1u, owner.events.size());
+    EXPECT_EQ(AVMSG_RECEIVER_DIED, owner.events[0].msg);
+    EXPECT_EQ("127.0.0.5", owner.events[0].word);
+    EXPECT_EQ(rx[3]->Config().mac, owner.events[0].mac);
 }
 
 TEST(AVRepDlna, HostileAnswersNeverCorruptTheList) {
@@ -315,9 +337,11 @@ TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
         ASSERT_EQ((ssize_t)text.size(), send(c, text.data(), text.size(), 0));
         conns.push_back(c);
     }
-    for (int i = 0; i < 300; i++) {
-        if (CAVRepDlnaProbe::Count(&d) == 3) break;
-        PAL_ThreadSleep(10);
+    // The collector closes each connection once it has read it.
+    for (int c : conns) {
+        char b;
+        ASSERT_EQ(1, rx_wait_readable(c, 5000));
+        EXPECT_EQ(0, recv(c, &b, 1, 0));
     }
     AV_DEVICE_SEARCH_INFO got = CAVRepDlnaProbe::StopTcp(&d, thread);
     ASSERT_EQ(3, got.nAVDeviceCnt);

@@ -135,6 +135,26 @@ TEST_F(TimeSync, ClientLearnsMasterFromAnnouncement) {
     EXPECT_GT(client.Stats().announces, 0u);
 }
 
+TEST_F(TimeSync, ClientFollowsAMasterThatRestartsWithAnotherClock) {
+    StartMaster(PAL_GetBootTimeUsec);
+    TimeSyncClient client;
+    TimeSyncClientConfig cfg;
+    TimeSyncClientDefaults(&cfg, "127.0.0.6");
+    rx_copy_text(cfg.masterAddr, sizeof(cfg.masterAddr), "127.0.0.1");
+    cfg.fastIntervalMs = 10;
+    cfg.fastCount = 1000;  // keep asking quickly through the restart
+    ASSERT_EQ(0, client.Start(cfg));
+    ASSERT_TRUE(WaitResponses(client, 10));
+    TimeSyncInitiator_Delete();
+    StartMaster(foreign_clock);  // 5 s ahead of the boot clock
+    unsigned int before = client.Stats().responses;
+    ASSERT_TRUE(WaitResponses(client, before + 10));
+    long long estimate = 0;
+    ASSERT_TRUE(client.MasterNowUs(&estimate));
+    EXPECT_LT(llabs(estimate - (PAL_GetBootTimeUsec() + 5000000)), 1000);
+    EXPECT_EQ(1u, client.Stats().clockSteps);
+}
+
 TEST_F(TimeSync, MalformedRequestsAreIgnoredAndGoodOnesStillAnswered) {
     StartMaster(PAL_GetBootTimeUsec);
     int sock = rx_udp_bind("127.0.0.5", 0);

@@ -5,6 +5,7 @@
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 std::string fixture_path(const char* name) {
     return std::string(SONVARA_FIXTURES_DIR "/") + name;
@@ -41,7 +42,7 @@ bool fixture_facts(const char* name, long* frames, int* rate, int* channels) {
 }
 
 TempFile::TempFile(const char* name, const std::vector<unsigned char>& bytes)
-    : path(testing::TempDir() + name) {
+    : path(testing::TempDir() + "sonvara_" + std::to_string(getpid()) + "_" + name) {
     FILE* f = fopen(path.c_str(), "wb");
     if (f == nullptr) return;
     if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), f);

@@ -18,6 +18,8 @@ std::vector<unsigned char> read_whole_file(const std::string& path);
 bool fixture_facts(const char* name, long* frames, int* rate, int* channels);
 
 // A file in the test's temporary directory, removed when the object goes.
+// The name is made unique to the process (the directory is shared); the
+// given name stays at its end, extension included.
 struct TempFile {
     explicit TempFile(const char* name, const std::vector<unsigned char>& bytes);
     ~TempFile();

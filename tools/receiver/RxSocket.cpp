@@ -91,11 +91,23 @@ unsigned short rx_local_port(int sock) {
     return ntohs(sa.sin_port);
 }
 
-int rx_wait_readable(int fd, int timeoutMs) {
-    struct pollfd pfd = {fd, POLLIN, 0};
+namespace {
+
+int wait_for(int fd, short events, int timeoutMs) {
+    struct pollfd pfd = {fd, events, 0};
     int r = poll(&pfd, 1, timeoutMs);
     if (r < 0) return errno == EINTR ? 0 : -1;
     return r > 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int rx_wait_readable(int fd, int timeoutMs) {
+    return wait_for(fd, POLLIN, timeoutMs);
+}
+
+int rx_wait_writable(int fd, int timeoutMs) {
+    return wait_for(fd, POLLOUT, timeoutMs);
 }
 
 void rx_copy_text(char* dst, size_t size, const char* src) {

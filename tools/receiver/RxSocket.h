@@ -28,6 +28,9 @@ bool rx_sockaddr(const char* addr, unsigned short port, struct sockaddr_in* sa);
 // Waits up to timeoutMs for fd to be readable: 1 readable, 0 time-out, -1 error.
 int rx_wait_readable(int fd, int timeoutMs);
 
+// Waits up to timeoutMs for fd to be writable: 1 writable, 0 time-out, -1 error.
+int rx_wait_writable(int fd, int timeoutMs);
+
 // Copies src into dst (size bytes), always terminated, at most size-1 chars.
 void rx_copy_text(char* dst, size_t size, const char* src);
 

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "PAL_Clock.h"
 #include "RxSocket.h"
@@ -29,6 +30,9 @@ long long delay_margin(long long minDelay) {
 // Least announcements-driven request spacing, so a flood of announcements
 // cannot make us flood the master.
 const long long kMinRequestGapUs = 5000;
+
+// A change of the offset beyond this is a step of the master's clock.
+const double kStepUs = 20000;
 
 }  // namespace
 
@@ -214,6 +218,16 @@ void TimeSyncClient::_read_announce() {
 }
 
 void TimeSyncClient::_add_sample_l(const Sample& s) {
+    // A master that restarted with another clock: forget the old line. A
+    // jump this large cannot be queueing, which is bounded by the delay.
+    double predicted = m_a + m_b * (double)(s.local - m_refLocal);
+    if (m_have && std::abs((double)s.offset - predicted) > kStepUs + (double)s.delay) {
+        m_nSamples = 0;
+        m_next = 0;
+        m_b = 0;
+        m_stats.minDelayUs = -1;
+        m_stats.clockSteps++;
+    }
     m_samples[m_next] = s;
     m_next = (m_next + 1) % kMaxSamples;
     if (m_nSamples < kMaxSamples) m_nSamples++;

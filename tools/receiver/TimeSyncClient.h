@@ -32,13 +32,14 @@ struct TimeSyncClientConfig {
 void TimeSyncClientDefaults(TimeSyncClientConfig* cfg, const char* ownAddr);
 
 struct TimeSyncClientStats {
-    unsigned int requests;   // requests sent
-    unsigned int responses;  // well-formed responses used
-    unsigned int announces;  // well-formed announcements heard
-    unsigned int malformed;  // datagrams that failed to parse or did not match
-    long long minDelayUs;    // best round trip seen (-1 = none yet)
-    long long lastOffsetUs;  // master - local of the latest estimate
-    double driftPpm;         // estimated rate of master against local
+    unsigned int requests;    // requests sent
+    unsigned int responses;   // well-formed responses used
+    unsigned int announces;   // well-formed announcements heard
+    unsigned int malformed;   // datagrams that failed to parse or did not match
+    unsigned int clockSteps;  // times the master clock jumped and the estimate restarted
+    long long minDelayUs;     // best round trip seen (-1 = none yet)
+    long long lastOffsetUs;   // master - local of the latest estimate
+    double driftPpm;          // estimated rate of master against local
     bool haveEstimate;
 };
 

@@ -1,19 +1,23 @@
 // Test-only JNI library for the JVM tests: drives a real PlurafonNotify
 // against any Java object, from the calling thread or from a fresh native
-// thread, and captures the engine's log lines so tests can read them.
+// thread, captures the engine's log lines so tests can read them, and hosts
+// emulated receivers inside the test's JVM.
 //
-// Owns: the notifiers it creates (handed to Java as a jlong, deleted by
-// destroy) and the captured log lines. Threads: Java test threads and the
-// native threads it starts and joins. Locks: gLogLock (guards gLog).
+// Owns: the notifiers and receivers it creates (handed to Java as a jlong,
+// deleted by destroy / rxStop) and the captured log lines. Threads: Java test
+// threads, the native threads it starts and joins, the receivers' workers.
+// Locks: gLogLock (guards gLog).
 #include <jni.h>
 #include <pthread.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "JniHelper.h"
 #include "PlurafonNotify.h"
+#include "ReceiverEmulator.h"
 #include "debug_UI.h"
 
 namespace {
@@ -131,19 +135,110 @@ jstring JNICALL engineText(JNIEnv* env, jclass, jbyteArray raw) {
     return jniNewStringUTF(env, text.c_str());
 }
 
+ReceiverEmulator* rxFromHandle(jlong h) {
+    return reinterpret_cast<ReceiverEmulator*>(static_cast<intptr_t>(h));
+}
+
+// A receiver on address with the given name bytes, volume and MASTER value,
+// started; 0 if it could not start.
+jlong JNICALL rxStart(JNIEnv* env, jclass, jstring address, jbyteArray name, jint volume,
+                      jint master) {
+    const char* addr = env->GetStringUTFChars(address, nullptr);
+    if (addr == nullptr) return 0;
+    ReceiverConfig cfg;
+    ReceiverConfigDefaults(&cfg, addr);
+    env->ReleaseStringUTFChars(address, addr);
+    jsize len = env->GetArrayLength(name);
+    if (len > static_cast<jsize>(sizeof(cfg.name)) - 1) len = sizeof(cfg.name) - 1;
+    memset(cfg.name, 0, sizeof(cfg.name));
+    env->GetByteArrayRegion(name, 0, len, reinterpret_cast<jbyte*>(cfg.name));
+    cfg.volume = volume;
+    cfg.master = master;
+    ReceiverEmulator* rx = new ReceiverEmulator(cfg);
+    if (rx->Start() != 0) {
+        delete rx;
+        return 0;
+    }
+    return static_cast<jlong>(reinterpret_cast<intptr_t>(rx));
+}
+
+void JNICALL rxStop(JNIEnv*, jclass, jlong h) {
+    delete rxFromHandle(h);
+}
+
+// {address, MAC, GUID} of a receiver.
+jobjectArray JNICALL rxIdentity(JNIEnv* env, jclass, jlong h) {
+    const ReceiverConfig& cfg = rxFromHandle(h)->Config();
+    const char* fields[] = {cfg.address, cfg.mac, cfg.guid};
+    jclass str = env->FindClass("java/lang/String");
+    jobjectArray out = env->NewObjectArray(3, str, nullptr);
+    for (int i = 0; out != nullptr && i < 3; i++) {
+        jstring s = env->NewStringUTF(fields[i]);
+        env->SetObjectArrayElement(out, i, s);
+        env->DeleteLocalRef(s);
+    }
+    env->DeleteLocalRef(str);
+    return out;
+}
+
+jint JNICALL rxSendExit(JNIEnv*, jclass, jlong h) {
+    return rxFromHandle(h)->SendExit();
+}
+
+jint JNICALL rxSendJoin(JNIEnv*, jclass, jlong h) {
+    return static_cast<jint>(rxFromHandle(h)->SendJoin());
+}
+
+jboolean JNICALL rxWaitPackets(JNIEnv*, jclass, jlong h, jint n, jint timeoutMs) {
+    return rxFromHandle(h)->WaitForPackets(n, timeoutMs) ? JNI_TRUE : JNI_FALSE;
+}
+
+// What a receiver saw, as numbers: {packets, handshake state, last VOLUME,
+// sequence gaps, lost packets, bad lengths, protocol errors}.
+jintArray JNICALL rxReport(JNIEnv* env, jclass, jlong h) {
+    ReceiverReport r = rxFromHandle(h)->Report();
+    jint v[] = {static_cast<jint>(r.packets),
+                r.handshake,
+                r.volume,
+                static_cast<jint>(r.seqGaps),
+                static_cast<jint>(r.lostPackets),
+                static_cast<jint>(r.badLength),
+                static_cast<jint>(r.protocolErrors)};
+    jsize n = static_cast<jsize>(sizeof(v) / sizeof(v[0]));
+    jintArray out = env->NewIntArray(n);
+    if (out != nullptr) env->SetIntArrayRegion(out, 0, n, v);
+    return out;
+}
+
+// The role named by the START command ("Front_Left", ...).
+jstring JNICALL rxStartRole(JNIEnv* env, jclass, jlong h) {
+    return jniNewStringUTF(env, rxFromHandle(h)->Report().startRole);
+}
+
+jint JNICALL rxSendVolumeChanged(JNIEnv*, jclass, jlong h, jint volume) {
+    return rxFromHandle(h)->SendVolumeChanged(volume);
+}
+
+#define PROBE_METHOD(name, sig) \
+    { const_cast<char*>(#name), const_cast<char*>(sig), reinterpret_cast<void*>(name) }
+
 const JNINativeMethod kMethods[] = {
-    {const_cast<char*>("create"), const_cast<char*>("(Ljava/lang/Object;)J"),
-     reinterpret_cast<void*>(create)},
-    {const_cast<char*>("fire"), const_cast<char*>("(JZI)V"), reinterpret_cast<void*>(fire)},
-    {const_cast<char*>("destroy"), const_cast<char*>("(J)V"), reinterpret_cast<void*>(destroy)},
-    {const_cast<char*>("setVmMissing"), const_cast<char*>("(Z)V"),
-     reinterpret_cast<void*>(setVmMissing)},
-    {const_cast<char*>("captureLog"), const_cast<char*>("(Z)V"),
-     reinterpret_cast<void*>(captureLog)},
-    {const_cast<char*>("takeLog"), const_cast<char*>("()[Ljava/lang/String;"),
-     reinterpret_cast<void*>(takeLog)},
-    {const_cast<char*>("engineText"), const_cast<char*>("([B)Ljava/lang/String;"),
-     reinterpret_cast<void*>(engineText)},
+    PROBE_METHOD(rxStart, "(Ljava/lang/String;[BII)J"),
+    PROBE_METHOD(rxStop, "(J)V"),
+    PROBE_METHOD(rxIdentity, "(J)[Ljava/lang/String;"),
+    PROBE_METHOD(rxSendExit, "(J)I"),
+    PROBE_METHOD(rxSendJoin, "(J)I"),
+    PROBE_METHOD(rxWaitPackets, "(JII)Z"),
+    PROBE_METHOD(rxReport, "(J)[I"),
+    PROBE_METHOD(rxStartRole, "(J)Ljava/lang/String;"),
+    PROBE_METHOD(rxSendVolumeChanged, "(JI)I"),
+    PROBE_METHOD(create, "(Ljava/lang/Object;)J"),
+    PROBE_METHOD(fire, "(JZI)V"),
+    PROBE_METHOD(destroy, "(J)V"),
+    PROBE_METHOD(setVmMissing, "(Z)V"),
+    PROBE_METHOD(captureLog, "(Z)V"),
+    PROBE_METHOD(takeLog, "()[Ljava/lang/String;"),
+    PROBE_METHOD(engineText, "([B)Ljava/lang/String;"),
 };
 
 }  // namespace

@@ -1,5 +1,6 @@
 package com.sonvara.multiroom.test;
 
+import android.os.SystemClock;
 import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -139,6 +140,52 @@ final class BridgeTests {
         }
     }
 
+    /** The phone's own record carries the GUID of the initialize that built the engine. */
+    static void thisPhone(SonvaraNativeMgr m, String guid) {
+        Check.eq("LoadMyDevice", 0, m.LoadMyDevice());
+        Check.eq("one device: the phone", 1, m.GetDeviceCount());
+        int h = m.GetDeviceHandle(0);
+        Check.ok("phone handle", h != 0);
+        Check.eq("phone GUID", guid, m.GetDeviceGuid(h));
+        Check.eq("phone address in the private namespace", "127.0.0.1", m.GetDeviceIp(h));
+        Check.ok("phone MAC", m.GetDeviceMac(h) != null && !m.GetDeviceMac(h).isEmpty());
+        Check.eq("no handle past the end", 0, m.GetDeviceHandle(1));
+    }
+
+    /** Groups through the table: texts both ways, booleans both ways, the group file. */
+    static void groups(SonvaraNativeMgr m) {
+        String name = "K\u00fcche \u00e9t\u00e9 \u6587";
+        int g = m.CreateGroup(name);
+        Check.ok("CreateGroup id", g != 0);
+        Check.eq("GetGroupIDByName (non-ASCII)", g, m.GetGroupIDByName(name));
+        Check.eq("GetGroupName (non-ASCII)", name, m.GetGroupName(g));
+        Check.eq("AddMyDevice", 0, m.AddMyDevice(g));
+        Check.eq("members", 1, m.GetDeviceCountInGroup(g));
+        Check.eq("member address", "127.0.0.1", m.GetDeviceIpInGroup(g, 0));
+        Check.eq("member role party", SonvaraNativeMgr.CHANNEL_PARTY, m.GetDeviceTypeInGroup(g, 0));
+        Check.eq("member in service", true, m.IsDeviceServiceInGroup(g, 0));
+        Check.eq("member past the end", "", m.GetDeviceIpInGroup(g, 1));
+        String mac = m.GetDeviceMacInGroup(g, 0);
+        // No stream: the flag changes and the answer says there is no streamer.
+        Check.eq("take the member out of service", 265,
+                m.SetDeviceEnableInGroup(g, "127.0.0.1", mac, false));
+        Check.eq("member out of service", false, m.IsDeviceServiceInGroup(g, 0));
+        Check.eq("DebugPrintGroup", 0, m.DebugPrintGroup());
+        try {
+            String dir = java.nio.file.Files.createTempDirectory("sonvara-groups").toString();
+            Check.eq("SaveGroup", 0, m.SaveGroup(dir));
+            Check.eq("DeleteGroup", 0, m.DeleteGroup(g));
+            Check.eq("deleted group is unknown", "", m.GetGroupName(g));
+            Check.eq("LoadGroup answers the group count", 1, m.LoadGroup(dir));
+        } catch (java.io.IOException e) {
+            Check.eq("temporary directory", null, e);
+        }
+        int back = m.GetGroupIDByName(name);
+        Check.ok("group back from the file", back != 0);
+        Check.eq("its member back", 1, m.GetDeviceCountInGroup(back));
+        Check.eq("DeleteGroup after load", 0, m.DeleteGroup(back));
+    }
+
     static void runLifecycle() {
         SonvaraNativeMgr.loadLibrary();
         NotifyProbe.captureLog(true);
@@ -160,6 +207,9 @@ final class BridgeTests {
         Check.eq("initialize again", 0, m.initialize("guid-second"));
         Check.ok("second initialize keeps the engine",
                 logged(log(), "Java_PlurafonMgr_Initialize--- already init"));
+        Check.ok("engine read the boot-time clock through JNI", SystemClock.callCount() > 0);
+        thisPhone(m, "guid-first");
+        groups(m);
         expect("Play", 0, m::Play);
         expect("no service devices", java.util.List.of(), m::GetServiceDeviceList);
         nullStrings(m);
@@ -172,8 +222,10 @@ final class BridgeTests {
         Check.eq("Finalize", 0, m.Finalize());
         answersWithoutEngine(m, "after Finalize");
         Check.eq("Finalize twice", 0, m.Finalize());
-        Check.eq("initialize after Finalize", 0, m.initialize("guid-third"));
+        String longGuid = "guid-third-0123456789abcdefghijklmnopqrstuvwxyz";
+        Check.eq("initialize after Finalize", 0, m.initialize(longGuid));
         expect("engine back after re-initialize", java.util.List.of(), m::GetServiceDeviceList);
+        thisPhone(m, longGuid.substring(0, 39));
         Check.eq("final Finalize", 0, m.Finalize());
         NotifyProbe.captureLog(false);
     }

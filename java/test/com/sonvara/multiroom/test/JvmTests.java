@@ -11,7 +11,7 @@ public final class JvmTests {
 
     public static void main(String[] args) throws Exception {
         if (args.length != 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|stress");
+            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress");
             System.exit(2);
         }
         switch (args[0]) {
@@ -26,6 +26,12 @@ public final class JvmTests {
                 break;
             case "onload":
                 OnLoadTests.run();
+                break;
+            case "session":
+                SessionTests.run();
+                break;
+            case "playback":
+                PlaybackTests.run();
                 break;
             case "stress":
                 StressTests.run();

@@ -30,4 +30,36 @@ final class NotifyProbe {
 
     /** Raw engine bytes as the bridge turns them into a Java string. */
     static native String engineText(byte[] raw);
+
+    /** An emulated receiver on address (127.0.0.2, ...), started; 0 if it could not start. */
+    static native long rxStart(String address, byte[] nameUtf8, int volume, int master);
+
+    static native void rxStop(long receiver);
+
+    /** {address, MAC, GUID}. */
+    static native String[] rxIdentity(long receiver);
+
+    /** Announces on the group that this receiver leaves the network. */
+    static native int rxSendExit(long receiver);
+
+    static native int rxSendJoin(long receiver);
+
+    static native boolean rxWaitPackets(long receiver, int n, int timeoutMs);
+
+    static final int RX_PACKETS = 0;
+    static final int RX_HANDSHAKE = 1;
+    static final int RX_VOLUME = 2;
+    static final int RX_SEQ_GAPS = 3;
+    static final int RX_LOST = 4;
+    static final int RX_BAD_LENGTH = 5;
+    static final int RX_PROTOCOL_ERRORS = 6;
+
+    /** What the receiver saw, indexed by the RX_ constants. */
+    static native int[] rxReport(long receiver);
+
+    /** The role the sender gave this receiver ("Front_Left", ...). */
+    static native String rxStartRole(long receiver);
+
+    /** Tells the sender this receiver's volume changed on the device. */
+    static native int rxSendVolumeChanged(long receiver, int volume);
 }

@@ -1,0 +1,64 @@
+// Fuzzes the group file reader with whatever a hand-edited, truncated or
+// corrupted multi_group_play.ini may hold.
+//
+// Input: the file's bytes.
+// The groups read must be well formed: every name and MAC terminated inside
+// its array, member counts equal to the members linked, every member
+// pointing at one of the device records read; the result is one of the
+// reader's codes.
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <set>
+
+#include "Grouprw.h"
+
+namespace {
+
+void _require(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setenv("SONVARA_LOG", "off", 1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    GroupRW rw;
+    int r = rw.LoadBuffer((const char*)data, (unsigned int)size);
+    _require(r == GROUP_RW_OK || r == GROUP_RW_ERR_INVALID_DATA);
+    unsigned int count = rw.GetGroupCount();
+    LPGROUP_INFO groups = rw.GetGroupList();
+    LPDEVICE_INFO devices = rw.GetDeviceList();
+
+    std::set<LPDEVICE_INFO> known;
+    for (LPDEVICE_INFO d = devices; d; d = d->_next) {
+        _require(strnlen(d->_MacAddr, sizeof(d->_MacAddr)) < sizeof(d->_MacAddr));
+        known.insert(d);
+    }
+    unsigned int seen = 0;
+    while (groups) {
+        LPGROUP_INFO next = groups->_next;
+        _require(strnlen(groups->group_name, sizeof(groups->group_name)) <
+                 sizeof(groups->group_name));
+        int members = 0;
+        for (LPGITEM item = groups->_lpdevice_list; item; item = item->_next, members++) {
+            _require(known.count(item->_lpdevice) == 1);
+        }
+        _require(members == groups->_gitem_cnt);
+        FreeGroupInfo(groups);
+        groups = next;
+        seen++;
+    }
+    _require(seen == count);
+    while (devices) {
+        LPDEVICE_INFO next = devices->_next;
+        delete devices;
+        devices = next;
+    }
+    return 0;
+}

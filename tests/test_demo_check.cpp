@@ -1,0 +1,192 @@
+// The demo's verdict logic on known data: per-role references from real
+// fixture files, and the packet-by-packet comparison on streams with the
+// faults a real run shows (late start, underruns, seeks, wrong audio).
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "AVStreamerDef.h"
+#include "DemoCheck.h"
+#include "audio_check.h"
+
+namespace {
+
+DemoPcm load(const char* fixture) {
+    DemoPcm pcm;
+    std::string err;
+    EXPECT_EQ(0, DemoLoadContent(fixture_path(fixture).c_str(), &pcm, &err)) << err;
+    return pcm;
+}
+
+double tone_of(const std::vector<unsigned char>& stereo, int ch, int rate) {
+    return tone_stats(reinterpret_cast<const int16_t*>(stereo.data()), stereo.size() / 4, 2, ch,
+                      rate)
+        .frequency;
+}
+
+std::vector<unsigned char> packets(const std::vector<unsigned char>& ref, size_t from,
+                                   size_t count) {
+    size_t end = from + count * DEMO_PACKET_BYTES;
+    if (end > ref.size()) end = ref.size();
+    return std::vector<unsigned char>(ref.begin() + (long)from, ref.begin() + (long)end);
+}
+
+void append(std::vector<unsigned char>* a, const std::vector<unsigned char>& b) {
+    a->insert(a->end(), b.begin(), b.end());
+}
+
+}  // namespace
+
+TEST(DemoCheck, RoleReferencesPickTheSendersChannels) {
+    // Stereo MP3, decoded frame by frame: left 440 Hz, right 1000 Hz (the
+    // encoder's lead-in skews a zero-crossing count a little).
+    DemoPcm mp3 = load("sine_cbr128_id3.mp3");
+    long frames = 0;
+    int rate = 0, channels = 0;
+    ASSERT_TRUE(fixture_facts("sine_cbr128_id3.mp3", &frames, &rate, &channels));
+    EXPECT_EQ(rate, mp3.rate);
+    EXPECT_EQ(channels, mp3.channels);
+    EXPECT_EQ((size_t)frames * 1152 * 4, mp3.bytes.size());
+    std::vector<unsigned char> ref;
+    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_RIGHT, &ref));
+    EXPECT_NEAR(1000, tone_of(ref, 0, rate), 60);
+    EXPECT_NEAR(1000, tone_of(ref, 1, rate), 60);
+    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_WOOFER, &ref));  // stereo: the left channel
+    EXPECT_NEAR(440, tone_of(ref, 1, rate), 40);
+    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_PARTY, &ref));
+    EXPECT_EQ(mp3.bytes, ref);
+
+    // Six channels at 300..1300 Hz: each role its channel, party the first two.
+    DemoPcm six = load("wav16_6ch_ext_8k.wav");
+    ASSERT_EQ(6, six.channels);
+    const struct {
+        int role;
+        double left, right;
+    } roles[] = {{AV_CHANNEL_CENTER, 700, 700},
+                 {AV_CHANNEL_WOOFER, 900, 900},
+                 {AV_CHANNEL_REAR_RIGHT, 1300, 1300},
+                 {AV_CHANNEL_PARTY, 300, 500}};
+    for (const auto& r : roles) {
+        ASSERT_EQ(0, DemoRoleFilter(six, r.role, &ref));
+        EXPECT_EQ(six.bytes.size() / 6, ref.size() / 2);
+        EXPECT_NEAR(r.left, tone_of(ref, 0, 8000), 15) << r.role;
+        EXPECT_NEAR(r.right, tone_of(ref, 1, 8000), 15) << r.role;
+    }
+
+    // Mono to a party speaker is doubled; 8-bit stays 8-bit.
+    DemoPcm mono8 = load("wav8_mono_8k.wav");
+    ASSERT_EQ(0, DemoRoleFilter(mono8, AV_CHANNEL_PARTY, &ref));
+    ASSERT_EQ(mono8.bytes.size() * 2, ref.size());
+    EXPECT_EQ(mono8.bytes[100], ref[200]);
+    EXPECT_EQ(mono8.bytes[100], ref[201]);
+}
+
+TEST(DemoCheck, WavContentIsReadAsTheSenderReadsIt) {
+    // A plain PCM file is played from byte 44 on, even when a LIST chunk sits
+    // there: its bytes go out as samples.
+    std::vector<unsigned char> file = read_whole_file(fixture_path("wav16_stereo_list_8k.wav"));
+    DemoPcm pcm = load("wav16_stereo_list_8k.wav");
+    ASSERT_EQ(file.size() - 44, pcm.bytes.size());
+    EXPECT_EQ(0, memcmp(pcm.bytes.data(), &file[44], pcm.bytes.size()));
+    EXPECT_EQ(0, memcmp(pcm.bytes.data(), "INFO", 4));  // inside the LIST chunk
+
+    // Refused: 24-bit, unknown extension, truncated and missing files.
+    DemoPcm out;
+    std::string err;
+    EXPECT_EQ(-1, DemoLoadContent(fixture_path("wav24_stereo_ext_8k.wav").c_str(), &out, &err));
+    EXPECT_EQ(-1, DemoLoadContent(fixture_path("sine_layer2.mp2").c_str(), &out, &err));
+    EXPECT_FALSE(err.empty());
+    std::vector<unsigned char> head(file.begin(), file.begin() + 30);
+    TempFile cut("cut.wav", head);
+    EXPECT_EQ(-1, DemoLoadContent(cut.path.c_str(), &out, &err));
+    EXPECT_EQ(-1, DemoLoadContent("/nonexistent/x.wav", &out, &err));
+}
+
+TEST(DemoCheck, ReceivedWavFilesAreCheckedNotTrusted) {
+    std::vector<unsigned char> file = read_whole_file(fixture_path("wav16_stereo_44k.wav"));
+    DemoPcm pcm;
+    std::string err;
+    // A writer that stopped before completing its header: data size too large.
+    std::vector<unsigned char> cut(file.begin(), file.begin() + 1044);
+    TempFile partial("partial.wav", cut);
+    ASSERT_EQ(0, DemoLoadReceived(partial.path.c_str(), &pcm, &err)) << err;
+    EXPECT_EQ(1000u, pcm.bytes.size());
+    EXPECT_EQ(44100, pcm.rate);
+    // Garbage, a chunk size running past the end, no data chunk.
+    std::vector<unsigned char> bad = file;
+    memcpy(&bad[16], "\xff\xff\xff\x7f", 4);
+    TempFile lying("lying.wav", bad);
+    EXPECT_EQ(-1, DemoLoadReceived(lying.path.c_str(), &pcm, &err));
+    TempFile junk("junk.wav", std::vector<unsigned char>(100, 0x52));
+    EXPECT_EQ(-1, DemoLoadReceived(junk.path.c_str(), &pcm, &err));
+    TempFile head("head.wav", std::vector<unsigned char>(file.begin(), file.begin() + 36));
+    EXPECT_EQ(-1, DemoLoadReceived(head.path.c_str(), &pcm, &err));
+}
+
+TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
+    DemoPcm mp3 = load("sine_cbr128_id3.mp3");
+    std::vector<unsigned char> ref, left;
+    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_RIGHT, &ref));
+    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_LEFT, &left));
+    const size_t whole = ref.size() / DEMO_PACKET_BYTES;
+    const std::vector<unsigned char> silence(DEMO_PACKET_BYTES, 0);
+    DemoMatch m;
+
+    // The whole stream but the last short piece, with underruns and a silent tail.
+    std::vector<unsigned char> rx = packets(ref, 0, 10);
+    append(&rx, silence);
+    append(&rx, packets(ref, 10 * DEMO_PACKET_BYTES, whole - 10));
+    append(&rx, silence);
+    DemoCompare(ref, rx, 4, &m);
+    EXPECT_EQ(DEMO_EXACT, m.verdict);
+    EXPECT_EQ(whole, m.matched);
+    EXPECT_EQ(2u, m.silent);
+    EXPECT_EQ("bit-exact", DemoDescribe(m, mp3.rate, 4));
+
+    // Started late, or stopped early: exact but partial.
+    DemoCompare(ref, packets(ref, 30 * DEMO_PACKET_BYTES + 8, 40), 4, &m);
+    EXPECT_EQ(DEMO_EXACT_PART, m.verdict);
+    EXPECT_EQ(30u * DEMO_PACKET_BYTES + 8, m.startOffset);
+    EXPECT_EQ(0u, m.jumps);
+
+    // A seek forward: two exact runs.
+    rx = packets(ref, 0, 20);
+    append(&rx, packets(ref, 60 * DEMO_PACKET_BYTES + 4 * 1152, 20));
+    DemoCompare(ref, rx, 4, &m);
+    EXPECT_EQ(DEMO_EXACT_RUNS, m.verdict);
+    EXPECT_EQ(1u, m.jumps);
+    EXPECT_EQ(40u, m.matched);
+
+    // The other channel, one flipped bit, nothing.
+    DemoCompare(ref, packets(left, 0, 30), 4, &m);
+    EXPECT_EQ(DEMO_DIFFERS, m.verdict);
+    EXPECT_EQ(30u, m.differing);
+    rx = packets(ref, 0, 30);
+    rx[15 * DEMO_PACKET_BYTES + 77] ^= 1;
+    DemoCompare(ref, rx, 4, &m);
+    EXPECT_EQ(DEMO_DIFFERS, m.verdict);
+    EXPECT_EQ(1u, m.differing);
+    EXPECT_EQ(29u, m.matched);
+    DemoCompare(ref, std::vector<unsigned char>(), 4, &m);
+    EXPECT_EQ(DEMO_NOTHING, m.verdict);
+    DemoCompare(ref, silence, 4, &m);
+    EXPECT_EQ(DEMO_NOTHING, m.verdict);
+}
+
+TEST(DemoCheck, ReportNumbersAreReadFromFlatJson) {
+    const std::string json =
+        "{\"address\":\"127.0.0.2\",\"packets\": 412,\"seq_gaps\":0,"
+        "\"margin_min_ms\":-3.5e1,\"name\":\"packets\",\"bad\":x,\"long\":" +
+        std::string(100, '7') + "}";
+    double v = 0;
+    EXPECT_TRUE(DemoJsonNumber(json, "packets", &v));
+    EXPECT_EQ(412, v);
+    EXPECT_TRUE(DemoJsonNumber(json, "margin_min_ms", &v));
+    EXPECT_EQ(-35, v);
+    EXPECT_FALSE(DemoJsonNumber(json, "bad", &v));
+    EXPECT_FALSE(DemoJsonNumber(json, "missing", &v));
+    EXPECT_TRUE(DemoJsonNumber(json, "long", &v));  // cut to the field, never overrun
+    EXPECT_EQ(AV_CHANNEL_FRONT_LEFT, DemoRoleFromName("front_left"));
+    EXPECT_EQ(AV_CHANNEL_PARTY, DemoRoleFromName("Party"));
+    EXPECT_EQ(-1, DemoRoleFromName("Kitchen"));
+}

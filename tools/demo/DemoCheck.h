@@ -1,0 +1,82 @@
+// The demo's verdict on each emulated speaker: what its role should get from
+// a content file, and whether the audio it received is that, bit for bit.
+//
+// The reference is made the way the sender makes a receiver's stream: WAV
+// sample bytes are taken as the sender's WAV reader takes them, MP3 frames are
+// cut by the engine's MP3Parser and decoded by the platform's MP3Decoder, and
+// every frame goes through the channel rule of the receiver's role (2-channel
+// output, samples copied, never mixed). The comparison walks the received
+// stream packet by packet (1400 payload bytes) and finds each packet in the
+// reference, so that late starts, underruns (silent packets), seeks and
+// pauses are told apart from wrong audio.
+//
+// Owns nothing beyond the vectors it fills; no threads, no locks. Files are
+// outside input: every header and length is checked, sizes are capped.
+#ifndef DEMOCHECK_H
+#define DEMOCHECK_H
+
+#include <stddef.h>
+
+#include <string>
+#include <vector>
+
+#define DEMO_PACKET_BYTES 1400
+#define DEMO_MAX_CONTENT_BYTES (512u * 1024u * 1024u)
+
+// Interleaved PCM as the sender reads it from a content file.
+struct DemoPcm {
+    std::vector<unsigned char> bytes;
+    int rate;
+    int channels;
+    int bytesPerSample;  // 1 or 2
+};
+
+// Loads a .wav/.mp3 content file (by extension, as the sender decides).
+// 0 on success; otherwise -1 and a reason in err.
+int DemoLoadContent(const char* path, DemoPcm* out, std::string* err);
+
+// Channel role from its wire name ("Front_Left", ..., "Party"); -1 if unknown.
+int DemoRoleFromName(const char* name);
+
+// The 2-channel stream a receiver of `role` (AV_CHANNEL_TYPE) gets from src.
+// 0, or -1 when src has no channels or an unsupported sample size.
+int DemoRoleFilter(const DemoPcm& src, int role, std::vector<unsigned char>* out);
+
+// Loads a received WAV file (any chunk layout, PCM). 0, or -1 and err.
+int DemoLoadReceived(const char* path, DemoPcm* out, std::string* err);
+
+enum DemoVerdict {
+    DEMO_EXACT = 0,   // every packet matched, from the start to the end
+    DEMO_EXACT_PART,  // every packet matched, but part of the content is missing
+    DEMO_EXACT_RUNS,  // every packet matched, in several runs (seek, pause)
+    DEMO_DIFFERS,     // some packets are not in the reference
+    DEMO_NOTHING,     // no audio was received
+};
+
+struct DemoMatch {
+    unsigned int packets;    // packets in the received stream
+    unsigned int matched;    // packets equal to the reference at their place
+    unsigned int silent;     // all-zero packets not explained by the reference
+    unsigned int differing;  // packets found nowhere in the reference
+    unsigned int jumps;      // times the stream moved to another place
+    size_t startOffset;      // reference byte where the first run begins
+    size_t endOffset;        // reference byte after the last matched packet
+    size_t referenceBytes;   // size of the reference
+    int verdict;             // DemoVerdict
+};
+
+// Compares a received stream with the reference of its role. frameBytes is
+// the size of one output frame (4 for 16-bit stereo); runs start on frames.
+void DemoCompare(const std::vector<unsigned char>& reference,
+                 const std::vector<unsigned char>& received, int frameBytes, DemoMatch* out);
+
+// One line a person can read: "bit-exact", "bit-exact from 0.32 s", ...
+std::string DemoDescribe(const DemoMatch& m, int rate, int frameBytes);
+
+// A number from a flat JSON report ("key": 12.5); false if absent.
+bool DemoJsonNumber(const std::string& json, const char* key, double* out);
+
+// Reads at most maxBytes of a text file; false if missing or larger.
+bool DemoReadSmallFile(const char* path, size_t maxBytes, std::string* out);
+
+#endif

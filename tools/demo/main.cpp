@@ -1,0 +1,169 @@
+// sonvara-demo-check: the demo's report. For each speaker listed in
+// DIR/speakers.tsv it reads the emulator's JSON report and received WAV,
+// makes the reference of the speaker's role from the content file, prints
+// one table row, and writes the table to DIR/report.txt as well.
+// Single-threaded; owns only its buffers.
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "DemoCheck.h"
+
+namespace {
+
+const size_t kMaxReportBytes = 1 << 20;
+const int kMaxSpeakers = 30;
+
+void usage() {
+    fprintf(stderr,
+            "usage: sonvara-demo-check CONTENT DIR\n"
+            "       sonvara-demo-check --info CONTENT\n"
+            "  CONTENT  the .mp3/.wav file the sender played\n"
+            "  DIR      holds speakers.tsv: name<TAB>role<TAB>received.wav<TAB>report.json\n"
+            "           (paths relative to DIR; role as on the wire: Front_Left, ..., Party)\n"
+            "Prints, per speaker, packets, gaps, silent packets, clock offset, play-out\n"
+            "margin and whether the audio equals what its role should get; exits 1 when\n"
+            "any speaker's audio differs or is missing.\n"
+            "--info prints the content's channels, rate, bytes per sample and seconds\n"
+            "as the sender reads it.\n");
+}
+
+struct Speaker {
+    std::string name, role, wav, json;
+};
+
+// Splits a tab-separated line into at most four bounded fields.
+bool parse_line(const char* line, Speaker* sp) {
+    std::string fields[4];
+    int n = 0;
+    for (const char* p = line; *p != 0 && *p != '\n' && *p != '\r'; p++) {
+        if (*p == '\t') {
+            if (++n == 4) break;
+        } else if (fields[n].size() < 255) {
+            fields[n] += *p;
+        }
+    }
+    if (n < 2 || fields[0].empty()) return false;
+    sp->name = fields[0];
+    sp->role = fields[1];
+    sp->wav = fields[2];
+    sp->json = n >= 3 ? fields[3] : "";
+    return true;
+}
+
+std::string in_dir(const std::string& dir, const std::string& file) {
+    return file.empty() || file[0] == '/' ? file : dir + "/" + file;
+}
+
+// One table row; true when the speaker got its role's audio.
+bool check_speaker(const DemoPcm& content, const std::string& dir, const Speaker& sp,
+                   std::string* row) {
+    char cells[200];
+    std::string json;
+    double packets = -1, gaps = -1, silent = -1, offsetUs = 0, synced = 0, mMin = 0, mMed = 0;
+    bool haveReport = DemoReadSmallFile(in_dir(dir, sp.json).c_str(), kMaxReportBytes, &json) &&
+                      DemoJsonNumber(json, "packets", &packets);
+    if (haveReport) {
+        DemoJsonNumber(json, "seq_gaps", &gaps);
+        DemoJsonNumber(json, "silent_packets", &silent);
+        DemoJsonNumber(json, "clock_synced", &synced);
+        DemoJsonNumber(json, "clock_offset_us", &offsetUs);
+        DemoJsonNumber(json, "margin_min_ms", &mMin);
+        DemoJsonNumber(json, "margin_median_ms", &mMed);
+    }
+    std::string audio;
+    bool ok = false;
+    int role = DemoRoleFromName(sp.role.c_str());
+    DemoPcm received;
+    std::string err;
+    std::vector<unsigned char> reference;
+    if (role < 0) {
+        audio = "unknown role";
+    } else if (DemoRoleFilter(content, role, &reference) != 0) {
+        audio = "content not checkable";
+    } else if (DemoLoadReceived(in_dir(dir, sp.wav).c_str(), &received, &err) != 0) {
+        audio = "NO AUDIO (" + err + ")";
+    } else {
+        DemoMatch m;
+        const int frameBytes = 2 * content.bytesPerSample;
+        DemoCompare(reference, received.bytes, frameBytes, &m);
+        audio = DemoDescribe(m, content.rate, frameBytes);
+        if (m.verdict != DEMO_NOTHING && received.rate != content.rate) {
+            audio += " (received at another rate)";
+        }
+        ok = m.verdict == DEMO_EXACT || m.verdict == DEMO_EXACT_RUNS;
+    }
+    char name[25];
+    snprintf(name, sizeof(name), "%s", sp.name.c_str());
+    if (haveReport) {
+        char clock[24];
+        if (synced != 0) {
+            snprintf(clock, sizeof(clock), "%+.2f ms", offsetUs / 1000.0);
+        } else {
+            snprintf(clock, sizeof(clock), "not synced");
+        }
+        snprintf(cells, sizeof(cells), "%-24s %-12s %7.0f %5.0f %6.0f %12s %7.1f/%-7.1f ", name,
+                 sp.role.c_str(), packets, gaps, silent, clock, mMin, mMed);
+    } else {
+        snprintf(cells, sizeof(cells), "%-24s %-12s %7s %5s %6s %12s %15s ", name, sp.role.c_str(),
+                 "-", "-", "-", "no report", "-");
+    }
+    *row = std::string(cells) + audio;
+    return ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3 || strcmp(argv[1], "--help") == 0) {
+        usage();
+        return argc == 2 ? 0 : 2;
+    }
+    const bool info = strcmp(argv[1], "--info") == 0;
+    const char* file = info ? argv[2] : argv[1];
+    DemoPcm content;
+    std::string err;
+    if (DemoLoadContent(file, &content, &err) != 0) {
+        fprintf(stderr, "sonvara-demo-check: %s: %s\n", file, err.c_str());
+        return 2;
+    }
+    if (info) {
+        double perSec = (double)content.rate * content.channels * content.bytesPerSample;
+        printf("%d %d %d %.3f\n", content.channels, content.rate, content.bytesPerSample,
+               content.bytes.size() / perSec);
+        return 0;
+    }
+    const std::string dir = argv[2];
+    FILE* list = fopen((dir + "/speakers.tsv").c_str(), "r");
+    if (list == nullptr) {
+        fprintf(stderr, "sonvara-demo-check: cannot read %s/speakers.tsv\n", dir.c_str());
+        return 2;
+    }
+    std::string table =
+        "Speaker                  Role         Packets  Gaps Silent "
+        "Clock offset  Margin min/med  Audio\n";
+    char line[1024];
+    int speakers = 0, good = 0;
+    while (speakers < kMaxSpeakers && fgets(line, sizeof(line), list) != nullptr) {
+        Speaker sp;
+        if (line[0] == '#' || !parse_line(line, &sp)) continue;
+        std::string row;
+        speakers++;
+        if (check_speaker(content, dir, sp, &row)) good++;
+        table += row + "\n";
+    }
+    fclose(list);
+    char summary[120];
+    snprintf(summary, sizeof(summary), "%d of %d speakers got their role's audio bit-exact\n", good,
+             speakers);
+    table += summary;
+    fputs(table.c_str(), stdout);
+    FILE* out = fopen((dir + "/report.txt").c_str(), "w");
+    if (out != nullptr) {
+        fputs(table.c_str(), out);
+        fclose(out);
+    }
+    return speakers > 0 && good == speakers ? 0 : 1;
+}
