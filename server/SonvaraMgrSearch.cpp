@@ -314,14 +314,14 @@ void PlurafonMgr::_on_receiver_found(const char* ipText, const char* text, int h
         PAL_MutexUnLock(_lpdevmutex);
     }
 
-    // Let the stream take the receiver again; if it cannot, its member
-    // waits in standby.
-    bool bAccepted = AVSenderResetAcceptWaitReceiverInfo(hStreamer, ip) == 0;
+    // A receiver the stream was still waiting for is dropped from that wait
+    // (it now asks to join anew); its member waits in standby.
+    bool bWaitReset = AVSenderResetAcceptWaitReceiverInfo(hStreamer, ip) != 0;
     int groupId = 0;
     PAL_MutexLock(_lpmutex, 1);
     groupId = _find_group_id_by_device(ip, req.mac);
     LPGITEM item = groupId ? _find_item_in_group_l(_group_by_id(groupId), req.mac) : nullptr;
-    if (item && (!bAccepted || (device && item->DeviceState != DEVICE_STATE_PLAY))) {
+    if (item && (bWaitReset || (device && item->DeviceState != DEVICE_STATE_PLAY))) {
         item->DeviceState = DEVICE_STATE_STANDBY;
     }
     PAL_MutexUnLock(_lpmutex);

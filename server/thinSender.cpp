@@ -176,6 +176,7 @@ int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
     debug_UI("[thinSender] AVSenderReceiverOut()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
     (void)pReceiverIP;
     return _not_yet("AVStreamerReceiverOut");
 }
@@ -183,6 +184,7 @@ int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
 int AVSenderReceiverUpdateChannel(int handle, const char* ip, int type) {
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
+    if (!ip) return TAV_PARAM_INVALID;
     return s->ReceiverUpdateChannelType(ip, type);
 }
 
@@ -196,12 +198,14 @@ int AVSenderReceiverVolumeControl(int handle, int nVolume) {
 int AVSenderReceiverDeviceVolumeControl(int handle, const char* pReceiverIP, int nVolume) {
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
     return s->ReceiverDeviceVolumeControl(pReceiverIP, nVolume);
 }
 
 int AVSenderSetReceiverUIType(int handle, const char* pReceiverIP, int nUIType) {
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
     return s->SetReceiverUIType(pReceiverIP, nUIType);
 }
 
@@ -223,6 +227,7 @@ int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
     debug_UI("[thinSender] AVSenderResetAcceptReceiverInfo");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
+    if (!pReceiverIP) return TAV_PARAM_INVALID;
     return s->ResetAcceptWaitReceiverInfo(pReceiverIP);
 }
 

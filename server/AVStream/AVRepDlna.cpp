@@ -18,7 +18,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <new>
 
@@ -62,7 +61,6 @@ void _copy_text(char* dst, size_t size, const char* src, size_t maxLen) {
 // it; 0 when no digit follows.
 int _scan_number(const char* p, unsigned long long* value) {
     char* end = NULL;
-    errno = 0;
     unsigned long long v = strtoull(p, &end, 10);
     if (end == p) return 0;
     *value = v;

@@ -1,0 +1,127 @@
+// The sender facade: null and stale handles get their fixed answers and
+// touch nothing; a delete waits for calls in flight on the same handle;
+// discovery objects come and go through their handles.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AVRepDlna.h"
+#include "thinSender.h"
+
+namespace {
+
+void ignore_events(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
+void ignore_dlna(intptr_t, intptr_t, intptr_t, intptr_t) {}
+
+// Every streamer function with one handle: their answers, in a fixed order.
+std::vector<int> StreamerAnswers(int h) {
+    AV_MUSIC_INFO music;
+    memset(&music, 0, sizeof(music));
+    AV_RECEIVER rx;
+    memset(&rx, 0, sizeof(rx));
+    char ip[] = "127.0.0.2";
+    return {AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", &music, nullptr, 5, 0),
+            AVSenderClose(h),
+            AVSenderSeek(h, 3),
+            AVSenderPause(h),
+            AVSenderResume(h),
+            AVSenderStop(h),
+            AVSenderStopNotify(h),
+            AVSenderReceiverIn(h, rx),
+            AVSenderReceiverOut(h, ip),
+            AVSenderReceiverUpdateChannel(h, ip, AV_CHANNEL_CENTER),
+            AVSenderReceiverVolumeControl(h, 3),
+            AVSenderReceiverDeviceVolumeControl(h, ip, 3),
+            AVSenderSetReceiverUIType(h, ip, 1),
+            AVSenderSetReceiverUITypeAll(h, 1),
+            AVSenderResetAcceptWaitReceiverInfo(h, ip),
+            AVSenderIsStreamReceiverExist(h) ? 1 : 0,
+            AVSenderDelete(h)};
+}
+
+const std::vector<int> kNullStreamer = {1, 265, 265, 1,   1,   265, 1, 265, 265,
+                                        1, 265, 265, 265, 265, 265, 0, 265};
+
+std::vector<int> DlnaAnswers(int h) {
+    AV_DEVICE_INFO devices;
+    memset(&devices, 0, sizeof(devices));
+    AV_DEVICE me;
+    AV_CONTENT_INFO content;
+    return {AVGetDeviceInfo(h, "224.1.2.4:1234", &devices, 100),
+            AVGetMyDevice(h, &me),
+            AVGetContentInfo(h, "/tmp/x.wav", &content),
+            AVGetContentInfoFromMime(h, "/tmp/x.wav", "audio/x-wav", &content),
+            AVSyncTrigOpen(h),
+            AVSyncTrigClose(h),
+            AVRepDlnaClose(h),
+            AVRepDlnaOpen(h, "224.1.2.4:1234"),
+            AVRepDlnaDelete(h)};
+}
+
+}  // namespace
+
+TEST(ThinSender, NullAndStaleHandlesGetTheirFixedAnswers) {
+    for (int h : {0, -1, 77777}) {
+        EXPECT_EQ(kNullStreamer, StreamerAnswers(h)) << h;
+        EXPECT_EQ(std::vector<int>(9, 1), DlnaAnswers(h)) << h;
+    }
+    EXPECT_EQ(1, AVSenderCreate(nullptr, ignore_events, nullptr, 1));
+    EXPECT_EQ(1, AVRepDlnaCreate(nullptr, "224.1.2.4:1234", ignore_dlna, nullptr));
+
+    // A streamer: a null music description is refused before anything else;
+    // once deleted, its handle is as unknown as a made-up one.
+    int h = 0;
+    ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, 7));
+    ASSERT_NE(0, h);
+    EXPECT_EQ(1, AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0));
+    EXPECT_FALSE(AVSenderIsStreamReceiverExist(h));
+    EXPECT_EQ(TAV_PARAM_INVALID, AVSenderReceiverDeviceVolumeControl(h, nullptr, 3));
+    EXPECT_EQ(0, AVSenderDelete(h));
+    EXPECT_EQ(kNullStreamer, StreamerAnswers(h));
+    int h2 = 0;
+    ASSERT_EQ(0, AVSenderCreate(&h2, ignore_events, nullptr, 8));
+    EXPECT_NE(h, h2);  // handles are not handed out twice
+    EXPECT_EQ(0, AVSenderDelete(h2));
+
+    // Discovery: a failed open takes the object with it.
+    int d = 0;
+    ASSERT_EQ(0, AVRepDlnaCreate(&d, "224.1.2.4:1234", ignore_dlna, nullptr));
+    AV_DEVICE me;
+    memset(&me, 0, sizeof(me));
+    EXPECT_EQ(0, AVGetMyDevice(d, &me));
+    EXPECT_NE('\0', me.pReceiverIP[0]);
+    EXPECT_EQ(0, AVRepDlnaClose(d));
+    EXPECT_EQ(0, AVRepDlnaOpen(d, "224.1.2.4:1234"));
+    EXPECT_NE(0, AVRepDlnaOpen(d, "no-port-here"));
+    EXPECT_EQ(std::vector<int>(9, 1), DlnaAnswers(d));
+
+    AVRepDlnaSetGUID(std::string(45, 'g').c_str());
+    EXPECT_EQ(std::string(39, 'g'), CAVRepDlna::mguid);
+}
+
+TEST(ThinSender, DeleteWaitsForCallsInFlight) {
+    for (int round = 0; round < 20; round++) {
+        int h = 0;
+        ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, round));
+        std::atomic<bool> go{false};
+        std::atomic<int> calls{0};
+        std::vector<std::thread> callers;
+        for (int t = 0; t < 3; t++) {
+            callers.emplace_back([&] {
+                while (!go) std::this_thread::yield();
+                char ip[] = "127.0.0.9";
+                // Each call either finds the streamer whole or gets the null answer.
+                while (AVSenderResetAcceptWaitReceiverInfo(h, ip) != 265) calls++;
+            });
+        }
+        go = true;
+        while (calls < 10) std::this_thread::yield();
+        EXPECT_EQ(0, AVSenderDelete(h));
+        for (auto& t : callers) t.join();
+        EXPECT_EQ(265, AVSenderDelete(h));
+    }
+}
