@@ -385,7 +385,12 @@ TEST(ReceiverEmulator, HostileBytesAreReportedNeverFatal) {
         tx.SendTo(d, "127.0.0.7", rx.RtpPort());
     }
     // A connection fed with broken replies, commands and an endless message.
-    tx.SendTo(tx.Search({"127.0.0.7"}), "224.1.2.4", 1234);
+    // The noise may have filled the socket: send SEARCH 8 times as senders do.
+    std::string search = tx.Search({"127.0.0.7"});
+    for (int i = 0; i < 8; i++) {
+        tx.SendTo(search, "224.1.2.4", 1234);
+        PAL_ThreadSleep(40);
+    }
     ASSERT_TRUE(tx.Accept(nullptr));
     read_message(tx.conn);
     send_text(tx.conn, "START\r\nRef: \r\nRole: \r\n\r\n");
