@@ -35,78 +35,48 @@ struct LogCapture {
     std::vector<std::string> lines;
 };
 
-struct WavCase {
-    const char* name;
-    long ret;  // -2: refused
-    uint32_t start;
-    unsigned channels, rate, bytesPerSample;
-};
-
 long long file_pos(long fd) {
     return PAL_FileSeek(fd, 0, FSEEK_CURRENT);
 }
 
-struct Mp3Case {
-    const char* name;
-    int channels, rate;
-    unsigned samplesPerFrame;
-};
-
-const Mp3Case kMp3Cases[] = {
-    {"sine_cbr128_id3.mp3", 2, 44100, 1152}, {"sine_cbr128_info.mp3", 2, 44100, 1152},
-    {"sine_mono_44k.mp3", 1, 44100, 1152},   {"sine_mono_22k.mp3", 1, 22050, 576},
-    {"sine_stereo_11k.mp3", 2, 11025, 576},  {"sine_vbr_xing.mp3", 2, 44100, 1152},
-    {"sine_layer2.mp2", 2, 44100, 1152},
-};
-
-void check_tones(const std::vector<int16_t>& pcm, int channels, int rate, const std::string& what) {
-    const size_t perChannel = pcm.size() / channels, skip = rate / 10;
-    ASSERT_GT(perChannel, 3 * skip) << what;
-    const double freqs[2] = {440.0, 1000.0};
-    for (int ch = 0; ch < channels; ch++) {
-        const ToneStats st =
-            tone_stats(pcm.data() + skip * channels, perChannel - 2 * skip, channels, ch, rate);
-        EXPECT_NEAR(st.frequency, freqs[ch], freqs[ch] * 0.005) << what << " ch " << ch;
-        EXPECT_NEAR(st.rms, kFixtureSineRms, kFixtureSineRms * 0.08) << what << " ch " << ch;
-    }
-}
-
 }  // namespace
 
-TEST(AVStreamerReader, WavHeadsStartsAndRefusedWidths) {
-    const WavCase cases[] = {
-        {"wav16_stereo_44k.wav", 1, 44, 2, 44100, 2},
-        {"wav8_mono_8k.wav", 1, 44, 1, 8000, 1},
+TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
+    const struct {
+        const char* name;
+        uint32_t start;  // 0: refused
+        unsigned channels, rate, bytesPerSample;
+    } cases[] = {
+        {"wav16_stereo_44k.wav", 44, 2, 44100, 2},
+        {"wav8_mono_8k.wav", 44, 1, 8000, 1},
         // The PCM reader never looks for "data": the LIST chunk is played.
-        {"wav16_stereo_list_8k.wav", 1, 44, 2, 8000, 2},
+        {"wav16_stereo_list_8k.wav", 44, 2, 8000, 2},
         // Extensible: the walk passes the fact chunk and stops behind "data".
-        {"wav16_6ch_ext_8k.wav", 1, 80, 6, 8000, 2},
+        {"wav16_6ch_ext_8k.wav", 80, 6, 8000, 2},
         // 24 bits cannot be sent to any receiver as it is: refused at open.
-        {"wav24_stereo_ext_8k.wav", -2, 0, 0, 0, 0},
+        {"wav24_stereo_ext_8k.wav", 0, 0, 0, 0},
     };
-    for (const WavCase& c : cases) {
+    for (const auto& c : cases) {
         CAVStreamer s(no_notify, nullptr, 1);
         LogCapture log;
         const std::string path = fixture_path(c.name);
+        AV_CONTENT_INFO info = {0, 0};
         const long fd = s.Wav_FileOpen(path.c_str());
-        if (c.ret < 0) {
-            EXPECT_EQ(fd, c.ret) << c.name;
+        if (c.start == 0) {
+            EXPECT_EQ(fd, -2) << c.name;
             EXPECT_TRUE(log.has("wave format not playable")) << c.name;
-            AV_CONTENT_INFO info = {9, 9};
             EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), -2) << c.name;
             continue;
         }
         ASSERT_GE(fd, 1) << c.name;
         EXPECT_EQ(s.waveDataStartPos, c.start) << c.name;
         EXPECT_EQ(file_pos(fd), (long long)c.start) << c.name;
-        EXPECT_EQ(s.m_ContentInfo.NumChannels, c.channels) << c.name;
-        EXPECT_EQ(s.m_ContentInfo.SampleRate, c.rate) << c.name;
         EXPECT_EQ(s.m_AVMusicInfo.BytesPerSample, c.bytesPerSample) << c.name;
-        char expectLine[160];
-        snprintf(expectLine, sizeof expectLine,
+        char line[160];
+        snprintf(line, sizeof line,
                  "wave info: start: %u, # of channels: %u, samplerate: %u, BytesPerSample : %u",
                  c.start, c.channels, c.rate, c.bytesPerSample);
-        EXPECT_TRUE(log.has(expectLine)) << c.name;
+        EXPECT_TRUE(log.has(line)) << c.name;
         EXPECT_TRUE(log.has("xxxbitrate byte rate ")) << c.name;
 
         // Reads hand out the file from the start position to its end.
@@ -116,89 +86,74 @@ TEST(AVStreamerReader, WavHeadsStartsAndRefusedWidths) {
         long n;
         while ((n = s.Wav_FileRead(fd, buf, sizeof buf)) > 0) got.insert(got.end(), buf, buf + n);
         ASSERT_EQ(got.size(), file.size() - c.start) << c.name;
-        EXPECT_TRUE(memcmp(got.data(), file.data() + c.start, got.size()) == 0) << c.name;
-        if (c.bytesPerSample == 2 && c.channels == 2 && c.start == 44 && c.rate == 44100) {
+        EXPECT_EQ(memcmp(got.data(), file.data() + c.start, got.size()), 0) << c.name;
+        if (c.rate == 44100) {
             std::vector<int16_t> pcm(got.size() / 2);
             memcpy(pcm.data(), got.data(), pcm.size() * 2);
-            check_tones(pcm, 2, 44100, c.name);
+            expect_fixture_tones(pcm, 2, 44100, c.name);
+            // The seek goes by the music info: 10 s of 44.1 kHz stereo 16-bit.
+            s.m_AVMusicInfo.SampleRate = 44100;
+            s.m_AVMusicInfo.NumChannels = 2;
+            EXPECT_EQ(s.wav_seek(fd, 10), 0);
+            EXPECT_EQ(file_pos(fd), 44 + 1764000);
         }
         EXPECT_EQ(s.Wav_FileClose(fd), 0);
-
-        AV_CONTENT_INFO info = {0, 0};
         EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), 0) << c.name;
         EXPECT_EQ(info.NumChannels, c.channels) << c.name;
         EXPECT_EQ(info.SampleRate, c.rate) << c.name;
     }
-}
-
-TEST(AVStreamerReader, WavSeekGoesByTheMusicInfo) {
     CAVStreamer s(no_notify, nullptr, 1);
-    const long fd = s.Wav_FileOpen(fixture_path("wav16_stereo_44k.wav").c_str());
-    ASSERT_GE(fd, 1);
-    s.m_AVMusicInfo.SampleRate = 44100;
-    s.m_AVMusicInfo.NumChannels = 2;
-    ASSERT_EQ(s.m_AVMusicInfo.BytesPerSample, 2);
-    EXPECT_EQ(s.wav_seek(fd, 10), 0);
-    EXPECT_EQ(file_pos(fd), 44 + 1764000);
-    EXPECT_EQ(s.wav_seek(fd, 0), 0);
-    EXPECT_EQ(file_pos(fd), 44);
-    s.Wav_FileClose(fd);
     LogCapture log;
     EXPECT_EQ(s.wav_seek(-1, 1), 275);
     EXPECT_TRUE(log.has("[wav_seek] PAL_FileSeek fail"));
+    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), -2);
 }
 
 TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     auto head = [](uint16_t format, uint16_t channels, uint32_t rate, uint16_t bits,
                    uint32_t fmtSize) {
+        const wav_header h = {0x46464952u, 0,    0x45564157u, 0x20746D66u, fmtSize, format,
+                              channels,    rate, rate * 4,    4,           bits};
         std::vector<unsigned char> v(36);
-        wav_header h = {0x46464952u, 0,    0x45564157u, 0x20746D66u, fmtSize, format,
-                        channels,    rate, rate * 4,    4,           bits};
         memcpy(v.data(), &h, 36);
         return v;
     };
-    auto chunk = [](std::vector<unsigned char>& v, const char* id, uint32_t size, size_t body) {
+    auto chunk = [](std::vector<unsigned char> v, const char* id, uint32_t size, size_t body) {
+        v.resize(60, 0);  // behind a 40-byte extensible fmt chunk
         v.insert(v.end(), id, id + 4);
         v.insert(v.end(), (unsigned char*)&size, (unsigned char*)&size + 4);
         v.resize(v.size() + body, 0);
+        return v;
     };
-    struct Case {
+    std::vector<unsigned char> notWave = head(1, 2, 44100, 16, 16);
+    notWave[8] = 'X';
+    const std::vector<unsigned char> ext = head(0xFFFE, 2, 44100, 16, 40);
+    const struct {
         const char* what;
         std::vector<unsigned char> bytes;
-        long ret;
-        uint32_t start;
+        uint32_t start;  // 0: refused
+    } cases[] = {
+        {"empty", {}, 0},
+        {"RIFF only", {'R', 'I', 'F', 'F'}, 0},
+        {"not WAVE", notWave, 0},
+        {"float samples", head(3, 2, 44100, 32, 16), 0},
+        {"no channels", head(1, 0, 44100, 16, 16), 0},
+        {"no sampling rate", head(1, 2, 0, 16, 16), 0},
+        {"32-bit PCM", head(1, 2, 44100, 32, 16), 0},
+        {"extensible fmt shorter than 16", head(0xFFFE, 2, 44100, 16, 8), 0},
+        {"PCM head without a data header", head(1, 2, 44100, 16, 16), 44},
+        {"extensible without data", chunk(ext, "fact", 4, 4), 60 + 12 + 8},
+        {"a chunk size past the end", chunk(ext, "huge", 0xFFFFFFF0u, 16),
+         60 + 8 + 0xFFFFFFF0u + 8},
+        {"an fmt size past the end", head(0xFFFE, 2, 44100, 16, 0xFFFFFFF0u),
+         36 + 0xFFFFFFF0u - 16 + 8},
     };
-    std::vector<Case> cases;
-    cases.push_back({"empty", {}, -2, 0});
-    cases.push_back({"RIFF only", {'R', 'I', 'F', 'F'}, -2, 0});
-    std::vector<unsigned char> v = head(1, 2, 44100, 16, 16);
-    v[8] = 'X';
-    cases.push_back({"not WAVE", v, -2, 0});
-    cases.push_back({"float samples", head(3, 2, 44100, 32, 16), -2, 0});
-    cases.push_back({"no channels", head(1, 0, 44100, 16, 16), -2, 0});
-    cases.push_back({"no sampling rate", head(1, 2, 0, 16, 16), -2, 0});
-    cases.push_back({"32-bit PCM", head(1, 2, 44100, 32, 16), -2, 0});
-    cases.push_back({"extensible fmt shorter than 16", head(0xFFFE, 2, 44100, 16, 8), -2, 0});
-    v = head(1, 2, 44100, 16, 16);
-    cases.push_back({"PCM head without a data header", v, 1, 44});
-    v = head(0xFFFE, 2, 44100, 16, 40);
-    v.resize(60, 0);
-    chunk(v, "junk", 0, 0);
-    chunk(v, "fact", 4, 4);
-    cases.push_back({"extensible without data", v, 1, 60 + 8 + 12 + 8});
-    v = head(0xFFFE, 2, 44100, 16, 40);
-    v.resize(60, 0);
-    chunk(v, "huge", 0xFFFFFFF0u, 16);
-    cases.push_back({"a chunk size past the end", v, 1, 60 + 8 + 0xFFFFFFF0u + 8});
-    v = head(0xFFFE, 2, 44100, 16, 0xFFFFFFF0u);
-    cases.push_back({"an fmt size past the end", v, 1, 36 + 0xFFFFFFF0u - 16 + 8});
-
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         TempFile f("hostile.wav", c.bytes);
         CAVStreamer s(no_notify, nullptr, 1);
         const long fd = s.Wav_FileOpen(f.path.c_str());
-        if (c.ret < 0) {
-            EXPECT_EQ(fd, c.ret) << c.what;
+        if (c.start == 0) {
+            EXPECT_EQ(fd, -2) << c.what;
             continue;
         }
         ASSERT_GE(fd, 1) << c.what;
@@ -207,37 +162,32 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         EXPECT_EQ(s.Wav_FileRead(fd, buf, sizeof buf), 0) << c.what;
         s.Wav_FileClose(fd);
     }
-    CAVStreamer s(no_notify, nullptr, 1);
-    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), -2);
 }
 
-TEST(AVStreamerReader, Mp3FixturesReadFrameByFrameWithTheSourceTone) {
-    for (const Mp3Case& c : kMp3Cases) {
+TEST(AVStreamerReader, Mp3FixturesReadOneFrameOfTheSourceToneAtATime) {
+    for (const MpegFixture& fx : kMpegFixtures) {
         long frames = 0;
         int rate = 0, channels = 0;
-        ASSERT_TRUE(fixture_facts(c.name, &frames, &rate, &channels));
+        ASSERT_TRUE(fixture_facts(fx.name, &frames, &rate, &channels));
         CAVStreamer s(no_notify, nullptr, 1);
-        const long fd = s.Mp3ToPcm_FileOpen(fixture_path(c.name).c_str());
-        ASSERT_GE(fd, 1) << c.name;
+        const long fd = s.Mp3ToPcm_FileOpen(fixture_path(fx.name).c_str());
+        ASSERT_GE(fd, 1) << fx.name;
         EXPECT_EQ(s.m_AVMusicInfo.BytesPerSample, 2);
-        ASSERT_NE(s.m_pMP3Parser, nullptr);
-        ASSERT_NE(s.m_pMp3Decoder, nullptr);
-
         std::vector<int16_t> pcm;
         std::vector<char> out(AV_MP3_BUF_SIZE);
         long reads = 0, n;
         while ((n = s.Mp3ToPcm_FileRead(fd, out.data(), out.size())) > 0) {
             // One frame per read; the Info frame is passed over.
-            ASSERT_EQ(n, (long)(c.samplesPerFrame * c.channels * 2)) << c.name;
-            EXPECT_EQ(s.m_ContentInfo.NumChannels, c.channels) << c.name;
-            EXPECT_EQ(s.m_ContentInfo.SampleRate, (uint32_t)c.rate) << c.name;
+            ASSERT_EQ(n, (long)(fx.samplesPerFrame * fx.channels * 2)) << fx.name;
+            EXPECT_EQ(s.m_ContentInfo.NumChannels, fx.channels) << fx.name;
+            EXPECT_EQ(s.m_ContentInfo.SampleRate, (uint32_t)fx.rate) << fx.name;
             const int16_t* p = reinterpret_cast<const int16_t*>(out.data());
             pcm.insert(pcm.end(), p, p + n / 2);
             reads++;
         }
-        EXPECT_EQ(n, -2) << c.name;
-        EXPECT_EQ(reads, frames) << c.name;
-        check_tones(pcm, c.channels, c.rate, c.name);
+        EXPECT_EQ(n, -2) << fx.name;
+        EXPECT_EQ(reads, frames) << fx.name;
+        expect_fixture_tones(pcm, fx.channels, fx.rate, fx.name);
         EXPECT_EQ(s.Mp3ToPcm_FileClose(fd), 0);
         EXPECT_EQ(s.m_pMP3Parser, nullptr);
         EXPECT_EQ(s.m_pMp3Decoder, nullptr);
@@ -247,38 +197,35 @@ TEST(AVStreamerReader, Mp3FixturesReadFrameByFrameWithTheSourceTone) {
 
 TEST(AVStreamerReader, FirstFrameAfterAParserSeekIsDecodedFromAReset) {
     const std::string path = fixture_path("sine_cbr128_id3.mp3");
-    const std::vector<unsigned char> file = read_whole_file(path);
+    std::vector<unsigned char> file = read_whole_file(path);
     const std::vector<MpegFrameRef> frames = split_mpeg_frames(file);
     CAVStreamer s(no_notify, nullptr, 1);
     const long fd = s.Mp3ToPcm_FileOpen(path.c_str());
     ASSERT_GE(fd, 1);
-    std::vector<char> out(AV_MP3_BUF_SIZE);
-    for (int i = 0; i < 10; i++) ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), 4608);
-
+    std::vector<char> out(2 * AV_MP3_BUF_SIZE);
+    for (int i = 0; i < 10; i++) ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), 12288), 4608);
     // 1 s at 128 kbit/s: the frame at or after byte 16000 of the stream.
     s.m_pMP3Parser->setSeekTo(1000000);
-    ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), 4608);
+    ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), 12288), 4608);
     EXPECT_FALSE(s.m_pMP3Parser->mOptions & 1u) << "the reader clears the pending seek";
-    const std::vector<char> afterSeek(out.begin(), out.begin() + 4608);
-    ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), 4608);
-    const std::vector<char> next(out.begin(), out.begin() + 4608);
+    ASSERT_EQ(s.Mp3ToPcm_FileRead(fd, out.data() + 4608, 12288), 4608);
     size_t k = 0;
-    while (k < frames.size() && (long)frames[k].offset < 16000 + s.m_pMP3Parser->mFirstFramePos)
-        k++;
-    ASSERT_LT(k + 1, frames.size());
+    while ((long)frames[k].offset < 16000 + s.m_pMP3Parser->mFirstFramePos) k++;
 
     // A fresh decoder fed the same two frames gives the same PCM: the first
     // was decoded without the frames before the seek, the second with it.
     MP3Decoder fresh;
     ASSERT_TRUE(fresh.MP3Dec_Create());
     std::vector<unsigned char> ref(AV_MP3_BUF_SIZE);
-    for (size_t j = k; j <= k + 1; j++) {
-        std::vector<unsigned char> in(file.begin() + frames[j].offset,
-                                      file.begin() + frames[j].offset + frames[j].size);
-        MP3DEC_DATA d = {in.data(), (unsigned)in.size(), 0, ref.data(), (unsigned)ref.size(), 0};
+    for (size_t j = 0; j < 2; j++) {
+        MP3DEC_DATA d = {&file[frames[k + j].offset],
+                         (unsigned)frames[k + j].size,
+                         0,
+                         ref.data(),
+                         (unsigned)ref.size(),
+                         0};
         ASSERT_TRUE(fresh.MP3Dec_Decode(&d));
-        ASSERT_EQ(d.dstUsed, 4608u);
-        EXPECT_EQ(memcmp(ref.data(), (j == k ? afterSeek : next).data(), 4608), 0) << j - k;
+        EXPECT_EQ(memcmp(ref.data(), out.data() + 4608 * j, 4608), 0) << j;
     }
     s.Mp3ToPcm_FileClose(fd);
 }
@@ -289,7 +236,6 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     CAVStreamer s(no_notify, nullptr, 1);
     LogCapture log;
     const long fd = s.Mp3ToPcm_FileOpen(path.c_str());
-    ASSERT_GE(fd, 1);
     s.get_mp3_info(fd);
     EXPECT_EQ(s.mp3FrameStartPos, frames[0].offset);
     EXPECT_EQ(s.mp3LayerIdx, 1u);
@@ -299,20 +245,17 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     EXPECT_TRUE(
         log.has("mp3 info: layer idx: 1, bitrate idx: 9, samplerate idx: 0, framelen: "
                 "417.500000"));
-
     // 1 s = 38 frames of 417.5 bytes from the first frame, then the next
     // header of the same stream.
     ASSERT_EQ(s.mp3_seek(fd, 1), 0);
-    const long long pos = file_pos(fd);
-    EXPECT_GE(pos, (long long)frames[0].offset + 38 * 417);
+    EXPECT_GE(file_pos(fd), (long long)frames[0].offset + 38 * 417);
     bool onFrame = false;
-    for (const MpegFrameRef& r : frames) onFrame |= (long long)r.offset == pos;
-    EXPECT_TRUE(onFrame) << pos;
+    for (const MpegFrameRef& r : frames) onFrame |= (long long)r.offset == file_pos(fd);
+    EXPECT_TRUE(onFrame) << file_pos(fd);
     EXPECT_TRUE(log.has("mp3seek: found at "));
     ASSERT_EQ(s.mp3_seek(fd, 0), 0);
     EXPECT_EQ(file_pos(fd), (long long)frames[0].offset);
-    // Past the end: no header found, the file is put searchLen bytes on.
-    ASSERT_EQ(s.mp3_seek(fd, 100), 0);
+    EXPECT_EQ(s.mp3_seek(fd, 100), 0) << "past the end";
     s.Mp3ToPcm_FileClose(fd);
 
     // A 4096-byte tag (syncsafe 4086) in front of 128 kbit/s frames.
@@ -326,32 +269,29 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     t.get_mp3_info(tfd);
     EXPECT_EQ(t.mp3FrameStartPos, 4096u);
     EXPECT_EQ(t.mp3BitrateIdx, 9u);
-    // Known geometry is not scanned again.
     t.mp3FrameStartPos = 7;
     t.get_mp3_info(tfd);
-    EXPECT_EQ(t.mp3FrameStartPos, 7u);
+    EXPECT_EQ(t.mp3FrameStartPos, 7u) << "known geometry is not scanned again";
     PAL_FileClose(tfd);
 
-    // Without any geometry the byte seek stays at the frame start.
+    // Without any geometry the byte seek stays at the start.
     CAVStreamer u(no_notify, nullptr, 1);
     TempFile empty("empty.mp3", {});
     const long efd = PAL_FileOpen(empty.path.c_str(), FOPEN_READ, 0);
     u.get_mp3_info(efd);
-    EXPECT_EQ(u.mp3FrameStartPos, 0u);
     EXPECT_EQ(u.mp3_seek(efd, 30), 0);
     EXPECT_EQ(file_pos(efd), 0);
     PAL_FileClose(efd);
 }
 
 TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
-    struct Case {
+    const struct {
         const char* fixture;
         const char* as;  // the name the file is given
         int ret;
         unsigned channels, rate;
-    };
-    const Case cases[] = {
-        {"sine_cbr128_info.mp3", "a.mp3", 0, 2, 44100},
+    } cases[] = {
+        {"sine_cbr128_info.mp3", "a.mp3", 0, 2, 44100},  // starts with an Info frame
         {"sine_mono_22k.mp3", "b.MP3", 0, 1, 22050},
         {"sine_stereo_11k.mp3", "c.mp3x", 0, 2, 11025},
         {"sine_mono_44k.mp3", "d.Mp3", 100, 0, 0},
@@ -363,7 +303,7 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
         {"wav16_stereo_44k.wav", "i.mp3", -2, 0, 0},  // no MPEG frames
         {"sine_cbr128_id3.mp3", "j.wav", -2, 0, 0},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         TempFile f(c.as, read_whole_file(fixture_path(c.fixture)));
         CAVStreamer s(no_notify, nullptr, 1);
         AV_CONTENT_INFO info = {0, 0};
@@ -375,7 +315,6 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
     CAVStreamer s(no_notify, nullptr, 1);
     AV_CONTENT_INFO info = {0, 0};
     EXPECT_EQ(s.GetContentInfo("/nonexistent/x.mp3", &info), -2);
-    EXPECT_EQ(s.GetMp3Info("/nonexistent/x.mp3", &info), -2);
     EXPECT_EQ(s.Mp3ToPcm_FileOpen("/nonexistent/x.mp3"), -2);
     TempFile empty("empty.mp3", {});
     const long fd = s.Mp3ToPcm_FileOpen(empty.path.c_str());

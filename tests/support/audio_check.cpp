@@ -91,20 +91,24 @@ std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& fi
     return frames;
 }
 
+const MpegFixture kMpegFixtures[7] = {
+    {"sine_cbr128_id3.mp3", 2, 44100, 1152, false}, {"sine_cbr128_info.mp3", 2, 44100, 1152, true},
+    {"sine_mono_44k.mp3", 1, 44100, 1152, true},    {"sine_mono_22k.mp3", 1, 22050, 576, false},
+    {"sine_stereo_11k.mp3", 2, 11025, 576, true},   {"sine_vbr_xing.mp3", 2, 44100, 1152, true},
+    {"sine_layer2.mp2", 2, 44100, 1152, false},
+};
+
 ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channels, int ch,
                      int rate) {
-    double sum2 = 0;
-    double first = -1, last = -1;
+    double sum2 = 0, first = -1, last = -1;
     long crossings = 0;
     for (size_t i = 0; i < samples_per_channel; i++) {
         const double v = pcm[i * channels + ch];
         sum2 += v * v;
-        if (i == 0) continue;
-        const double p = pcm[(i - 1) * channels + ch];
-        if (p < 0 && v >= 0) {
-            const double t = (i - 1) + (-p) / (v - p);
-            if (first < 0) first = t;
-            last = t;
+        const double p = i > 0 ? pcm[(i - 1) * channels + ch] : 0;
+        if (i > 0 && p < 0 && v >= 0) {
+            last = (i - 1) + (-p) / (v - p);
+            if (first < 0) first = last;
             crossings++;
         }
     }
@@ -112,4 +116,17 @@ ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channel
     s.rms = samples_per_channel ? sqrt(sum2 / samples_per_channel) : 0;
     s.frequency = (crossings > 1 && last > first) ? (crossings - 1) * rate / (last - first) : 0;
     return s;
+}
+
+void expect_fixture_tones(const std::vector<int16_t>& pcm, int channels, int rate,
+                          const std::string& what) {
+    const double kFreqs[2] = {440.0, 1000.0};
+    const size_t perChannel = pcm.size() / channels, skip = rate / 10;
+    ASSERT_GT(perChannel, 3 * skip) << what;
+    for (int ch = 0; ch < channels; ch++) {
+        const ToneStats st =
+            tone_stats(pcm.data() + skip * channels, perChannel - 2 * skip, channels, ch, rate);
+        EXPECT_NEAR(st.frequency, kFreqs[ch], kFreqs[ch] * 0.005) << what << " channel " << ch;
+        EXPECT_NEAR(st.rms, kFixtureSineRms, kFixtureSineRms * 0.08) << what << " channel " << ch;
+    }
 }

@@ -36,7 +36,7 @@ struct MpegFrameRef {
 std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& file);
 
 struct ToneStats {
-    double frequency;  // Hz, from zero crossings
+    double frequency;  // Hz, from the spacing of rising zero crossings
     double rms;        // in sample units
 };
 // Channel `ch` of interleaved 16-bit PCM with `channels` channels.
@@ -45,5 +45,22 @@ ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channel
 
 // The level of the fixtures' sines: peak 0.5 of full scale.
 constexpr double kFixtureSineRms = 0.5 * 32767.0 / 1.4142135623730951;
+
+// The MPEG fixtures and what their encoder made: format, samples per frame,
+// whether a Xing/Info frame comes first.
+struct MpegFixture {
+    const char* name;
+    int channels;
+    int rate;
+    unsigned samplesPerFrame;
+    bool infoFrame;
+};
+extern const MpegFixture kMpegFixtures[7];
+
+// Expects the fixtures' sines in interleaved 16-bit PCM: 440 Hz on the first
+// channel, 1000 Hz on the second, each at -6 dBFS; 0.1 s at either end (the
+// encoder's delay and fade) is left out.
+void expect_fixture_tones(const std::vector<int16_t>& pcm, int channels, int rate,
+                          const std::string& what);
 
 #endif

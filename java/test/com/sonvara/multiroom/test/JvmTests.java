@@ -11,7 +11,7 @@ public final class JvmTests {
 
     public static void main(String[] args) throws Exception {
         if (args.length != 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|stress");
+            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress");
             System.exit(2);
         }
         switch (args[0]) {
@@ -29,6 +29,9 @@ public final class JvmTests {
                 break;
             case "session":
                 SessionTests.run();
+                break;
+            case "playback":
+                PlaybackTests.run();
                 break;
             case "stress":
                 StressTests.run();

@@ -36,28 +36,48 @@ final class SessionTests {
         }
     }
 
-    static void run() throws Exception {
-        SonvaraNativeMgr.loadLibrary();
-        List<Speaker> speakers = List.of(
-                new Speaker("Wohnzimmer links", 3, SonvaraNativeMgr.CHANNEL_FRONT_LEFT),
+    /** Three speakers with names outside ASCII, their volumes and the roles they get. */
+    static List<Speaker> threeSpeakers() {
+        return List.of(new Speaker("Wohnzimmer links", 3, SonvaraNativeMgr.CHANNEL_FRONT_LEFT),
                 new Speaker("K\u00fcche \uD83C\uDFB5", 7, SonvaraNativeMgr.CHANNEL_FRONT_RIGHT),
                 new Speaker("\u5BDD\u5BA4 \u00e9t\u00e9", 11, SonvaraNativeMgr.CHANNEL_WOOFER));
+    }
+
+    /** Starts the speakers on 127.0.0.2, .3, ... in this JVM. */
+    static void start(List<Speaker> speakers) {
+        startAt(speakers, 2);
+    }
+
+    /** Starts the speakers on 127.0.0.first, first+1, ... */
+    static void startAt(List<Speaker> speakers, int first) {
         for (int i = 0; i < speakers.size(); i++) {
             Speaker s = speakers.get(i);
-            s.rx = NotifyProbe.rxStart("127.0.0." + (2 + i), s.name.getBytes(StandardCharsets.UTF_8),
+            s.rx = NotifyProbe.rxStart("127.0.0." + (first + i), s.name.getBytes(StandardCharsets.UTF_8),
                     s.volume, 1);
             Check.ok("receiver " + i + " started", s.rx != 0);
+            if (s.rx == 0) continue;
             String[] id = NotifyProbe.rxIdentity(s.rx);
             s.ip = id[0];
             s.mac = id[1];
             s.guid = id[2];
         }
+    }
+
+    static void stop(List<Speaker> speakers) {
+        for (Speaker s : speakers) {
+            if (s.rx != 0) NotifyProbe.rxStop(s.rx);
+            s.rx = 0;
+        }
+    }
+
+    static void run() throws Exception {
+        SonvaraNativeMgr.loadLibrary();
+        List<Speaker> speakers = threeSpeakers();
+        start(speakers);
         try {
             session(speakers);
         } finally {
-            for (Speaker s : speakers) {
-                if (s.rx != 0) NotifyProbe.rxStop(s.rx);
-            }
+            stop(speakers);
         }
     }
 
@@ -146,6 +166,15 @@ final class SessionTests {
         }
         Path dir = Files.createTempDirectory("sonvara-session");
         Check.eq("SaveGroup", 0, m.SaveGroup(dir.toString()));
+
+        // Content questions: the content-info query also reports to the listener.
+        String wav = PlaybackTests.makeWav(dir, 1).toString();
+        Check.eq("IsContentValid", 0, m.IsContentValid(wav, "audio/x-wav"));
+        Check.ok("IsContentValid rejects a missing file",
+                m.IsContentValid(dir.resolve("none.wav").toString(), "audio/x-wav") != 0);
+        log.clear();
+        m.GetContentInfo(wav);
+        Check.eq("contents event", List.of("ContentsInfo|2|44100"), log.texts());
         Check.ok("group file written", Files.isRegularFile(dir.resolve("multi_group_play.ini")));
         Check.eq("no service devices before playing", List.of(),
                 List.of(m.GetServiceDeviceList()));

@@ -1,0 +1,151 @@
+package com.sonvara.multiroom.test;
+
+import com.sonvara.multiroom.SonvaraNativeMgr;
+import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.HashSet;
+import java.util.List;
+import java.util.Set;
+
+/**
+ * A group playing a WAV file from Java to three emulated receivers: progress
+ * on a native thread, seek, pause and resume, volume, the service registry, a
+ * JOIN from a receiver outside the group, the end of the content, Stop.
+ */
+final class PlaybackTests {
+    private PlaybackTests() {}
+
+    static final long WAIT_MS = 30_000;
+    static final int SECONDS = 12;
+
+    /** A 16-bit stereo 44.1 kHz WAV file: a tone on the left, another on the right. */
+    static Path makeWav(Path dir, int seconds) throws IOException {
+        int rate = 44100;
+        int frames = rate * seconds;
+        ByteBuffer b = ByteBuffer.allocate(44 + frames * 4).order(ByteOrder.LITTLE_ENDIAN);
+        b.put("RIFF".getBytes()).putInt(36 + frames * 4).put("WAVE".getBytes());
+        b.put("fmt ".getBytes()).putInt(16).putShort((short) 1).putShort((short) 2);
+        b.putInt(rate).putInt(rate * 4).putShort((short) 4).putShort((short) 16);
+        b.put("data".getBytes()).putInt(frames * 4);
+        for (int i = 0; i < frames; i++) {
+            b.putShort((short) (8000 * Math.sin(2 * Math.PI * 440 * i / rate)));
+            b.putShort((short) (8000 * Math.sin(2 * Math.PI * 660 * i / rate)));
+        }
+        Path f = dir.resolve("tone.wav");
+        try (OutputStream out = Files.newOutputStream(f)) {
+            out.write(b.array());
+        }
+        return f;
+    }
+
+    static List<Integer> progress(EventLog log, int group) {
+        List<Integer> out = new ArrayList<>();
+        for (String t : log.texts()) {
+            String prefix = "PlayProgress|" + group + "|";
+            if (t.startsWith(prefix)) out.add(Integer.parseInt(t.substring(prefix.length())));
+        }
+        return out;
+    }
+
+    static void run() throws Exception {
+        SonvaraNativeMgr.loadLibrary();
+        List<SessionTests.Speaker> speakers = SessionTests.threeSpeakers();
+        List<SessionTests.Speaker> outsider = List.of(
+                new SessionTests.Speaker("Garten \u00f6", 5, SonvaraNativeMgr.CHANNEL_PARTY));
+        SessionTests.start(speakers);
+        try {
+            play(speakers, outsider);
+        } finally {
+            SessionTests.stop(speakers);
+            SessionTests.stop(outsider);
+        }
+    }
+
+    static void play(List<SessionTests.Speaker> speakers, List<SessionTests.Speaker> outsider)
+            throws Exception {
+        SonvaraNativeMgr m = new SonvaraNativeMgr();
+        EventLog log = new EventLog();
+        m.setListener(log);
+        Check.eq("initialize", 0, m.initialize("4f1c2a9e-playback"));
+        Check.eq("ConnectedWiFi", 0, m.ConnectedWiFi());
+        Check.eq("SearchDevice", 0, m.SearchDevice());
+        int g = m.CreateGroup("Erdgeschoss");
+        for (SessionTests.Speaker s : speakers) {
+            Check.eq("AddDevice " + s.ip, 0, m.AddDevice(g, s.ip, s.mac, s.role, true));
+        }
+        Path wav = makeWav(Files.createTempDirectory("sonvara-play"), SECONDS);
+        String file = wav.toString();
+        Check.eq("IsContentValid", 0, m.IsContentValid(file, "audio/x-wav"));
+        Check.eq("GetContentChannel", 2, m.GetContentChannel(file));
+        Check.eq("GetContentSampleRate", 44100, m.GetContentSampleRate(file));
+
+        log.clear();
+        Check.eq("Open", 0, m.Open(g, file, "Ton \u00fc", "audio/x-wav", 2, 44100, 9, 0, false));
+        for (SessionTests.Speaker s : speakers) {
+            Check.ok("packets reach " + s.ip, NotifyProbe.rxWaitPackets(s.rx, 100, (int) WAIT_MS));
+        }
+        String[] roles = {"Front_Left", "Front_Right", "Woofer"};
+        for (int i = 0; i < speakers.size(); i++) {
+            Check.eq("role of " + speakers.get(i).ip, roles[i], NotifyProbe.rxStartRole(speakers.get(i).rx));
+        }
+        Set<String> served = new HashSet<>(List.of(m.GetServiceDeviceList()));
+        Set<String> ips = new HashSet<>();
+        for (SessionTests.Speaker s : speakers) ips.add(s.ip);
+        Check.eq("service devices", ips, served);
+        Check.eq("service group of a receiver", g, m.GetServiceGroupIdOfReceiver(speakers.get(0).ip));
+
+        // Progress each second, from the engine's stream thread.
+        Check.ok("progress 2", log.await("PlayProgress|" + g + "|2", WAIT_MS));
+        for (EventLog.Event e : log.events()) {
+            if (!e.text.startsWith("PlayProgress|")) continue;
+            Check.ok("progress off the Java thread", e.thread != Thread.currentThread());
+        }
+
+        Check.eq("seekTo", 0, m.seekTo(g, 6));
+        Check.ok("progress after the seek", log.await("PlayProgress|" + g + "|7", WAIT_MS));
+
+        Check.eq("Pause", 0, m.Pause(g));
+        Thread.sleep(1500);
+        int paused = progress(log, g).size();
+        Thread.sleep(2500);
+        Check.ok("no progress while paused", progress(log, g).size() <= paused + 1);
+        Check.eq("Resume", 0, m.Resume(g));
+        Check.ok("progress after resume", log.await("PlayProgress|" + g + "|9", WAIT_MS));
+
+        Check.eq("ReceiverVolumeControl", 0, m.ReceiverVolumeControl(g, 4));
+        long end = System.currentTimeMillis() + WAIT_MS;
+        while (NotifyProbe.rxReport(speakers.get(0).rx)[NotifyProbe.RX_VOLUME] != 4
+                && System.currentTimeMillis() < end) {
+            Thread.sleep(50);
+        }
+        Check.eq("receiver volume", 4, NotifyProbe.rxReport(speakers.get(0).rx)[NotifyProbe.RX_VOLUME]);
+
+        SessionTests.Speaker first = speakers.get(0);
+        NotifyProbe.rxSendVolumeChanged(first.rx, 6);
+        Check.ok("volume change reported", log.await("ReceiverVolumeChanged|" + g + "|" + first.ip
+                + "|" + first.mac + "|" + first.guid + "|" + first.name + "|6", WAIT_MS));
+
+        // A receiver outside the group asks to join the running stream.
+        SessionTests.startAt(outsider, 5);
+        SessionTests.Speaker joining = outsider.get(0);
+        NotifyProbe.rxSendJoin(joining.rx);
+        Check.ok("join reported", log.await("JoinDeviceInfo|0|" + joining.ip + "|" + joining.mac
+                + "|" + joining.guid + "|" + joining.name, WAIT_MS));
+
+        Check.ok("end of content", log.await("ServiceStop|" + g + "|", WAIT_MS));
+        Check.eq("Stop", 0, m.Stop(g, false));
+        Check.eq("no service devices after Stop", List.of(), List.of(m.GetServiceDeviceList()));
+        for (SessionTests.Speaker s : speakers) {
+            int[] r = NotifyProbe.rxReport(s.rx);
+            Check.eq("no lost packets at " + s.ip, 0, r[NotifyProbe.RX_LOST]);
+            Check.eq("no bad lengths at " + s.ip, 0, r[NotifyProbe.RX_BAD_LENGTH]);
+        }
+        Check.eq("DisconnectedWiFi", 0, m.DisconnectedWiFi());
+        Check.eq("Finalize", 0, m.Finalize());
+    }
+}
