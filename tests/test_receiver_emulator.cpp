@@ -369,6 +369,65 @@ TEST(ReceiverEmulator, AnnouncementsRequestsAndFaultSwitches) {
     EXPECT_EQ(2u, rx.Report().searchesForMe);
 }
 
+TEST(ReceiverEmulator, HostileBytesAreReportedNeverFatal) {
+    ReceiverEmulator rx(config("127.0.0.7"));
+    ASSERT_EQ(0, rx.Start());
+    ScriptedSender tx;
+    unsigned int seed = 12345;
+    auto rnd = [&seed]() { return (seed = seed * 1103515245u + 12345u) >> 16; };
+    // Datagrams that start like the real ones and go wrong, plus noise.
+    const char* prefixes[] = {"DEVICE ", "SEARCH\r\n", "SEARCH\r\nGUID: ", "DEVICE 1.2.3.4:", ""};
+    for (int i = 0; i < 300; i++) {
+        std::string d = prefixes[i % 5];
+        size_t len = rnd() % 1500;
+        for (size_t k = 0; k < len; k++) d += (char)rnd();
+        tx.SendTo(d, i % 2 ? "224.1.2.4" : "127.0.0.7", 1234);
+        tx.SendTo(d, "127.0.0.7", rx.RtpPort());
+    }
+    // A connection fed with broken replies, commands and an endless message.
+    // The noise may have filled the socket: send SEARCH 8 times as senders do.
+    std::string search = tx.Search({"127.0.0.7"});
+    for (int i = 0; i < 8; i++) {
+        tx.SendTo(search, "224.1.2.4", 1234);
+        PAL_ThreadSleep(40);
+    }
+    ASSERT_TRUE(tx.Accept(nullptr));
+    read_message(tx.conn);
+    send_text(tx.conn, "START\r\nRef: \r\nRole: \r\n\r\n");
+    read_message(tx.conn);
+    send_text(tx.conn,
+              "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n");
+    send_text(tx.conn, "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort");
+    for (int i = 0; i < 200; i++) {
+        std::string m = i % 3 ? "VOLUME: " : "";
+        size_t len = rnd() % 300;
+        for (size_t k = 0; k < len; k++) m += (char)rnd();
+        m += "\r\n\r\n";
+        send(tx.conn, m.data(), m.size(), MSG_NOSIGNAL);
+    }
+    std::string endless(20000, 'A');
+    send(tx.conn, endless.data(), endless.size(), MSG_NOSIGNAL);
+    send_text(tx.conn, "\r\n\r\nALIVE\r\n\r\n");
+    // Still alive and still answering.
+    std::string answer;
+    while (answer.find("ALIVED") == std::string::npos && rx_wait_readable(tx.conn, 3000) == 1) {
+        char buf[4096];
+        ssize_t n = recv(tx.conn, buf, sizeof(buf), 0);
+        if (n <= 0) break;
+        answer.append(buf, (size_t)n);
+    }
+    EXPECT_NE(std::string::npos, answer.find("ALIVED\r\n\r\n"));
+    ReceiverReport r = rx.Report();
+    EXPECT_GT(r.protocolErrors, 100u);
+    EXPECT_GT(r.handshakeErrors, 0u);
+    EXPECT_GT(r.badLength + r.badVersion + r.badPayloadType, 0u);
+    EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
+    for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
+    std::string json = rx.ReportJson();
+    EXPECT_EQ('{', json.front());
+    EXPECT_EQ('}', json.back());
+}
+
 // RTP from the test straight to the emulator's client port.
 class RtpSource {
 public:
@@ -507,6 +566,66 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
     EXPECT_GT(r.marginMinMs, 350.0);
     rx.Stop();
     TimeSyncInitiator_Delete();
+}
+
+}  // namespace
+
+namespace {
+
+// The command next to this test executable's directory: build/tools/.
+std::string receiver_command() {
+    char self[512] = {0};
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
+    dir = dir.substr(0, dir.rfind('/'));
+    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
+}
+
+std::string run_output(const std::string& cmd, int* status) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[512];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+    *status = pclose(p);
+    return out;
+}
+
+TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
+    std::string cmd = receiver_command();
+    int status = -1;
+    std::string help = run_output(cmd + " --help", &status);
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos, help.find("--address"));
+    EXPECT_NE(std::string::npos, help.find("scripts/netns-run"));
+    run_output(cmd + " --address 127.0.0.2 --volume loud 2>/dev/null", &status);
+    EXPECT_EQ(2, WEXITSTATUS(status));
+    run_output(cmd + " --name x 2>/dev/null", &status);  // no address
+    EXPECT_EQ(2, WEXITSTATUS(status));
+
+    // A real run (we are inside the test namespace): it answers discovery
+    // and reports it.
+    int answers = rx_udp_bind("127.0.0.1", 9092);
+    ASSERT_GE(answers, 0);
+    FILE* p = popen((cmd + " --address 127.0.0.8 --name Den --duration 2 --quiet").c_str(), "r");
+    ASSERT_NE(nullptr, p);
+    ScriptedSender tx;
+    std::string answer;
+    for (int i = 0; i < 40 && answer.empty(); i++) {  // until the child listens
+        tx.SendTo("DEVICE 127.0.0.1:9092\r\nGUID: g\r\nREQ_TS: 9\r\n", "127.0.0.8", 1234);
+        if (rx_wait_readable(answers, 100) == 1) answer = next_datagram(answers);
+    }
+    EXPECT_NE(std::string::npos, answer.find("NAME: Den\r\n"));
+    std::string json;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) json.append(buf, n);
+    EXPECT_EQ(0, pclose(p));
+    close(answers);
+    EXPECT_EQ(0u, json.find("{\"address\":\"127.0.0.8\",\"name\":\"Den\""));
+    EXPECT_NE(std::string::npos, json.find("\"device_requests\":"));
+    EXPECT_EQ(std::string::npos, json.find("\"device_requests\":0,"));
 }
 
 }  // namespace

@@ -35,19 +35,13 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     m_NotifyMsg = notify;
     m_pParent = parent;
     m_groupId = groupId;
-    m_bSerExit = false;
     m_CurrentState = STREAM_STATE_IDLE;
     m_pMP3Parser = nullptr;
-    _bseek_complete = false;
-    bSeekReqMusicSrcT = false;
-    bSeekReqRtpStreamT = false;
-    _bpause = false;
+    _reset_stream();  // flags, counters and the content handle
     waveDataStartPos = 0;
     m_nOffsetTime = 0;
-    commonSeqNum = 0;
-    lastReportedProgress = 0;
     m_max_idx = 0;
-    m_send_file = 0;
+    m_bTimeSyncOn = false;
 }
 
 CAVStreamer::~CAVStreamer() {
@@ -241,7 +235,9 @@ int CAVStreamer::ReceiverRelease(int index) {
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d Start", m_groupId, index);
     PAL_MUTEX* m = m_AVRcvSessInfo.AVRcvSess[index]._lpmutex;
     PAL_MutexLock(m, 1);
-    _receiver_release_l(index);
+    // A session already released (its BYE acknowledged meanwhile) must not
+    // be counted out twice.
+    if (m_AVRcvSessInfo.AVRcvSess[index].bActive) _receiver_release_l(index);
     PAL_MutexUnLock(m);
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d End", m_groupId, index);
     return 1;
