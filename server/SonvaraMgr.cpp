@@ -245,14 +245,23 @@ const char* PlurafonMgr::GetDeviceName(int hInst) {
     return device->_DeviceName;
 }
 
+// The numbers of a record change under _lpdevmutex on the search and event
+// threads; they are read under it too.
+static int _read_locked(PAL_MUTEX* mutex, const int* field) {
+    PAL_MutexLock(mutex, 1);
+    int v = *field;
+    PAL_MutexUnLock(mutex);
+    return v;
+}
+
 int PlurafonMgr::GetDeviceReceiverType(int hInst) {
     LPDEVICE_INFO device = _device_by_handle(hInst);
-    return device ? device->_mReceiverType : 0;
+    return device ? _read_locked(_lpdevmutex, &device->_mReceiverType) : 0;
 }
 
 int PlurafonMgr::GetDeviceVolume(int hInst) {
     LPDEVICE_INFO device = _device_by_handle(hInst);
-    return device ? device->_mVol : 0;
+    return device ? _read_locked(_lpdevmutex, &device->_mVol) : 0;
 }
 
 // ------------------------------------------------------------ the phone itself

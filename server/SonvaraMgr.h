@@ -84,8 +84,8 @@ typedef struct _device_info {
     char _MacAddr[AV_MAC_LEN];  // the identity of the device
     char _Guid[AV_GUID_LEN];
     char _DeviceName[AV_NAME_LEN];
-    std::atomic<bool> _isExist;  // present on the network (search and event threads write it)
-    bool _bserch_notify;         // already reported to the application by a search
+    std::atomic<bool> _isExist;        // present on the network (search and event threads write it)
+    std::atomic<bool> _bserch_notify;  // already reported to the application
     std::atomic<int> _bIsPlay;
     int _mVol;
     int _mReceiverType;

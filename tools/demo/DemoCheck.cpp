@@ -100,7 +100,7 @@ int _load_wav_as_sender(const std::vector<unsigned char>& file, DemoPcm* out, st
 
 // Frames cut by the engine's parser, decoded one by one by the platform's
 // decoder, as the sender's MP3 reader does.
-int _load_mp3_as_sender(const char* path, DemoPcm* out, std::string* err) {
+int _load_mp3_as_sender(const char* path, long long seekUs, DemoPcm* out, std::string* err) {
     int ret = -1;
     long fd = PAL_FileOpen(path, FOPEN_READ, 0);
     MP3Parser* parser = nullptr;
@@ -112,6 +112,7 @@ int _load_mp3_as_sender(const char* path, DemoPcm* out, std::string* err) {
     }
     parser = new (std::nothrow) MP3Parser(fd);
     decoder = new (std::nothrow) MP3Decoder();
+    if (parser != nullptr && seekUs > 0) parser->setSeekTo(seekUs);
     if (parser == nullptr || decoder == nullptr || !decoder->MP3Dec_Create()) {
         *err = "MP3 decoder cannot be created";
     } else {
@@ -194,11 +195,22 @@ size_t _find(const std::vector<unsigned char>& ref, const unsigned char* pkt, si
 
 }  // namespace
 
+bool DemoIsMp3(const char* path) {
+    const char* dot = strrchr(path, '.');
+    return dot != nullptr && (strncmp(dot, ".mp3", 4) == 0 || strncmp(dot, ".MP3", 4) == 0);
+}
+
+int DemoLoadContentFrom(const char* path, unsigned int seconds, DemoPcm* out, std::string* err) {
+    if (!DemoIsMp3(path)) {
+        *err = "only MP3 content restarts its decoder on a seek";
+        return -1;
+    }
+    return _load_mp3_as_sender(path, (long long)seconds * 1000000LL, out, err);
+}
+
 int DemoLoadContent(const char* path, DemoPcm* out, std::string* err) {
     const char* dot = strrchr(path, '.');
-    if (dot != nullptr && (strncmp(dot, ".mp3", 4) == 0 || strncmp(dot, ".MP3", 4) == 0)) {
-        return _load_mp3_as_sender(path, out, err);
-    }
+    if (DemoIsMp3(path)) return _load_mp3_as_sender(path, 0, out, err);
     if (dot != nullptr && (strncmp(dot, ".wav", 4) == 0 || strncmp(dot, ".WAV", 4) == 0)) {
         std::vector<unsigned char> file;
         if (_read_file(path, &file, err) != 0) return -1;
@@ -287,10 +299,15 @@ int DemoLoadReceived(const char* path, DemoPcm* out, std::string* err) {
 
 void DemoCompare(const std::vector<unsigned char>& reference,
                  const std::vector<unsigned char>& received, int frameBytes, DemoMatch* out) {
+    DemoCompareAny(std::vector<const std::vector<unsigned char>*>{&reference}, received, frameBytes,
+                   out);
+}
+
+void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
+                    const std::vector<unsigned char>& received, int frameBytes, DemoMatch* out) {
     memset(out, 0, sizeof(*out));
-    out->referenceBytes = reference.size();
     const size_t step = frameBytes > 0 ? (size_t)frameBytes : 1;
-    bool placed = false;
+    const std::vector<unsigned char>* ref = nullptr;  // where the stream is, once placed
     size_t pos = 0;
     unsigned int failedSearches = 0;
     for (size_t at = 0; at < received.size(); at += DEMO_PACKET_BYTES) {
@@ -298,7 +315,7 @@ void DemoCompare(const std::vector<unsigned char>& reference,
         const size_t n =
             received.size() - at < DEMO_PACKET_BYTES ? received.size() - at : DEMO_PACKET_BYTES;
         out->packets++;
-        if (placed && pos + n <= reference.size() && memcmp(&reference[pos], pkt, n) == 0) {
+        if (ref != nullptr && pos + n <= ref->size() && memcmp(&(*ref)[pos], pkt, n) == 0) {
             out->matched++;
             pos += n;
             continue;
@@ -307,32 +324,38 @@ void DemoCompare(const std::vector<unsigned char>& reference,
             out->silent++;
             continue;
         }
-        size_t found =
-            failedSearches < kMaxFailedSearches ? _find(reference, pkt, n, step) : SIZE_MAX;
+        const std::vector<unsigned char>* foundIn = nullptr;
+        size_t found = SIZE_MAX;
+        for (size_t r = 0; r < refs.size() && found == SIZE_MAX; r++) {
+            if (failedSearches >= kMaxFailedSearches || refs[r] == nullptr) break;
+            found = _find(*refs[r], pkt, n, step);
+            foundIn = refs[r];
+        }
         if (found == SIZE_MAX) {
             failedSearches++;
             out->differing++;
-            if (placed) pos += n;  // assume it stood in its place
+            if (ref != nullptr) pos += n;  // assume it stood in its place
             continue;
         }
-        if (!placed) {
+        if (ref == nullptr) {
             // Silence before the first sound of the content counts as received.
-            out->startOffset = _all_zero(reference.data(), found) ? 0 : found;
-            placed = true;
+            out->startOffset = _all_zero(foundIn->data(), found) ? 0 : found;
         } else {
             out->jumps++;
         }
+        ref = foundIn;
         out->matched++;
         pos = found + n;
     }
-    out->endOffset = placed ? pos : 0;
-    if (!placed) {
+    out->endOffset = ref != nullptr ? pos : 0;
+    out->referenceBytes = ref != nullptr ? ref->size() : refs.empty() ? 0 : refs[0]->size();
+    if (ref == nullptr) {
         out->verdict = out->differing > 0 ? DEMO_DIFFERS : DEMO_NOTHING;
     } else if (out->differing > 0) {
         out->verdict = DEMO_DIFFERS;
     } else if (out->jumps > 0) {
         out->verdict = DEMO_EXACT_RUNS;
-    } else if (out->startOffset == 0 && reference.size() - pos < DEMO_PACKET_BYTES) {
+    } else if (out->startOffset == 0 && ref->size() - pos < DEMO_PACKET_BYTES) {
         // The sender keeps back a last piece shorter than one packet.
         out->verdict = DEMO_EXACT;
     } else {

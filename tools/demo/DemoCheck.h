@@ -35,6 +35,14 @@ struct DemoPcm {
 // 0 on success; otherwise -1 and a reason in err.
 int DemoLoadContent(const char* path, DemoPcm* out, std::string* err);
 
+// True for a name the sender plays as MP3 (".mp3"/".MP3").
+bool DemoIsMp3(const char* path);
+
+// What the sender streams after a seek to `seconds` in MP3 content: the
+// parser moves and the decoder restarts, so the first frames differ from the
+// same place in a whole decode. 0, or -1 and err.
+int DemoLoadContentFrom(const char* path, unsigned int seconds, DemoPcm* out, std::string* err);
+
 // Channel role from its wire name ("Front_Left", ..., "Party"); -1 if unknown.
 int DemoRoleFromName(const char* name);
 
@@ -69,6 +77,10 @@ struct DemoMatch {
 // the size of one output frame (4 for 16-bit stereo); runs start on frames.
 void DemoCompare(const std::vector<unsigned char>& reference,
                  const std::vector<unsigned char>& received, int frameBytes, DemoMatch* out);
+// The same with several references (a whole decode and the decode after a
+// seek): a run may be in any of them, searched in order.
+void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
+                    const std::vector<unsigned char>& received, int frameBytes, DemoMatch* out);
 
 // One line a person can read: "bit-exact", "bit-exact from 0.32 s", ...
 std::string DemoDescribe(const DemoMatch& m, int rate, int frameBytes);

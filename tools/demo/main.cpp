@@ -4,6 +4,7 @@
 // one table row, and writes the table to DIR/report.txt as well.
 // Single-threaded; owns only its buffers.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string>
@@ -18,7 +19,7 @@ const int kMaxSpeakers = 30;
 
 void usage() {
     fprintf(stderr,
-            "usage: sonvara-demo-check CONTENT DIR\n"
+            "usage: sonvara-demo-check [--seek SEC] CONTENT DIR\n"
             "       sonvara-demo-check --info CONTENT\n"
             "  CONTENT  the .mp3/.wav file the sender played\n"
             "  DIR      holds speakers.tsv: name<TAB>role<TAB>received.wav<TAB>report.json\n"
@@ -26,6 +27,7 @@ void usage() {
             "Prints, per speaker, packets, gaps, silent packets, clock offset, play-out\n"
             "margin and whether the audio equals what its role should get; exits 1 when\n"
             "any speaker's audio differs or is missing.\n"
+            "--seek: the sender was asked to seek to SEC (an MP3 decode restarts there).\n"
             "--info prints the content's channels, rate, bytes per sample and seconds\n"
             "as the sender reads it.\n");
 }
@@ -58,8 +60,8 @@ std::string in_dir(const std::string& dir, const std::string& file) {
 }
 
 // One table row; true when the speaker got its role's audio.
-bool check_speaker(const DemoPcm& content, const std::string& dir, const Speaker& sp,
-                   std::string* row) {
+bool check_speaker(const DemoPcm& content, const DemoPcm* afterSeek, const std::string& dir,
+                   const Speaker& sp, std::string* row) {
     char cells[200];
     std::string json;
     double packets = -1, gaps = -1, silent = -1, offsetUs = 0, synced = 0, mMin = 0, mMed = 0;
@@ -78,17 +80,18 @@ bool check_speaker(const DemoPcm& content, const std::string& dir, const Speaker
     int role = DemoRoleFromName(sp.role.c_str());
     DemoPcm received;
     std::string err;
-    std::vector<unsigned char> reference;
+    std::vector<unsigned char> reference, seekReference;
     if (role < 0) {
         audio = "unknown role";
-    } else if (DemoRoleFilter(content, role, &reference) != 0) {
+    } else if (DemoRoleFilter(content, role, &reference) != 0 ||
+               (afterSeek != nullptr && DemoRoleFilter(*afterSeek, role, &seekReference) != 0)) {
         audio = "content not checkable";
     } else if (DemoLoadReceived(in_dir(dir, sp.wav).c_str(), &received, &err) != 0) {
         audio = "NO AUDIO (" + err + ")";
     } else {
         DemoMatch m;
         const int frameBytes = 2 * content.bytesPerSample;
-        DemoCompare(reference, received.bytes, frameBytes, &m);
+        DemoCompareAny({&reference, &seekReference}, received.bytes, frameBytes, &m);
         audio = DemoDescribe(m, content.rate, frameBytes);
         if (m.verdict != DEMO_NOTHING && received.rate != content.rate) {
             audio += " (received at another rate)";
@@ -117,9 +120,24 @@ bool check_speaker(const DemoPcm& content, const std::string& dir, const Speaker
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3 || strcmp(argv[1], "--help") == 0) {
+    if (argc == 2 && strcmp(argv[1], "--help") == 0) {
         usage();
-        return argc == 2 ? 0 : 2;
+        return 0;
+    }
+    long seek = -1;
+    if (argc == 5 && strcmp(argv[1], "--seek") == 0) {
+        char* end = nullptr;
+        seek = strtol(argv[2], &end, 10);
+        if (end == argv[2] || *end != 0 || seek < 0 || seek > 86400) {
+            usage();
+            return 2;
+        }
+        argc -= 2;
+        argv += 2;
+    }
+    if (argc != 3) {
+        usage();
+        return 2;
     }
     const bool info = strcmp(argv[1], "--info") == 0;
     const char* file = info ? argv[2] : argv[1];
@@ -136,6 +154,12 @@ int main(int argc, char** argv) {
         return 0;
     }
     const std::string dir = argv[2];
+    DemoPcm afterSeek;
+    const bool seekRef = seek >= 0 && DemoIsMp3(file);
+    if (seekRef && DemoLoadContentFrom(file, (unsigned int)seek, &afterSeek, &err) != 0) {
+        fprintf(stderr, "sonvara-demo-check: %s: %s\n", file, err.c_str());
+        return 2;
+    }
     FILE* list = fopen((dir + "/speakers.tsv").c_str(), "r");
     if (list == nullptr) {
         fprintf(stderr, "sonvara-demo-check: cannot read %s/speakers.tsv\n", dir.c_str());
@@ -151,7 +175,7 @@ int main(int argc, char** argv) {
         if (line[0] == '#' || !parse_line(line, &sp)) continue;
         std::string row;
         speakers++;
-        if (check_speaker(content, dir, sp, &row)) good++;
+        if (check_speaker(content, seekRef ? &afterSeek : nullptr, dir, sp, &row)) good++;
         table += row + "\n";
     }
     fclose(list);
