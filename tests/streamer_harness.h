@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -280,5 +281,79 @@ bool WaitUntil(F cond, int timeoutMs = 10000) {
     }
     return true;
 }
+
+// A streamer (group 42) whose control server the test brings up; its events
+// are recorded and it is closed and deleted after the test.
+// A streamer whose control server is up; closed at the end of the test.
+class StreamerTest : public ::testing::Test {
+public:
+    static const unsigned short kTcpPort = 31554;
+    static const unsigned short kRtpPort = 35000;
+
+protected:
+    void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
+    void TearDown() override {
+        StopFeeder();
+        if (opened) CloseServer(st);
+        delete st;
+    }
+    void Open(const std::vector<RxSpec>& rx) {
+        PrepareStreamer(st, rx);
+        st->m_unSearchBaseClock = NowMs();
+        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort));
+        opened = true;
+    }
+    AV_RCV_SESS& Sess(int i) { return st->m_AVRcvSessInfo.AVRcvSess[i]; }
+    // The server sets a state once its reply is written, so the peer may see
+    // the reply first.
+    bool StateBecomes(int i, int state) {
+        return WaitUntil([&] { return Sess(i).ServerState == state; }, 3000);
+    }
+    // f() under session i's lock: the control thread writes these fields.
+    template <typename F>
+    auto Locked(int i, F f) {
+        PAL_MutexLock(Sess(i)._lpmutex, 1);
+        auto v = f();
+        PAL_MutexUnLock(Sess(i)._lpmutex);
+        return v;
+    }
+
+    // Plays the music source: the same byte stream to every active session,
+    // each 4-byte word holding its stream offset / 4. A chunk goes out once
+    // every buffer has room for it, so all buffers always hold the same
+    // stream end (the slowest receiver sets the pace).
+    void StartFeeder() {
+        feeding = true;
+        feeder = std::thread([this] {
+            std::vector<uint32_t> chunk(6144 / 4);
+            uint32_t word = 0;
+            while (feeding) {
+                bool room = true;
+                for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                    PAL_RINGBUF* rb = Sess(i).pFD;
+                    if (Sess(i).bActive && rb && Pal_RingBufAvailable(rb) < chunk.size() * 4)
+                        room = false;
+                }
+                if (room) {
+                    for (uint32_t& w : chunk) w = word++;
+                    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+                        EXPECT_TRUE(st->ReceiverMediaWrite((unsigned char)i, (char*)chunk.data(),
+                                                           chunk.size() * 4));
+                }
+                PAL_ThreadSleep(2);
+            }
+        });
+    }
+    void StopFeeder() {
+        feeding = false;
+        if (feeder.joinable()) feeder.join();
+    }
+
+    CAVStreamer* st = nullptr;
+    EventLog events;
+    bool opened = false;
+    std::atomic<bool> feeding{false};
+    std::thread feeder;
+};
 
 #endif

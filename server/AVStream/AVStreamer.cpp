@@ -48,6 +48,7 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     lastReportedProgress = 0;
     m_max_idx = 0;
     m_send_file = 0;
+    m_bTimeSyncOn = false;
 }
 
 CAVStreamer::~CAVStreamer() {
@@ -241,7 +242,9 @@ int CAVStreamer::ReceiverRelease(int index) {
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d Start", m_groupId, index);
     PAL_MUTEX* m = m_AVRcvSessInfo.AVRcvSess[index]._lpmutex;
     PAL_MutexLock(m, 1);
-    _receiver_release_l(index);
+    // A session already released (its BYE acknowledged meanwhile) must not
+    // be counted out twice.
+    if (m_AVRcvSessInfo.AVRcvSess[index].bActive) _receiver_release_l(index);
     PAL_MutexUnLock(m);
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d End", m_groupId, index);
     return 1;

@@ -317,6 +317,21 @@ public:
     void _session_clear(int index);
 
 private:
+    bool m_bTimeSyncOn;  // this streamer holds a TimeSyncInitiator_StartSync
+
+    // Content and stream set-up (AVStreamerOpen.cpp).
+    bool _is_mime(const char* mime);
+    void _close_content();
+    void _reset_stream();
+    int _parse_multicast_url(const char* url);
+
+    // Music source steps (AVStreamerMusicSrc.cpp).
+    void _music_seek();
+    long _read_chunk(char* origin);
+    bool _wait_for_room(long n);
+    const char* _convert_for(int index, char* origin, long n, char* divide, unsigned long* len);
+    bool _drained(long nReadSize, int* nCntReadEnd, unsigned int* unEndStartClk);
+
     void _notify(int code, intptr_t a, intptr_t b, intptr_t c, intptr_t d);
 
     // One write of text on session index's control connection, under the
@@ -328,6 +343,9 @@ private:
     // ip, or -1.
     int _find_session(const char* ip, int from);
     void _store_and_send_volume(int index, int volume);
+
+    // Writes text to every active session; stops at the first failed write.
+    int _broadcast_until_failure(const char* text);
 
     // Control server steps (ServerListenThread).
     void _accept_receiver(bool* rtpStarted);

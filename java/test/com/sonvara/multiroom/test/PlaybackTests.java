@@ -80,12 +80,12 @@ final class PlaybackTests {
         }
         Path wav = makeWav(Files.createTempDirectory("sonvara-play"), SECONDS);
         String file = wav.toString();
-        Check.eq("IsContentValid", 0, m.IsContentValid(file, "audio/wav"));
+        Check.eq("IsContentValid", 0, m.IsContentValid(file, "audio/x-wav"));
         Check.eq("GetContentChannel", 2, m.GetContentChannel(file));
         Check.eq("GetContentSampleRate", 44100, m.GetContentSampleRate(file));
 
         log.clear();
-        Check.eq("Open", 0, m.Open(g, file, "Ton \u00fc", "audio/wav", 2, 44100, 9, 0, false));
+        Check.eq("Open", 0, m.Open(g, file, "Ton \u00fc", "audio/x-wav", 2, 44100, 9, 0, false));
         for (SessionTests.Speaker s : speakers) {
             Check.ok("packets reach " + s.ip, NotifyProbe.rxWaitPackets(s.rx, 100, (int) WAIT_MS));
         }

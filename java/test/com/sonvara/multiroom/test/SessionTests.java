@@ -166,6 +166,15 @@ final class SessionTests {
         }
         Path dir = Files.createTempDirectory("sonvara-session");
         Check.eq("SaveGroup", 0, m.SaveGroup(dir.toString()));
+
+        // Content questions: the content-info query also reports to the listener.
+        String wav = PlaybackTests.makeWav(dir, 1).toString();
+        Check.eq("IsContentValid", 0, m.IsContentValid(wav, "audio/x-wav"));
+        Check.ok("IsContentValid rejects a missing file",
+                m.IsContentValid(dir.resolve("none.wav").toString(), "audio/x-wav") != 0);
+        log.clear();
+        m.GetContentInfo(wav);
+        Check.eq("contents event", List.of("ContentsInfo|2|44100"), log.texts());
         Check.ok("group file written", Files.isRegularFile(dir.resolve("multi_group_play.ini")));
         Check.eq("no service devices before playing", List.of(),
                 List.of(m.GetServiceDeviceList()));

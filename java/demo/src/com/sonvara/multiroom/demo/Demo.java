@@ -142,6 +142,7 @@ public final class Demo {
                 + "              (default Front_Left,Front_Right,Woofer,Party, then Party)\n"
                 + "  --seek      jump to SEC once playing;  --pause  pause 2 s once playing\n"
                 + "  --duration  length of FILE in seconds, for the progress bar\n"
+                + "  --volume    0-15 (default 10);  --search-ms  search time (default 1500)\n"
                 + "  --dir       where the group file and the GUID file go (default out)");
     }
 
@@ -336,10 +337,24 @@ public final class Demo {
                     "the manager's groups");
         }
         check("SaveGroup", mgr.SaveGroup(dir.getPath()), "the group store");
+        File saved = new File(dir, "multi_group_play.ini");
         say("group \"" + opt.groupName + "\" (id " + groupId + ") with "
-                + mgr.GetDeviceCountInGroup(groupId) + " members, saved to "
-                + new File(dir, "multi_group_play.ini").getPath());
+                + mgr.GetDeviceCountInGroup(groupId) + " members, saved to " + saved.getPath());
+        showFile(saved, 12);
         return groupId;
+    }
+
+    /** The first lines of a small text file the engine wrote, indented. */
+    static void showFile(File f, int maxLines) {
+        try (java.io.BufferedReader r = java.nio.file.Files.newBufferedReader(f.toPath(),
+                     java.nio.charset.StandardCharsets.ISO_8859_1)) {
+            String line;
+            for (int i = 0; i < maxLines && (line = r.readLine()) != null; i++) {
+                System.out.println("    | " + (line.length() > 100 ? line.substring(0, 100) : line));
+            }
+        } catch (java.io.IOException e) {
+            System.out.println("    (cannot read " + f + ": " + e.getMessage() + ")");
+        }
     }
 
     void play(int groupId) throws DemoFailure, InterruptedException {

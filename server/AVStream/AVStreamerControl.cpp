@@ -1,0 +1,297 @@
+// Commands the streamer originates towards its receivers: the SEARCH
+// invitation (multicast to the group, or unicast to one joining receiver),
+// join and leave of single receivers, and seek, pause, resume, stop, quit,
+// clock and alive on the receivers' control connections.
+//
+// Allocates nothing. Runs on the caller's thread (the sender facade) while
+// the control-server, RTP and music source threads run.
+// Locks: each session's `_lpmutex` in turn, never two; the leave wait and the
+// seek wait hold none.
+#include <stdio.h>
+#include <string.h>
+
+#include "AVStreamer.h"
+
+static const char kRuleLine[] = "====================================";
+static const char kBye[] = "BYE RTSP/1.0\r\n\r\n";
+
+// The identity every SEARCH carries, shared by all streamers: at most 39
+// characters, always terminated.
+void CAVStreamer::SetGUID(const char* guid) {
+    memset(mguid, 0, sizeof(mguid));
+    if (guid != nullptr) strncpy(mguid, guid, sizeof(mguid) - 1);
+}
+
+// The SEARCH text followed by the 4-byte network-order address of every
+// listed receiver whose address converts. Returns the datagram length.
+static int build_search(char* buf, size_t size, unsigned int reqTs, const char* myIp,
+                        unsigned short tcpPort, const char* const* ips, int count) {
+    memset(buf, 0, size);
+    int len = snprintf(buf, size, "SEARCH\r\nGUID: %s\r\nREQ_TS: %u\r\nServer: %s:%d\r\nClient: ",
+                       CAVStreamer::mguid, reqTs, myIp, tcpPort);
+    if (len < 0 || (size_t)len >= size) return 0;
+    for (int i = 0; i < count && (size_t)len + 4 <= size; i++) {
+        unsigned int addr = PAL_inet_addr(ips[i]);
+        if (addr == 0) continue;
+        memcpy(buf + len, &addr, 4);
+        len += 4;
+    }
+    return len;
+}
+
+int CAVStreamer::ReceiverSearch(AV_RECEIVER_INFO* lpReceiverInfo) {
+    if (lpReceiverInfo == nullptr) return 0;
+    unsigned int reqTs = PAL_GetClock();
+    int count = lpReceiverInfo->nAVReceiverCnt;
+    if (count < 0) count = 0;
+    if (count > AV_MAX_RECEIVER) count = AV_MAX_RECEIVER;
+    char ipText[AV_MAX_RECEIVER][AV_IP_LEN];
+    const char* ips[AV_MAX_RECEIVER];
+    for (int i = 0; i < count; i++) {
+        memcpy(ipText[i], lpReceiverInfo->AVReceiver[i].pReceiverIP, AV_IP_LEN - 1);
+        ipText[i][AV_IP_LEN - 1] = 0;
+        ips[i] = ipText[i];
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        m_AVReceiverInfo.AVReceiver[i].SearchTs = reqTs;
+        PAL_MutexUnLock(s._lpmutex);
+    }
+    char msg[AV_CMD_BUF_SIZE];
+    int len = build_search(msg, sizeof(msg), reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, count);
+    m_unSearchBaseClock = PAL_GetClock();
+    for (int n = 0; n < 8; n++) {
+        debug_UI("[AVStreamer m_groupId : %d] Search[%d]========", m_groupId, n);
+        PAL_SockWrite(m_MulticastSvr.nSock, PAL_SOCK_UDP, msg, len, m_pMulticastIP,
+                      m_MulticastPort);
+        PAL_ThreadSleep(40);
+    }
+    return 0;
+}
+
+int CAVStreamer::ReceiverAddSearch(int nIndex) {
+    unsigned int reqTs = PAL_GetClock();
+    char ip[AV_IP_LEN] = {0};
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[nIndex];
+    PAL_MutexLock(s._lpmutex, 1);
+    memcpy(ip, m_AVReceiverInfo.AVReceiver[nIndex].pReceiverIP, sizeof(ip) - 1);
+    m_AVReceiverInfo.AVReceiver[nIndex].SearchTs = reqTs;
+    PAL_MutexUnLock(s._lpmutex);
+    const char* ips[1] = {ip};
+    char msg[AV_CMD_BUF_SIZE];
+    int len = build_search(msg, sizeof(msg), reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, 1);
+    for (int n = 0; n < 8; n++) {
+        debug_UI("[AVStreamer m_groupId : %d] Search[%d]========", m_groupId, n);
+        PAL_SockWrite(m_MulticastSvr.nSock, PAL_SOCK_UDP, msg, len, ip, m_MulticastPort);
+        PAL_ThreadSleep(10);
+    }
+    return 1;
+}
+
+int CAVStreamer::AVStreamerReceiverIn(AV_RECEIVER AVReceiver) {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        // A slot whose entry was cleared by a leave still waiting for its
+        // BYE acknowledgement is not free yet.
+        if (m_AVReceiverInfo.AVReceiver[i].pReceiverIP[0] != 0 || s.bActive) {
+            PAL_MutexUnLock(s._lpmutex);
+            continue;
+        }
+        // The slot keeps its mutex and its ring buffer (emptied) for reuse.
+        PAL_RINGBUF* rb = s.pFD;
+        _session_clear(i);
+        if (rb != nullptr) Pal_RingBufReset(rb);
+        s.pFD = rb;
+        AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
+        r = AVReceiver;
+        r.pReceiverIP[AV_IP_LEN - 1] = 0;
+        r.bActive = 1;
+        int count = _receiver_count_add(1);
+        int top = m_max_idx;
+        while (count > top && !m_max_idx.compare_exchange_weak(top, count)) {
+        }
+        PAL_MutexUnLock(s._lpmutex);
+        ReceiverAddSearch(i);
+        return 0;
+    }
+    return 270;
+}
+
+int CAVStreamer::_receiver_leave_l(int nIndex) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[nIndex];
+    debug_UI("[AVStreamer m_groupId : %d] Leave[%d]========", m_groupId, nIndex);
+    debug_UI("%s", kBye);
+    debug_UI("%s", kRuleLine);
+    int res = 0;
+    int sock = s.hTcpClientSock;
+    if (sock >= 0) res = PAL_SockWrite(sock, PAL_SOCK_TCP, kBye, (int)strlen(kBye), nullptr, 0);
+    s.bIsPlayable = false;
+    s.bIsSync = 0;
+    return res;
+}
+
+int CAVStreamer::ReceiverLeave(int nIndex) {
+    PAL_MUTEX* m = m_AVRcvSessInfo.AVRcvSess[nIndex]._lpmutex;
+    PAL_MutexLock(m, 1);
+    _receiver_leave_l(nIndex);
+    PAL_MutexUnLock(m);
+    return 1;
+}
+
+int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
+    int index = -1;
+    for (int i = 0; i < AV_MAX_RECEIVER && pReceiverIP != nullptr; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        if (s.bActive && strcmp(r.pReceiverIP, pReceiverIP) == 0) {
+            _receiver_leave_l(i);
+            memset(&r, 0, sizeof(r));
+            index = i;
+        }
+        PAL_MutexUnLock(s._lpmutex);
+        if (index >= 0) break;
+    }
+    if (index < 0) {
+        debug_UI("AVStreamerReceiverOut--- Ret %d", 269);
+        return 269;
+    }
+    // The control server releases the session when the BYE is acknowledged.
+    int check_try = 20;
+    for (;;) {
+        PAL_ThreadSleep(50);
+        if (--check_try == 0) break;
+        if (m_AVRcvSessInfo.AVRcvSess[index].ServerState == AV_STREAMER_STATE_BYE) break;
+    }
+    if (check_try == 0) ReceiverRelease(index);
+    debug_UI("AVStreamerReceiverOut BYE_ACK check_try count %d", check_try);
+    if (_receiver_count() == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+    return 0;
+}
+
+void CAVStreamer::AVStreamerSeek(int offset) {
+    debug_UI(
+        "xxxseek [AVStreamerSeek] [AVStreamer m_groupId : %d] AVStreamerSeek() Start offset %d",
+        m_groupId, offset);
+    if (!canAction(STREAM_ACTION_SEEK)) {
+        debug_UI(
+            "xxxseek [AVStreamerSeek] [AVStreamer m_groupId : %d] canAction(STREAM_ACTION_SEEK) "
+            "ERROR",
+            m_groupId);
+        return;
+    }
+    m_nOffsetTime = offset;
+    // Cleared before the request is raised, so that a completion of this very
+    // seek cannot be wiped out.
+    _bseek_complete = false;
+    bSeekReqMusicSrcT = true;
+    debug_UI("xxxseek [AVStreamerSeek] bSeekReqMusicSrcT = TRUE set");
+    while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) PAL_ThreadSleep(2);
+    debug_UI("xxxseek complete empties ring buffers");
+    ReceiverSeekRequest();
+    debug_UI("xxxseek [AVStreamer m_groupId : %d] AVStreamerSeek() End", m_groupId);
+}
+
+int CAVStreamer::_broadcast_until_failure(const char* text) {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        if (m_AVRcvSessInfo.AVRcvSess[i].bActive && _session_write(i, text) == AV_WRITE_FAIL)
+            return 0;
+    }
+    return 0;
+}
+
+int CAVStreamer::ReceiverSeekRequest() {
+    return _broadcast_until_failure("SEEK\r\n\r\n");
+}
+
+int CAVStreamer::ReceiverResumeRequest() {
+    return _broadcast_until_failure("RESUME\r\n\r\n");
+}
+
+void CAVStreamer::AVStreamerPause() {
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerPause() Start", m_groupId);
+    if (!canAction(STREAM_ACTION_PAUSE)) {
+        debug_UI("[AVStreamer m_groupId : %d] canAction(STREAM_ACTION_PAUSE) ERROR", m_groupId);
+        return;
+    }
+    SetStreamState(STREAM_STATE_PAUSE);
+    _bpause = true;
+    ReceiverPauseRequest(-1);
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerPause() End", m_groupId);
+}
+
+int CAVStreamer::ReceiverPauseRequest(int idx) {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        if ((idx >= 0 && i != idx) || !m_AVRcvSessInfo.AVRcvSess[i].bActive) continue;
+        if (_send_comman_packet(i, "PAUSE\r\n\r\n") == 18) debug_UI("fail send pause packet");
+    }
+    return 0;
+}
+
+void CAVStreamer::AVStreamerResume() {
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerResume() Start", m_groupId);
+    if (!canAction(STREAM_ACTION_RESUME)) {
+        debug_UI("[AVStreamer m_groupId : %d] canAction(STREAM_ACTION_RESUME) ERROR", m_groupId);
+        return;
+    }
+    SetStreamState(STREAM_STATE_RESUME);
+    _bpause = false;
+    ReceiverResumeRequest();
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerResume() End", m_groupId);
+}
+
+void CAVStreamer::AVStreamerStop() {
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerStop() Start", m_groupId);
+    if (!canAction(STREAM_ACTION_STOP)) return;
+    SetStreamState(STREAM_STATE_STOP);
+    ReceiverStop();
+    debug_UI("[AVStreamer m_groupId : %d] AVStreamerStop() End", m_groupId);
+}
+
+int CAVStreamer::ReceiverStop() {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        if (!s.bActive) continue;
+        debug_UI("[AVStreamer m_groupId : %d] Stop[%d]========", m_groupId, i);
+        debug_UI("%s", kBye);
+        debug_UI("%s", kRuleLine);
+        _session_write(i, kBye);  // a receiver that cannot hear it is gone anyway
+    }
+    return 1;
+}
+
+void CAVStreamer::AVSenderStopNotify() {
+    static const char kQuit[] = "QUIT_SENDER\r\n\r\n";
+    debug_UI("[AVStreamer m_groupId : %d] AVSenderStopNotify() Start", m_groupId);
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        int sock = s.hTcpClientSock;
+        if (s.bActive && sock >= 0) {
+            debug_UI("QUIT_SENDER AVRcvSess[%d]==============", i);
+            int res = PAL_SockWrite(sock, PAL_SOCK_TCP, kQuit, (int)strlen(kQuit), nullptr, 0);
+            if (res == -1) debug_UI("[AVStreamer] Send AVSenderStopNotify nRes = %d", res);
+        }
+        PAL_MutexUnLock(s._lpmutex);
+    }
+    debug_UI("[AVStreamer m_groupId : %d] AVSenderStopNotify() End", m_groupId);
+}
+
+bool CAVStreamer::SendReqClock(int nRcv) {
+    if (nRcv < 0 || nRcv >= AV_MAX_RECEIVER) return false;
+    char cmd[AV_TCP_REQ_BUF_SIZE] = {0};
+    snprintf(cmd, sizeof(cmd), "CLOCK RTSP/1.0\r\n\r\n");
+    debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, nRcv);
+    return _session_write(nRcv, cmd) == AV_WRITE_OK;
+}
+
+bool CAVStreamer::ReceiverAlive(int nRcv) {
+    if (nRcv < 0 || nRcv >= AV_MAX_RECEIVER) return false;
+    static const char kAlive[] = "ALIVE\r\n\r\n";
+    debug_UI("[AVStreamer m_groupId : %d] ALIVE[%d]========", m_groupId, nRcv);
+    debug_UI("%s", kAlive);
+    debug_UI("%s", kRuleLine);
+    // Sent without the session lock, as receivers have always been pinged.
+    int sock = m_AVRcvSessInfo.AVRcvSess[nRcv].hTcpClientSock;
+    return PAL_SockWrite(sock, PAL_SOCK_TCP, kAlive, (int)strlen(kAlive), nullptr, 0) != -1;
+}

@@ -1,0 +1,222 @@
+// Commands the streamer sends to its receivers, against scripted receivers on
+// loopback: the SEARCH invitation (multicast and unicast), join and leave,
+// seek, pause, resume, stop, quit, clock and alive.
+#include <arpa/inet.h>
+
+#include "streamer_harness.h"
+
+namespace {
+
+class StreamerCommands : public StreamerTest {
+protected:
+    // Connects one scripted receiver per address and waits for the sessions.
+    void ConnectAll(std::vector<std::unique_ptr<ScriptedReceiver>>& rx,
+                    const std::vector<const char*>& ips) {
+        for (const char* ip : ips) {
+            rx.emplace_back(new ScriptedReceiver(ip));
+            ASSERT_TRUE(rx.back()->Connect(kTcpPort));
+        }
+        ASSERT_TRUE(
+            WaitUntil([&] { return st->m_AVRcvSessInfo.nAVRcvSessCnt == (char)ips.size(); }));
+    }
+    // Makes session i's connection fail every write, until restored.
+    int BreakSession(int i) {
+        return Locked(i, [&] { return Sess(i).hTcpClientSock.exchange(1 << 20); });
+    }
+    void RestoreSession(int i, int sock) {
+        Locked(i, [&] { return Sess(i).hTcpClientSock.exchange(sock); });
+    }
+};
+
+// All datagrams that arrive on fd within ms.
+std::vector<std::string> Datagrams(int fd, int ms) {
+    std::vector<std::string> got;
+    unsigned int end = NowMs() + ms;
+    while ((int)(end - NowMs()) > 0) {
+        if (rx_wait_readable(fd, (int)(end - NowMs())) != 1) break;
+        char buf[2048];
+        ssize_t n = recv(fd, buf, sizeof(buf), 0);
+        if (n > 0) got.emplace_back(buf, (size_t)n);
+    }
+    return got;
+}
+
+std::string Addr4(const char* ip) {
+    in_addr_t a = inet_addr(ip);
+    return std::string((const char*)&a, 4);
+}
+
+}  // namespace
+
+TEST_F(StreamerCommands, SearchListsConvertibleAddressesAndStampsEveryEntry) {
+    CAVStreamer::SetGUID("0123456789abcdef0123456789abcdef0123456789");  // 42 characters
+    EXPECT_EQ(39u, strlen(CAVStreamer::mguid));
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1},
+          {"not-an-address", AV_CHANNEL_FRONT_RIGHT, 2},
+          {"127.0.0.4", AV_CHANNEL_PARTY, 3}});
+    int listener = rx_udp_group("224.1.2.4", 21234, "127.0.0.9");
+    ASSERT_GE(listener, 0);
+    unsigned int before = NowMs();
+    EXPECT_EQ(0, st->ReceiverSearch(&st->m_AVReceiverInfo));
+    std::vector<std::string> got = Datagrams(listener, 1000);
+    close(listener);
+    ASSERT_EQ(8u, got.size());
+    uint32_t reqTs = st->m_AVReceiverInfo.AVReceiver[0].SearchTs;
+    EXPECT_GE(reqTs, before);
+    for (int i = 1; i < 3; i++) EXPECT_EQ(reqTs, st->m_AVReceiverInfo.AVReceiver[i].SearchTs);
+    std::string text = "SEARCH\r\nGUID: 0123456789abcdef0123456789abcdef0123456\r\nREQ_TS: " +
+                       std::to_string(reqTs) + "\r\nServer: 127.0.0.1:31554\r\nClient: ";
+    for (const std::string& d : got) EXPECT_EQ(text + Addr4("127.0.0.2") + Addr4("127.0.0.4"), d);
+    EXPECT_GE(st->m_unSearchBaseClock.load(), reqTs);
+}
+
+TEST_F(StreamerCommands, JoinTakesTheFirstFreeSlotSearchesByUnicastAndStopsAtThirty) {
+    std::vector<RxSpec> rx;
+    std::vector<std::string> ips;
+    for (int i = 0; i < 5; i++) ips.push_back("127.0.1." + std::to_string(i + 1));
+    for (const std::string& ip : ips) rx.push_back({ip.c_str(), AV_CHANNEL_FRONT_LEFT, 1});
+    Open(rx);
+    int joiner = rx_udp_bind("127.0.0.7", 21234);
+    ASSERT_GE(joiner, 0);
+    AV_RECEIVER r;
+    memset(&r, 0, sizeof(r));
+    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.7");
+    r.ChannelType = AV_CHANNEL_WOOFER;
+    r._volume = 4;
+    unsigned int t0 = NowMs();
+    EXPECT_EQ(0, st->AVStreamerReceiverIn(r));
+    std::vector<std::string> got = Datagrams(joiner, 400);
+    close(joiner);
+    EXPECT_LT(NowMs() - t0, 2000u);
+    ASSERT_EQ(8u, got.size());
+    AV_RECEIVER& e = st->m_AVReceiverInfo.AVReceiver[5];
+    EXPECT_STREQ("127.0.0.7", e.pReceiverIP);
+    EXPECT_EQ(1, e.bActive);
+    EXPECT_EQ(AV_CHANNEL_WOOFER, e.ChannelType);
+    EXPECT_EQ(6, st->_receiver_count());
+    EXPECT_EQ(6, st->m_max_idx.load());
+    std::string tail = "\r\nClient: " + Addr4("127.0.0.7");
+    EXPECT_EQ(tail, got[0].substr(got[0].size() - tail.size()));
+    EXPECT_NE(std::string::npos, got[0].find("REQ_TS: " + std::to_string(e.SearchTs) + "\r\n"));
+
+    // The joined receiver connects like any other.
+    ScriptedReceiver late("127.0.0.7");
+    ASSERT_TRUE(late.Connect(kTcpPort));
+    ASSERT_TRUE(WaitUntil([&] { return Sess(5).bActive.load(); }));
+
+    for (int i = 6; i < AV_MAX_RECEIVER; i++) {
+        snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.2.%d", i);
+        EXPECT_EQ(0, st->AVStreamerReceiverIn(r));
+    }
+    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.3.1");
+    EXPECT_EQ(270, st->AVStreamerReceiverIn(r));
+    EXPECT_EQ(30, st->_receiver_count());
+}
+
+TEST_F(StreamerCommands, LeaveWaitsForTheAcknowledgementOrReleasesItself) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2}});
+    std::vector<std::unique_ptr<ScriptedReceiver>> rx;
+    ConnectAll(rx, {"127.0.0.2", "127.0.0.3"});
+    EXPECT_EQ(269, st->AVStreamerReceiverOut("127.0.0.99"));
+
+    LogCapture log;
+    std::thread acker([&] {
+        if (rx[1]->Next() == "BYE RTSP/1.0\r\n\r\n") rx[1]->Send("BYE_ACK\r\n\r\n");
+    });
+    EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.3"));
+    acker.join();
+    bool acked = false;
+    for (int n = 19; n >= 10; n--)
+        acked =
+            acked || log.Has("AVStreamerReceiverOut BYE_ACK check_try count " + std::to_string(n));
+    EXPECT_TRUE(acked);
+    EXPECT_FALSE(Sess(1).bActive);
+    EXPECT_EQ(1, st->_receiver_count());  // counted out once
+    EXPECT_EQ(1, st->m_AVRcvSessInfo.nAVRcvSessCnt);
+    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+
+    // A receiver that never acknowledges is released after a second.
+    unsigned int t0 = NowMs();
+    EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.2"));
+    EXPECT_GE(NowMs() - t0, 900u);
+    EXPECT_EQ("BYE RTSP/1.0\r\n\r\n", rx[0]->Next());
+    EXPECT_TRUE(log.Has("AVStreamerReceiverOut BYE_ACK check_try count 0"));
+    EXPECT_TRUE(rx[0]->ClosedByPeer());
+    EXPECT_EQ(0, st->_receiver_count());
+    StreamerEvent stop;
+    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 3000, &stop));
+    EXPECT_EQ(42, stop.a);
+    EXPECT_EQ(0, stop.b);
+}
+
+TEST_F(StreamerCommands, PlaybackCommandsFollowTheStateTableAndBroadcastRules) {
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1},
+          {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2},
+          {"127.0.0.4", AV_CHANNEL_PARTY, 3}});
+    std::vector<std::unique_ptr<ScriptedReceiver>> rx;
+    ConnectAll(rx, {"127.0.0.2", "127.0.0.3", "127.0.0.4"});
+    auto expectAll = [&](const std::string& text, std::vector<int> who) {
+        for (int i = 0; i < 3; i++) {
+            if (std::find(who.begin(), who.end(), i) != who.end())
+                EXPECT_EQ(text, rx[i]->Next()) << "receiver " << i;
+            else
+                EXPECT_TRUE(rx[i]->Quiet(150)) << "receiver " << i;
+        }
+    };
+
+    // Not yet open: pause, resume and seek are refused, stop is silent.
+    st->AVStreamerPause();
+    st->AVStreamerResume();
+    st->AVStreamerSeek(5);
+    st->AVStreamerStop();
+    expectAll("", {});
+    EXPECT_FALSE(st->_bpause);
+
+    st->SetStreamState(STREAM_STATE_OPEN);
+    int sock = BreakSession(1);
+    st->AVStreamerPause();  // a failed send does not stop the others
+    expectAll("PAUSE\r\n\r\n", {0, 2});
+    EXPECT_EQ(STREAM_STATE_PAUSE, st->GetStreamState());
+    EXPECT_TRUE(st->_bpause);
+    st->AVStreamerPause();  // not allowed twice
+    expectAll("", {});
+    st->AVStreamerResume();  // the broadcast ends at the failing session
+    expectAll("RESUME\r\n\r\n", {0});
+    EXPECT_EQ(STREAM_STATE_RESUME, st->GetStreamState());
+    EXPECT_FALSE(st->_bpause);
+    RestoreSession(1, sock);
+
+    // The seek waits for the music source's acknowledgement, played here.
+    std::thread source([&] {
+        WaitUntil([&] { return st->bSeekReqMusicSrcT.load(); });
+        PAL_ThreadSleep(100);
+        st->bSeekReqMusicSrcT = false;
+        st->_bseek_complete = true;
+    });
+    unsigned int t0 = NowMs();
+    st->AVStreamerSeek(30);
+    source.join();
+    EXPECT_GE(NowMs() - t0, 100u);
+    expectAll("SEEK\r\n\r\n", {0, 1, 2});
+    EXPECT_EQ(30, st->m_nOffsetTime.load());
+    EXPECT_EQ(STREAM_STATE_RESUME, st->GetStreamState());
+
+    EXPECT_TRUE(st->SendReqClock(2));
+    expectAll("CLOCK RTSP/1.0\r\n\r\n", {2});
+    EXPECT_TRUE(st->ReceiverAlive(0));
+    expectAll("ALIVE\r\n\r\n", {0});
+    EXPECT_FALSE(st->SendReqClock(7));  // no connection
+    // A session put into CLOCK takes its next text as the clock answer.
+    Sess(2).ServerState = AV_STREAMER_STATE_CLOCK;
+    rx[2]->Send("Clock: 123456\r\n\r\n");
+    EXPECT_TRUE(StateBecomes(2, AV_STREAMER_STATE_PLAY));
+
+    st->AVSenderStopNotify();
+    expectAll("QUIT_SENDER\r\n\r\n", {0, 1, 2});
+    st->AVStreamerStop();
+    expectAll("BYE RTSP/1.0\r\n\r\n", {0, 1, 2});
+    EXPECT_EQ(STREAM_STATE_STOP, st->GetStreamState());
+    EXPECT_EQ(3, st->m_AVRcvSessInfo.nAVRcvSessCnt);  // sessions stay until they answer
+    st->AVStreamerSeek(1);                            // refused after stop
+    expectAll("", {});
+}
