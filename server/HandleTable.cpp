@@ -33,6 +33,15 @@ void* HandleTable::Find(int handle) const {
     return (it == m_map.end() || it->second.removed) ? nullptr : it->second.obj;
 }
 
+int HandleTable::HandleOf(const void* obj) const {
+    if (!obj) return 0;
+    std::lock_guard<std::mutex> guard(m_mutex);
+    for (const auto& entry : m_map) {
+        if (entry.second.obj == obj && !entry.second.removed) return entry.first;
+    }
+    return 0;
+}
+
 void* HandleTable::Acquire(int handle) {
     if (handle <= 0) return nullptr;
     std::lock_guard<std::mutex> guard(m_mutex);

@@ -27,6 +27,8 @@ public:
     int Add(void* obj);
     // The object behind handle, or null (also once its removal has begun).
     void* Find(int handle) const;
+    // The handle of obj, or 0 when obj is not in the table.
+    int HandleOf(const void* obj) const;
     // Like Find, and keeps the object from being removed until Release.
     void* Acquire(int handle);
     void Release(int handle);

@@ -401,7 +401,8 @@ void PlurafonMgr::sender_notify(intptr_t object, intptr_t nMsg, intptr_t param1,
     switch (nMsg) {
         case AVMSG_RECEIVER_FOUND:
             if (param1 && param2) {
-                mgr->_on_receiver_found((const char*)param1, (const char*)param2, (int)param3);
+                mgr->_on_receiver_found((const char*)param1, (const char*)param2,
+                                        AVSenderHandleOf(param3));
             }
             break;
         case AVMSG_RECEIVER_RESET:

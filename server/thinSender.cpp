@@ -8,6 +8,8 @@
 // waits for it instead of freeing the object under it.
 #include "thinSender.h"
 
+#include <limits.h>
+
 #include <new>
 
 #include "AVRepDlna.h"
@@ -234,6 +236,14 @@ int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
 void AVSenderSetGUID(const char* guid) {
     (void)guid;
     _not_yet("SetGUID");
+}
+
+int AVSenderHandleOf(intptr_t streamer) {
+    int handle = _streamers().HandleOf(reinterpret_cast<const void*>(streamer));
+    if (handle) return handle;
+    if (streamer > 0 && streamer <= INT_MAX && _streamers().Find((int)streamer))
+        return (int)streamer;
+    return 0;
 }
 
 // ---------------------------------------------------------------- discovery

@@ -50,6 +50,10 @@ int AVSenderSetReceiverUITypeAll(int handle, int nUIType);
 bool AVSenderIsStreamReceiverExist(int handle);
 int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP);
 void AVSenderSetGUID(const char* guid);
+// The handle of a streamer as its events name it: a streamer reports itself
+// by its own address (it never learns its handle). A value that is already a
+// live handle is returned as it is; anything else gives 0.
+int AVSenderHandleOf(intptr_t streamer);
 
 // ---- discovery ----
 int AVRepDlnaCreate(int* pNewHandle, const char* pMulticastUrl, AV_DLNA_NOTIFY_MSG NotifyMsg,

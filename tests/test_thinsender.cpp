@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AVRepDlna.h"
+#include "HandleTable.h"
 #include "thinSender.h"
 
 namespace {
@@ -124,4 +125,25 @@ TEST(ThinSender, DeleteWaitsForCallsInFlight) {
         for (auto& t : callers) t.join();
         EXPECT_EQ(265, AVSenderDelete(h));
     }
+}
+
+TEST(ThinSender, StreamersAreFoundByHandleOrByTheirOwnAddress) {
+    HandleTable table(1);
+    int a = 0, b = 0;
+    int ha = table.Add(&a), hb = table.Add(&b);
+    EXPECT_EQ(ha, table.HandleOf(&a));
+    EXPECT_EQ(hb, table.HandleOf(&b));
+    EXPECT_EQ(0, table.HandleOf(nullptr));
+    EXPECT_EQ(&a, table.Remove(ha));
+    EXPECT_EQ(0, table.HandleOf(&a));
+    EXPECT_EQ(nullptr, table.Find(ha));
+
+    int h = 0;
+    ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, 1));
+    EXPECT_EQ(h, AVSenderHandleOf(h));
+    EXPECT_EQ(0, AVSenderHandleOf(0));
+    EXPECT_EQ(0, AVSenderHandleOf(h + 1000));
+    EXPECT_EQ(0, AVSenderHandleOf((intptr_t)&a));
+    ASSERT_EQ(0, AVSenderDelete(h));
+    EXPECT_EQ(0, AVSenderHandleOf(h));
 }
