@@ -59,8 +59,8 @@ void _destroy_dlna(CAVRepDlna* dlna, bool bReceiveOpen) {
     delete dlna;
 }
 
-// The streamer's playback operations are still being written; until they
-// are in, the facade answers as if each had failed.
+// The streamer's initialisation, open and close are still being written;
+// until they are in, the facade answers as if each had failed.
 int _not_yet(const char* what) {
     debug_UI("[thinSender] %s not available yet", what);
     return TAV_NOT_READY;
@@ -105,7 +105,7 @@ int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, const cha
         debug_UI("AVStreamerOpen err %d", r);
         return AVSENDER_ERR_OPEN;
     }
-    return _not_yet("ReceiverSearch");
+    return s->ReceiverSearch(pAVReceiverInfo);
 }
 
 int AVSenderClose(int handle) {
@@ -129,8 +129,7 @@ int AVSenderSeek(int handle, int offset) {
     debug_UI("[thinSender] AVSenderSeek()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    (void)offset;
-    _not_yet("AVStreamerSeek");
+    s->AVStreamerSeek(offset);
     return AVSENDER_OK;
 }
 
@@ -138,7 +137,7 @@ int AVSenderPause(int handle) {
     debug_UI("[thinSender] AVSenderPause()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    _not_yet("AVStreamerPause");
+    s->AVStreamerPause();
     return AVSENDER_OK;
 }
 
@@ -146,7 +145,7 @@ int AVSenderResume(int handle) {
     debug_UI("[thinSender] AVSenderResume()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    _not_yet("AVStreamerResume");
+    s->AVStreamerResume();
     return AVSENDER_OK;
 }
 
@@ -154,7 +153,7 @@ int AVSenderStop(int handle) {
     debug_UI("[thinSender] AVSenderStop()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    _not_yet("AVStreamerStop");
+    s->AVStreamerStop();
     return AVSENDER_OK;
 }
 
@@ -162,7 +161,7 @@ int AVSenderStopNotify(int handle) {
     debug_UI("[thinSender] AVSenderStopNotify()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_HANDLE;
-    _not_yet("AVSenderStopNotify");
+    s->AVSenderStopNotify();
     return AVSENDER_OK;
 }
 
@@ -170,8 +169,7 @@ int AVSenderReceiverIn(int handle, AV_RECEIVER AVReceiver) {
     debug_UI("[thinSender] AVSenderReceiverIn()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    (void)AVReceiver;
-    return _not_yet("AVStreamerReceiverIn");
+    return s->AVStreamerReceiverIn(AVReceiver);
 }
 
 int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
@@ -179,8 +177,7 @@ int AVSenderReceiverOut(int handle, const char* pReceiverIP) {
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
     if (!pReceiverIP) return TAV_PARAM_INVALID;
-    (void)pReceiverIP;
-    return _not_yet("AVStreamerReceiverOut");
+    return s->AVStreamerReceiverOut(pReceiverIP);
 }
 
 int AVSenderReceiverUpdateChannel(int handle, const char* ip, int type) {
@@ -234,8 +231,7 @@ int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
 }
 
 void AVSenderSetGUID(const char* guid) {
-    (void)guid;
-    _not_yet("SetGUID");
+    CAVStreamer::SetGUID(guid ? guid : "");
 }
 
 int AVSenderHandleOf(intptr_t streamer) {

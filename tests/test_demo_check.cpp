@@ -5,6 +5,9 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
+
+#include "AVStreamer.h"
 #include "AVStreamerDef.h"
 #include "DemoCheck.h"
 #include "audio_check.h"
@@ -35,7 +38,94 @@ void append(std::vector<unsigned char>* a, const std::vector<unsigned char>& b) 
     a->insert(a->end(), b.begin(), b.end());
 }
 
+// A receiver's stream as the streamer's own channel filters make it, chunk
+// by chunk in the music source's way (a WAV read of 6144 bytes at a time).
+std::vector<unsigned char> streamer_stream(CAVStreamer* st, const DemoPcm& src, int role) {
+    const size_t chunk = 6144;
+    std::vector<short> origin(chunk * 2), divide(chunk * 2);  // room for any filter's reach
+    std::vector<unsigned char> out;
+    const unsigned short c = (unsigned short)src.channels;
+    for (size_t at = 0; at < src.bytes.size(); at += chunk) {
+        const size_t n = src.bytes.size() - at < chunk ? src.bytes.size() - at : chunk;
+        std::fill(origin.begin(), origin.end(), 0);
+        memcpy(origin.data(), &src.bytes[at], n);
+        const unsigned char* from = reinterpret_cast<unsigned char*>(divide.data());
+        size_t len = 2 * (n / c);
+        if (role == AV_CHANNEL_PARTY && c == 2) {
+            from = reinterpret_cast<unsigned char*>(origin.data());
+            len = n;
+        } else if (role == AV_CHANNEL_PARTY && c >= 3) {
+            st->PcmPartyChannelFilter(origin.data(), (n / c) / 2, c, divide.data());
+            len = 2 * n / c;
+        } else {
+            st->PcmChannelFilter2Channel(origin.data(), n / c, c, (AV_CHANNEL_TYPE)role,
+                                         divide.data());
+        }
+        out.insert(out.end(), from, from + len);
+    }
+    return out;
+}
+
 }  // namespace
+
+TEST(DemoCheck, ReferencesAgreeWithTheStreamersFilters) {
+    // The demo's role rule is written independently of the streamer's; on
+    // real mono, stereo and six-channel audio both must give the same bytes.
+    CAVStreamer st(nullptr, nullptr, 1);
+    const char* files[] = {"sine_mono_44k.mp3", "wav16_stereo_44k.wav", "wav16_6ch_ext_8k.wav"};
+    for (const char* f : files) {
+        DemoPcm src = load(f);
+        src.bytes.resize(src.bytes.size() / (2 * src.channels) * (2 * src.channels));
+        for (int role = AV_CHANNEL_FRONT_LEFT; role <= AV_CHANNEL_PARTY; role++) {
+            std::vector<unsigned char> ref;
+            ASSERT_EQ(0, DemoRoleFilter(src, role, &ref));
+            EXPECT_TRUE(ref == streamer_stream(&st, src, role)) << f << " role " << role;
+        }
+    }
+}
+
+TEST(DemoCheck, ContentIsReadAsTheStreamersReadersReadIt) {
+    // The reference comes from the same bytes the streamer's own WAV and MP3
+    // readers hand to its music source, the bundled sample included.
+    const std::string sample = std::string(SONVARA_SOURCE_DIR) + "/samples/sonvara-demo";
+    const std::string files[] = {
+        sample + ".mp3", sample + ".wav", fixture_path("sine_vbr_xing.mp3"),
+        fixture_path("wav16_stereo_list_8k.wav"), fixture_path("wav16_6ch_ext_8k.wav")};
+    for (const std::string& f : files) {
+        DemoPcm pcm;
+        std::string err;
+        ASSERT_EQ(0, DemoLoadContent(f.c_str(), &pcm, &err)) << f << ": " << err;
+        CAVStreamer st(nullptr, nullptr, 1);
+        const bool mp3 = DemoIsMp3(f.c_str());
+        long fd = mp3 ? st.Mp3ToPcm_FileOpen(f.c_str()) : st.Wav_FileOpen(f.c_str());
+        ASSERT_GE(fd, 1) << f;
+        std::vector<unsigned char> streamed;
+        std::vector<char> buf(12288);
+        long n;
+        while ((n = mp3 ? st.Mp3ToPcm_FileRead(fd, buf.data(), buf.size())
+                        : st.Wav_FileRead(fd, buf.data(), 6144)) > 0) {
+            streamed.insert(streamed.end(), buf.begin(), buf.begin() + n);
+        }
+        if (mp3) {
+            st.Mp3ToPcm_FileClose(fd);
+        } else {
+            st.Wav_FileClose(fd);
+        }
+        EXPECT_TRUE(streamed == pcm.bytes)
+            << f << ": " << streamed.size() << " vs " << pcm.bytes.size();
+    }
+
+    // The sample's two channels are different parts, so roles can be told apart.
+    DemoPcm tune;
+    std::string err;
+    ASSERT_EQ(0, DemoLoadContent((sample + ".wav").c_str(), &tune, &err)) << err;
+    std::vector<unsigned char> left, right;
+    ASSERT_EQ(0, DemoRoleFilter(tune, AV_CHANNEL_FRONT_LEFT, &left));
+    ASSERT_EQ(0, DemoRoleFilter(tune, AV_CHANNEL_FRONT_RIGHT, &right));
+    DemoMatch m;
+    DemoCompare(left, std::vector<unsigned char>(right.begin(), right.begin() + 14000), 4, &m);
+    EXPECT_EQ(10u, m.differing);
+}
 
 TEST(DemoCheck, RoleReferencesPickTheSendersChannels) {
     // Stereo MP3, decoded frame by frame: left 440 Hz, right 1000 Hz (the
