@@ -369,6 +369,65 @@ TEST(ReceiverEmulator, AnnouncementsRequestsAndFaultSwitches) {
     EXPECT_EQ(2u, rx.Report().searchesForMe);
 }
 
+TEST(ReceiverEmulator, HostileBytesAreReportedNeverFatal) {
+    ReceiverEmulator rx(config("127.0.0.7"));
+    ASSERT_EQ(0, rx.Start());
+    ScriptedSender tx;
+    unsigned int seed = 12345;
+    auto rnd = [&seed]() { return (seed = seed * 1103515245u + 12345u) >> 16; };
+    // Datagrams that start like the real ones and go wrong, plus noise.
+    const char* prefixes[] = {"DEVICE ", "SEARCH\r\n", "SEARCH\r\nGUID: ", "DEVICE 1.2.3.4:", ""};
+    for (int i = 0; i < 300; i++) {
+        std::string d = prefixes[i % 5];
+        size_t len = rnd() % 1500;
+        for (size_t k = 0; k < len; k++) d += (char)rnd();
+        tx.SendTo(d, i % 2 ? "224.1.2.4" : "127.0.0.7", 1234);
+        tx.SendTo(d, "127.0.0.7", rx.RtpPort());
+    }
+    // A connection fed with broken replies, commands and an endless message.
+    // The noise may have filled the socket: send SEARCH 8 times as senders do.
+    std::string search = tx.Search({"127.0.0.7"});
+    for (int i = 0; i < 8; i++) {
+        tx.SendTo(search, "224.1.2.4", 1234);
+        PAL_ThreadSleep(40);
+    }
+    ASSERT_TRUE(tx.Accept(nullptr));
+    read_message(tx.conn);
+    send_text(tx.conn, "START\r\nRef: \r\nRole: \r\n\r\n");
+    read_message(tx.conn);
+    send_text(tx.conn,
+              "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n");
+    send_text(tx.conn, "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort");
+    for (int i = 0; i < 200; i++) {
+        std::string m = i % 3 ? "VOLUME: " : "";
+        size_t len = rnd() % 300;
+        for (size_t k = 0; k < len; k++) m += (char)rnd();
+        m += "\r\n\r\n";
+        send(tx.conn, m.data(), m.size(), MSG_NOSIGNAL);
+    }
+    std::string endless(20000, 'A');
+    send(tx.conn, endless.data(), endless.size(), MSG_NOSIGNAL);
+    send_text(tx.conn, "\r\n\r\nALIVE\r\n\r\n");
+    // Still alive and still answering.
+    std::string answer;
+    while (answer.find("ALIVED") == std::string::npos && rx_wait_readable(tx.conn, 3000) == 1) {
+        char buf[4096];
+        ssize_t n = recv(tx.conn, buf, sizeof(buf), 0);
+        if (n <= 0) break;
+        answer.append(buf, (size_t)n);
+    }
+    EXPECT_NE(std::string::npos, answer.find("ALIVED\r\n\r\n"));
+    ReceiverReport r = rx.Report();
+    EXPECT_GT(r.protocolErrors, 100u);
+    EXPECT_GT(r.handshakeErrors, 0u);
+    EXPECT_GT(r.badLength + r.badVersion + r.badPayloadType, 0u);
+    EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
+    for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
+    std::string json = rx.ReportJson();
+    EXPECT_EQ('{', json.front());
+    EXPECT_EQ('}', json.back());
+}
+
 // RTP from the test straight to the emulator's client port.
 class RtpSource {
 public:

@@ -909,21 +909,42 @@ ReceiverReport ReceiverEmulator::Impl::Report() {
 
 namespace {
 
+// Length of the well-formed UTF-8 sequence at p, 0 when it is not one.
+size_t utf8_len(const unsigned char* p) {
+    size_t n = p[0] < 0x80         ? 1
+               : (p[0] >> 5) == 6  ? 2
+               : (p[0] >> 4) == 14 ? 3
+               : (p[0] >> 3) == 30 ? 4
+                                   : 0;
+    if (n == 0 || (n > 1 && p[0] < 0xC2)) return 0;  // stray continuation or overlong
+    for (size_t i = 1; i < n; i++) {
+        if ((p[i] & 0xC0) != 0x80) return 0;  // also stops at the terminating NUL
+    }
+    return n;
+}
+
+// "key":"text", with the text escaped; bytes that are not UTF-8 (the
+// sender's texts are not trusted to be) become U+FFFD.
 void json_text(std::string* out, const char* key, const char* text) {
     *out += '"';
     *out += key;
     *out += "\":\"";
-    for (const unsigned char* p = (const unsigned char*)text; *p; p++) {
+    for (const unsigned char* p = (const unsigned char*)text; *p;) {
+        size_t n = utf8_len(p);
         char esc[8];
-        if (*p == '"' || *p == '\\') {
+        if (n == 0) {
+            *out += "\\ufffd";
+            n = 1;
+        } else if (*p == '"' || *p == '\\') {
             *out += '\\';
             *out += (char)*p;
         } else if (*p < 0x20) {
             snprintf(esc, sizeof(esc), "\\u%04x", *p);
             *out += esc;
         } else {
-            *out += (char)*p;  // UTF-8 passes through
+            out->append((const char*)p, n);
         }
+        p += n;
     }
     *out += "\",";
 }
