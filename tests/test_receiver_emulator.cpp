@@ -569,3 +569,63 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
 }
 
 }  // namespace
+
+namespace {
+
+// The command next to this test executable's directory: build/tools/.
+std::string receiver_command() {
+    char self[512] = {0};
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
+    dir = dir.substr(0, dir.rfind('/'));
+    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
+}
+
+std::string run_output(const std::string& cmd, int* status) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[512];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+    *status = pclose(p);
+    return out;
+}
+
+TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
+    std::string cmd = receiver_command();
+    int status = -1;
+    std::string help = run_output(cmd + " --help", &status);
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos, help.find("--address"));
+    EXPECT_NE(std::string::npos, help.find("scripts/netns-run"));
+    run_output(cmd + " --address 127.0.0.2 --volume loud 2>/dev/null", &status);
+    EXPECT_EQ(2, WEXITSTATUS(status));
+    run_output(cmd + " --name x 2>/dev/null", &status);  // no address
+    EXPECT_EQ(2, WEXITSTATUS(status));
+
+    // A real run (we are inside the test namespace): it answers discovery
+    // and reports it.
+    int answers = rx_udp_bind("127.0.0.1", 9092);
+    ASSERT_GE(answers, 0);
+    FILE* p = popen((cmd + " --address 127.0.0.8 --name Den --duration 2 --quiet").c_str(), "r");
+    ASSERT_NE(nullptr, p);
+    ScriptedSender tx;
+    std::string answer;
+    for (int i = 0; i < 40 && answer.empty(); i++) {  // until the child listens
+        tx.SendTo("DEVICE 127.0.0.1:9092\r\nGUID: g\r\nREQ_TS: 9\r\n", "127.0.0.8", 1234);
+        if (rx_wait_readable(answers, 100) == 1) answer = next_datagram(answers);
+    }
+    EXPECT_NE(std::string::npos, answer.find("NAME: Den\r\n"));
+    std::string json;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) json.append(buf, n);
+    EXPECT_EQ(0, pclose(p));
+    close(answers);
+    EXPECT_EQ(0u, json.find("{\"address\":\"127.0.0.8\",\"name\":\"Den\""));
+    EXPECT_NE(std::string::npos, json.find("\"device_requests\":"));
+    EXPECT_EQ(std::string::npos, json.find("\"device_requests\":0,"));
+}
+
+}  // namespace

@@ -46,6 +46,8 @@ const char kHelp[] =
     "  --duration SEC      stop after SEC seconds (default: until Ctrl-C)\n"
     "  --json FILE         write the final report there (default: standard output)\n"
     "  --join              announce itself with JOIN once started (join a playing group)\n"
+    "  --leave-after SEC   send LEAVE on the connection SEC seconds after start\n"
+    "  --drop-after SEC    drop the connection SEC seconds after start\n"
     "  --refuse-connect    never connect (a speaker that is switched off)\n"
     "  --no-bye-ack        never answer BYE\n"
     "  --no-timesync       do not synchronise the clock\n"
@@ -76,9 +78,17 @@ bool parse_number(const char* text, long long lo, long long hi, long long* out) 
     return true;
 }
 
-// Applies one option; false on a bad one.
-bool apply_option(ReceiverConfig* cfg, const char* opt, const char* val, long long* duration,
-                  std::string* json) {
+// What the command does besides being a receiver.
+struct RunOptions {
+    long long durationS;    // 0 = until a signal
+    long long leaveAfterS;  // send LEAVE after this long (0 = never)
+    long long dropAfterS;   // drop the control connection after this long (0 = never)
+    std::string json;       // "" = standard output
+    bool join, quiet, refuseConnect, noByeAck;
+};
+
+// Applies one option that takes a value; false on a bad one.
+bool apply_option(ReceiverConfig* cfg, RunOptions* run, const char* opt, const char* val) {
     long long v = 0;
     struct {
         const char* name;
@@ -95,24 +105,68 @@ bool apply_option(ReceiverConfig* cfg, const char* opt, const char* val, long lo
             return true;
         }
     }
-    if (strcmp(opt, "--json") == 0) {
-        *json = val;
-    } else if (strcmp(opt, "--master") == 0 && parse_number(val, 0, 65535, &v)) {
-        cfg->master = (int)v;
-    } else if (strcmp(opt, "--volume") == 0 && parse_number(val, 0, 100, &v)) {
-        cfg->volume = (int)v;
-    } else if (strcmp(opt, "--sync-port") == 0 && parse_number(val, 0, 65535, &v)) {
-        cfg->syncPort = (unsigned short)v;
-    } else if (strcmp(opt, "--rtp-port") == 0 && parse_number(val, 1, 65534, &v)) {
-        cfg->rtpPort = (unsigned short)v;
-    } else if (strcmp(opt, "--duration") == 0 && parse_number(val, 1, 86400 * 365, &v)) {
-        *duration = v;
-    } else if (strcmp(opt, "--clock-offset-us") == 0 &&
-               parse_number(val, -(1LL << 50), 1LL << 50, &v)) {
-        cfg->clockOffsetUs = v;
-    } else {
-        return false;
+    struct {
+        const char* name;
+        long long lo, hi;
+    } numbers[] = {{"--master", 0, 65535},        {"--volume", 0, 100},
+                   {"--sync-port", 0, 65535},     {"--rtp-port", 1, 65534},
+                   {"--duration", 1, 31536000},   {"--leave-after", 1, 31536000},
+                   {"--drop-after", 1, 31536000}, {"--clock-offset-us", -(1LL << 50), 1LL << 50}};
+    int which = -1;
+    for (int i = 0; i < (int)(sizeof(numbers) / sizeof(numbers[0])); i++) {
+        if (strcmp(opt, numbers[i].name) == 0) which = i;
     }
+    if (strcmp(opt, "--json") == 0) {
+        run->json = val;
+        return true;
+    }
+    if (which < 0 || !parse_number(val, numbers[which].lo, numbers[which].hi, &v)) return false;
+    switch (which) {
+        case 0:
+            cfg->master = (int)v;
+            break;
+        case 1:
+            cfg->volume = (int)v;
+            break;
+        case 2:
+            cfg->syncPort = (unsigned short)v;
+            break;
+        case 3:
+            cfg->rtpPort = (unsigned short)v;
+            break;
+        case 4:
+            run->durationS = v;
+            break;
+        case 5:
+            run->leaveAfterS = v;
+            break;
+        case 6:
+            run->dropAfterS = v;
+            break;
+        default:
+            cfg->clockOffsetUs = v;
+            break;
+    }
+    return true;
+}
+
+// Applies one flag; false when opt is not one.
+bool apply_flag(ReceiverConfig* cfg, RunOptions* run, const char* opt) {
+    struct {
+        const char* name;
+        bool* flag;
+    } flags[] = {{"--join", &run->join},
+                 {"--quiet", &run->quiet},
+                 {"--refuse-connect", &run->refuseConnect},
+                 {"--no-bye-ack", &run->noByeAck}};
+    for (auto& f : flags) {
+        if (strcmp(opt, f.name) == 0) {
+            *f.flag = true;
+            return true;
+        }
+    }
+    if (strcmp(opt, "--no-timesync") != 0) return false;
+    cfg->timeSync = false;
     return true;
 }
 
@@ -138,47 +192,32 @@ int main(int argc, char** argv) {
         if (strcmp(argv[i], "--address") == 0) address = argv[i + 1];
     }
     ReceiverConfigDefaults(&cfg, address ? address : "");
-    long long duration = 0;
-    std::string json;
-    bool join = false, quiet = false;
+    cfg.keepPcm = false;  // the stream goes to the WAV file, if any, not to memory
+    RunOptions run = {0, 0, 0, "", false, false, false, false};
     for (int i = 1; i < argc; i++) {
         const char* opt = argv[i];
         if (strcmp(opt, "--help") == 0 || strcmp(opt, "-h") == 0) {
             fputs(kHelp, stdout);
             return 0;
         }
-        bool flag = true;
-        if (strcmp(opt, "--join") == 0) {
-            join = true;
-        } else if (strcmp(opt, "--refuse-connect") == 0 || strcmp(opt, "--no-bye-ack") == 0) {
-            // applied once the emulator exists
-        } else if (strcmp(opt, "--no-timesync") == 0) {
-            cfg.timeSync = false;
-        } else if (strcmp(opt, "--quiet") == 0) {
-            quiet = true;
-        } else {
-            flag = false;
-        }
-        if (flag) continue;
-        if (i + 1 >= argc || (strcmp(opt, "--address") != 0 &&
-                              !apply_option(&cfg, opt, argv[i + 1], &duration, &json))) {
+        if (apply_flag(&cfg, &run, opt)) continue;
+        if (i + 1 >= argc ||
+            (strcmp(opt, "--address") != 0 && !apply_option(&cfg, &run, opt, argv[i + 1]))) {
             fprintf(stderr, "sonvara-receiver: bad option %s (see --help)\n", opt);
             return 2;
         }
         i++;
     }
     struct sockaddr_in probe;
-    if (!address || strcmp(cfg.address, address) != 0 || !rx_sockaddr(address, 0, &probe) ||
-        !address[0]) {
+    if (!address || !address[0] || strcmp(cfg.address, address) != 0 ||
+        !rx_sockaddr(address, 0, &probe)) {
         fprintf(stderr, "sonvara-receiver: --address A.B.C.D is required (see --help)\n");
         return 2;
     }
 
     ReceiverEmulator rx(cfg);
-    for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--refuse-connect") == 0) rx.SetRefuseConnect(true);
-        if (strcmp(argv[i], "--no-bye-ack") == 0) rx.SetAnswerBye(false);
-    }
+    rx.SetRefuseConnect(run.refuseConnect);
+    rx.SetAnswerBye(!run.noByeAck);
     if (rx.Start() != 0) {
         ReceiverReport r = rx.Report();
         fprintf(stderr, "sonvara-receiver: %s\n",
@@ -187,18 +226,29 @@ int main(int argc, char** argv) {
     }
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
-    if (join) rx.SendJoin(0, 3);
+    if (run.join) rx.SendJoin(0, 3);
     long long start = PAL_GetBootTimeUsec();
-    while (!g_stop && (duration == 0 || PAL_GetBootTimeUsec() - start < duration * 1000000LL)) {
+    bool left = false, dropped = false;
+    for (;;) {
+        long long elapsed = PAL_GetBootTimeUsec() - start;
+        if (g_stop || (run.durationS && elapsed >= run.durationS * 1000000LL)) break;
+        if (run.leaveAfterS && !left && elapsed >= run.leaveAfterS * 1000000LL) {
+            left = true;
+            rx.SendLeave();
+        }
+        if (run.dropAfterS && !dropped && elapsed >= run.dropAfterS * 1000000LL) {
+            dropped = true;
+            rx.DropConnection();
+        }
         PAL_ThreadSleep(200);
-        if (!quiet && (PAL_GetBootTimeUsec() - start) / 200000 % 5 == 0) print_status(rx);
+        if (!run.quiet && elapsed / 200000 % 5 == 0) print_status(rx);
     }
-    if (!quiet) fputc('\n', stderr);
+    if (!run.quiet) fputc('\n', stderr);
     rx.Stop();
     std::string report = rx.ReportJson() + "\n";
-    FILE* out = json.empty() ? stdout : fopen(json.c_str(), "w");
+    FILE* out = run.json.empty() ? stdout : fopen(run.json.c_str(), "w");
     if (!out) {
-        fprintf(stderr, "sonvara-receiver: cannot write %s\n", json.c_str());
+        fprintf(stderr, "sonvara-receiver: cannot write %s\n", run.json.c_str());
         return 1;
     }
     fputs(report.c_str(), out);
