@@ -87,6 +87,13 @@ public:
             if (l == line) return true;
         return false;
     }
+    // The first line that starts with prefix, or "".
+    std::string Find(const std::string& prefix) {
+        std::lock_guard<std::mutex> g(m_lock);
+        for (const std::string& l : m_lines)
+            if (l.compare(0, prefix.size(), prefix) == 0) return l;
+        return "";
+    }
     size_t Size() {
         std::lock_guard<std::mutex> g(m_lock);
         return m_lines.size();

@@ -35,19 +35,12 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     m_NotifyMsg = notify;
     m_pParent = parent;
     m_groupId = groupId;
-    m_bSerExit = false;
     m_CurrentState = STREAM_STATE_IDLE;
     m_pMP3Parser = nullptr;
-    _bseek_complete = false;
-    bSeekReqMusicSrcT = false;
-    bSeekReqRtpStreamT = false;
-    _bpause = false;
+    _reset_stream();  // flags, counters and the content handle
     waveDataStartPos = 0;
     m_nOffsetTime = 0;
-    commonSeqNum = 0;
-    lastReportedProgress = 0;
     m_max_idx = 0;
-    m_send_file = 0;
     m_bTimeSyncOn = false;
 }
 

@@ -3,12 +3,13 @@
 // buffer; carries out the source side of a seek and reports the end of the
 // content.
 //
-// Allocates nothing: its two 12288-byte work buffers live on its stack.
+// Allocates its two work buffers once per thread (nothing per chunk).
 // Runs on: MusicSourceThread (started by AVStreamerInit).
 // Locks: a session's `_lpmutex` only while scanning for the end of a seek.
 #include <string.h>
 
 #include "AVStreamer.h"
+#include "MP3Parser.h"
 
 bool CAVStreamer::ReceiverMediaWrite(unsigned char nIndex, char* pBuffer, unsigned long unLength) {
     if (nIndex >= AV_MAX_RECEIVER) return true;
@@ -18,4 +19,207 @@ bool CAVStreamer::ReceiverMediaWrite(unsigned char nIndex, char* pBuffer, unsign
     if (Pal_RingBufAvailable(rb) < unLength) return false;
     Pal_RingBufWrite(rb, pBuffer, unLength);
     return true;
+}
+
+// Bytes of PCM a receiver of this role gets from a chunk of n source bytes,
+// and the conversion that produces them. 0 bytes: nothing fits this role
+// (3- or 4-byte samples for a single-channel role).
+enum { CONV_NONE, CONV_8BIT, CONV_16BIT, CONV_PARTY_MULTI, CONV_SKIP };
+
+static int pick_conversion(AV_CHANNEL_TYPE type, unsigned c, unsigned b) {
+    if (type == AV_CHANNEL_PARTY) {
+        if (c == 1) return b == 1 ? CONV_8BIT : CONV_16BIT;
+        if (c <= 2) return CONV_NONE;
+        return CONV_PARTY_MULTI;
+    }
+    if (b == 1) return CONV_8BIT;
+    if (b == 2) return CONV_16BIT;
+    return CONV_SKIP;
+}
+
+static unsigned long converted_length(int conv, long n, unsigned c) {
+    switch (conv) {
+        case CONV_NONE:
+            return (unsigned long)n;
+        case CONV_PARTY_MULTI:
+            return (unsigned long)(2 * n) / c;
+        case CONV_SKIP:
+            return 0;
+        default:
+            return 2 * ((unsigned long)n / c);
+    }
+}
+
+// The work buffers. The filters read up to twice the chunk (16-bit samples
+// are counted per byte) and write up to four times it (a mono chunk doubled),
+// so both are sized for the largest chunk with room to spare.
+struct MusicSrcBuffers {
+    char origin[2 * AV_MP3_BUF_SIZE + 64];
+    char divide[4 * AV_MP3_BUF_SIZE];
+};
+
+const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* divide,
+                                      unsigned long* len) {
+    AV_CHANNEL_TYPE type = m_AVRcvSessInfo.AVRcvSess[index].ChannelType;
+    unsigned c = m_AVMusicInfo.NumChannels ? m_AVMusicInfo.NumChannels : 1;
+    unsigned b = m_AVMusicInfo.BytesPerSample;
+    int conv = pick_conversion(type, c, b);
+    *len = converted_length(conv, n, c);
+    switch (conv) {
+        case CONV_NONE:
+            return origin;
+        case CONV_8BIT:
+            Pcm8BitChannelFilter2Channel(origin, (unsigned long)n / c, (unsigned short)c, type,
+                                         divide);
+            return divide;
+        case CONV_16BIT:
+            PcmChannelFilter2Channel((short*)origin, (unsigned long)n / c, (unsigned short)c, type,
+                                     (short*)divide);
+            return divide;
+        case CONV_PARTY_MULTI:
+            PcmPartyChannelFilter((short*)origin, ((unsigned long)n / c) / 2, (unsigned short)c,
+                                  (short*)divide);
+            return divide;
+        default:
+            return divide;
+    }
+}
+
+// Waits until every active session has room for its share of the chunk, so
+// that all buffers always end at the same point of the content: the RTP
+// thread lines late receivers up by comparing fill levels. The slowest
+// receiver sets the pace. False when a pause or exit abandons the chunk.
+bool CAVStreamer::_wait_for_room(long n) {
+    unsigned c = m_AVMusicInfo.NumChannels ? m_AVMusicInfo.NumChannels : 1;
+    for (;;) {
+        bool room = true;
+        for (int i = 0; i < AV_MAX_RECEIVER && room; i++) {
+            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+            PAL_RINGBUF* rb = s.pFD;
+            if (!s.bActive || rb == nullptr) continue;
+            int conv = pick_conversion(s.ChannelType, c, m_AVMusicInfo.BytesPerSample);
+            room = Pal_RingBufAvailable(rb) >= converted_length(conv, n, c);
+        }
+        if (room) return true;
+        if (m_bSerExit || _bpause) return false;
+        PAL_ThreadSleep(5);
+    }
+}
+
+void CAVStreamer::_music_seek() {
+    bSeekReqMusicSrcT = false;
+    bSeekReqRtpStreamT = true;
+    debug_UI("xxxseek [MusicSourceThread] seek flag set");
+    if (_is_mime("audio/mpeg")) {
+        // Formed in 32 bits: offsets beyond 2147 s wrap, as they always have.
+        int us = (int)((unsigned int)m_nOffsetTime.load() * 1000000u);
+        if (m_pMP3Parser != nullptr) m_pMP3Parser->setSeekTo((long long)us);
+    } else if (_is_mime("audio/x-wav")) {
+        wav_seek(m_send_file, (unsigned int)m_nOffsetTime.load());
+    }
+    debug_UI("xxxseek [MusicSourceThread] source seek complete");
+    // The RTP thread empties every active buffer and clears its sync mark.
+    bool pending = true;
+    while (pending && !m_bSerExit && m_hRtpSvrThrId.load() != nullptr) {
+        pending = false;
+        for (int i = 0; i < AV_MAX_RECEIVER && !pending; i++) {
+            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+            PAL_MutexLock(s._lpmutex, 1);
+            pending = s.bActive && s.bIsSync == 1;
+            PAL_MutexUnLock(s._lpmutex);
+        }
+        if (pending) PAL_ThreadSleep(2);
+    }
+    _bseek_complete = true;
+    debug_UI("xxxseek [MusicSourceThread] seek complete");
+}
+
+int CAVStreamer::MusicSourceThread(void* param) {
+    CAVStreamer* self = (CAVStreamer*)param;
+    MusicSrcBuffers* buf = new MusicSrcBuffers();
+    long nReadSize = 0;
+    int nCntReadEnd = 0;
+    unsigned int unEndStartClk = 0;
+    bool bStopReq = false;
+    while (!self->m_bSerExit) {
+        if (bStopReq) {
+            if (self->bSeekReqMusicSrcT) {  // nothing left to move: acknowledge at once
+                self->bSeekReqMusicSrcT = false;
+                self->_bseek_complete = true;
+            }
+        } else if (self->m_bStreamReady) {
+            if (self->bSeekReqMusicSrcT) {
+                self->_music_seek();
+                nCntReadEnd = 0;
+            }
+            if (!self->_bpause) {
+                if (nCntReadEnd == 0) nReadSize = self->_read_chunk(buf->origin);
+                if (nReadSize >= 1) {
+                    if (self->_wait_for_room(nReadSize)) {
+                        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                            AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
+                            if (!s.bActive) continue;
+                            unsigned long len = 0;
+                            const char* out =
+                                self->_convert_for(i, buf->origin, nReadSize, buf->divide, &len);
+                            if (len > 0)
+                                self->ReceiverMediaWrite((unsigned char)i, (char*)out, len);
+                            PAL_RINGBUF* rb = s.pFD;
+                            if (rb != nullptr)
+                                Pal_RingBufSetTimeStamp(rb, (unsigned int)self->m_nOffsetTime);
+                        }
+                    }
+                } else if (self->_drained(nReadSize, &nCntReadEnd, &unEndStartClk)) {
+                    self->_close_content();
+                    self->_notify(AVMSG_SERVICE_STOP, self->m_groupId, 1, 0, 0);
+                    bStopReq = true;
+                    continue;  // straight to the next pass
+                }
+            }
+        }
+        PAL_ThreadSleep(5);
+    }
+    self->_close_content();
+    delete buf;
+    PAL_SemSignal(self->m_pMusicSrcSem, 1);
+    debug_UI("[MusicSourceThread] exit");
+    return 0;
+}
+
+long CAVStreamer::_read_chunk(char* origin) {
+    if (_is_mime("audio/mpeg")) return Mp3ToPcm_FileRead(m_send_file, origin, AV_MP3_BUF_SIZE);
+    // WAV reads half a buffer: a mono chunk is doubled to two channels.
+    unsigned long n = _is_mime("audio/x-wav") ? AV_MP3_BUF_SIZE / 2 : AV_MP3_BUF_SIZE;
+    return PAL_FileRead(m_send_file, origin, n);
+}
+
+// After the source ran dry: true when the content has ended, either because
+// the first receiver's queue is down to less than a packet or because a full
+// buffer's play time has passed since.
+bool CAVStreamer::_drained(long nReadSize, int* nCntReadEnd, unsigned int* unEndStartClk) {
+    if ((*nCntReadEnd)++ == 0) {
+        debug_UI("[AVStreamer m_groupId : %d] MusicSourceThread : nReadSize = %d", m_groupId,
+                 (int)nReadSize);
+        *unEndStartClk = PAL_GetClock();
+    } else {
+        unsigned int rate = (unsigned int)m_AVMusicInfo.NumChannels * m_AVMusicInfo.BytesPerSample *
+                            m_AVMusicInfo.SampleRate;
+        unsigned int limit = rate ? 409600000u / rate : 0;
+        unsigned int waited = PAL_GetClock() - *unEndStartClk;
+        if (waited > limit) {
+            debug_UI("[AVStreamer m_groupId : %d] MusicSourceThread :  wait time = %d", m_groupId,
+                     (int)waited);
+            return true;
+        }
+    }
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_RINGBUF* rb = s.pFD;
+        if (!s.bActive || rb == nullptr) continue;
+        unsigned long freeSpace = Pal_RingBufAvailable(rb);
+        if (RING_BUFFER_TOTAL_SIZE - freeSpace > 1399) return false;
+        debug_UI("RING_BUFFER_TOTAL_SIZE %d  szValid %d", RING_BUFFER_TOTAL_SIZE, (int)freeSpace);
+        return true;
+    }
+    return false;
 }

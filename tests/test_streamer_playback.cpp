@@ -1,0 +1,438 @@
+// A streamer's whole life through its own operations (init, open, search,
+// play, seek, pause, join, leave, close) with receiver emulators as peers and
+// real WAV / MP3 content.
+#include <dirent.h>
+#include <malloc.h>
+
+#include <algorithm>
+
+#include "ReceiverEmulator.h"
+#include "streamer_harness.h"
+
+namespace {
+
+const unsigned short kTcp = 31554, kRtp = 35000, kGroupPort = 21234;
+const char* kUrl = "224.1.2.4:21234";
+
+std::string Fixture(const char* name) {
+    return std::string(SONVARA_FIXTURES_DIR) + "/" + name;
+}
+
+std::vector<unsigned char> ReadFile(const std::string& path, size_t skip = 0) {
+    std::vector<unsigned char> data;
+    FILE* f = fopen(path.c_str(), "rb");
+    if (f == nullptr) return data;
+    fseek(f, 0, SEEK_END);
+    long n = ftell(f);
+    fseek(f, (long)skip, SEEK_SET);
+    data.resize(n > (long)skip ? (size_t)(n - (long)skip) : 0);
+    data.resize(fread(data.data(), 1, data.size(), f));
+    fclose(f);
+    return data;
+}
+
+// A 16-bit stereo 44.1 kHz WAV whose frames tell their position: left is the
+// frame index (low 16 bits), right its high bits. Written once per run.
+std::string PositionWav(int seconds) {
+    std::string path = "/tmp/sonvara_position_" + std::to_string(seconds) + "s_" +
+                       std::to_string(getpid()) + ".wav";
+    uint32_t frames = 44100u * (uint32_t)seconds, data = frames * 4;
+    unsigned char head[44] = {'R', 'I', 'F',  'F',  0,   0,   0,    0,    'W', 'A', 'V',
+                              'E', 'f', 'm',  't',  ' ', 16,  0,    0,    0,   1,   0,
+                              2,   0,   0x44, 0xAC, 0,   0,   0x10, 0xB1, 2,   0,   4,
+                              0,   16,  0,    'd',  'a', 't', 'a',  0,    0,   0,   0};
+    uint32_t riff = 36 + data;
+    memcpy(head + 4, &riff, 4);
+    memcpy(head + 40, &data, 4);
+    FILE* f = fopen(path.c_str(), "wb");
+    fwrite(head, 1, 44, f);
+    for (uint32_t k = 0; k < frames; k++) {
+        uint16_t lr[2] = {(uint16_t)k, (uint16_t)(k >> 16)};
+        fwrite(lr, 2, 2, f);
+    }
+    fclose(f);
+    return path;
+}
+
+// Frame index of a position-WAV frame as a party receiver gets it.
+uint32_t FrameAt(const std::vector<unsigned char>& pcm, size_t byteOffset) {
+    uint16_t lr[2];
+    memcpy(lr, pcm.data() + byteOffset, 4);
+    return ((uint32_t)lr[1] << 16) | lr[0];
+}
+
+// The expected stream of a receiver: 16-bit source frames, one channel on
+// both sides (c >= 0) or the first two as they are (c < 0).
+std::vector<unsigned char> Role16(const std::vector<unsigned char>& src, int channels, int c) {
+    std::vector<unsigned char> out;
+    size_t frames = src.size() / (2 * channels);
+    for (size_t k = 0; k < frames; k++) {
+        const unsigned char* f = src.data() + k * 2 * channels;
+        int l = c < 0 ? 0 : c, r = c < 0 ? 1 : c;
+        out.insert(out.end(), f + 2 * l, f + 2 * l + 2);
+        out.insert(out.end(), f + 2 * r, f + 2 * r + 2);
+    }
+    return out;
+}
+
+bool IsSilent(const std::vector<unsigned char>& v, size_t from) {
+    return std::all_of(v.begin() + (long)std::min(from, v.size()), v.end(),
+                       [](unsigned char b) { return b == 0; });
+}
+
+int CountEntries(const char* dir) {
+    DIR* d = opendir(dir);
+    int n = 0;
+    while (readdir(d) != nullptr) n++;
+    closedir(d);
+    return n;
+}
+
+class Playback : public ::testing::Test {
+protected:
+    void TearDown() override {
+        if (st != nullptr) {
+            st->AVStreamerClose();
+            delete st;
+        }
+        for (auto& r : rx) r->Stop();
+    }
+    ReceiverEmulator* AddReceiver(const char* ip, AV_CHANNEL_TYPE type, int volume = 5,
+                                  bool listed = true) {
+        ReceiverConfig cfg;
+        ReceiverConfigDefaults(&cfg, ip);
+        cfg.discoveryPort = kGroupPort;
+        cfg.timeSync = false;
+        rx.emplace_back(new ReceiverEmulator(cfg));
+        EXPECT_EQ(0, rx.back()->Start());
+        if (listed) {
+            AV_RECEIVER& r = ri.AVReceiver[(int)ri.nAVReceiverCnt++];
+            snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", ip);
+            r.ChannelType = type;
+            r._volume = volume;
+            r.bActive = 1;
+        }
+        return rx.back().get();
+    }
+    // Init, open and search, as the sender facade does for one playback.
+    int Play(const std::string& path, const char* mime, uint8_t channels, uint32_t rate,
+             int offset = 0) {
+        memset(&mi, 0, sizeof(mi));
+        snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s", path.c_str());
+        snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "Song");
+        snprintf(mi.pMime, sizeof(mi.pMime), "%s", mime);
+        mi.NumChannels = channels;
+        mi.SampleRate = rate;
+        if (st == nullptr) st = new CAVStreamer(&EventLog::Notify, &events, 42);
+        int ret = st->AVStreamerInit(&ri, &mi, offset);
+        if (ret != 0) return 1000 + ret;
+        ret = st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, offset);
+        if (ret != 0) return 2000 + ret;
+        return st->ReceiverSearch(&ri);
+    }
+    bool WaitEnd(int timeoutMs = 20000) {
+        StreamerEvent e;
+        return events.WaitFor(AVMSG_SERVICE_STOP, 1, timeoutMs, &e) && e.b == 1;
+    }
+    // Checks a receiver got exactly the expected stream (whole packets of it,
+    // then silence) with a clean handshake and no loss.
+    void ExpectStream(ReceiverEmulator* r, const std::vector<unsigned char>& expect) {
+        std::vector<unsigned char> got = r->Pcm();
+        size_t whole = expect.size() / 1400 * 1400;
+        ASSERT_GE(got.size(), whole) << r->Config().address;
+        EXPECT_TRUE(std::equal(expect.begin(), expect.begin() + (long)whole, got.begin()))
+            << r->Config().address;
+        EXPECT_TRUE(IsSilent(got, whole)) << r->Config().address;
+        ReceiverReport rep = r->Report();
+        EXPECT_EQ(0u, rep.handshakeErrors) << r->Config().address;
+        EXPECT_EQ(0u, rep.lostPackets) << r->Config().address;
+        EXPECT_EQ(0u, rep.timestampErrors) << r->Config().address;
+    }
+
+    EventLog events;
+    CAVStreamer* st = nullptr;
+    AV_RECEIVER_INFO ri{};
+    AV_MUSIC_INFO mi{};
+    std::vector<std::unique_ptr<ReceiverEmulator>> rx;
+};
+
+}  // namespace
+
+TEST_F(Playback, StereoWavArrivesBitExactInEveryRole) {
+    ReceiverEmulator* fl = AddReceiver("127.0.0.2", AV_CHANNEL_FRONT_LEFT);
+    ReceiverEmulator* fr = AddReceiver("127.0.0.3", AV_CHANNEL_FRONT_RIGHT);
+    ReceiverEmulator* party = AddReceiver("127.0.0.4", AV_CHANNEL_PARTY);
+    ASSERT_EQ(0, Play(Fixture("wav16_stereo_44k.wav"), "audio/x-wav", 2, 44100));
+    ASSERT_TRUE(WaitEnd());
+    ASSERT_TRUE(party->WaitForPackets(120, 5000));
+    PAL_ThreadSleep(300);
+    std::vector<unsigned char> src = ReadFile(Fixture("wav16_stereo_44k.wav"), 44);
+    ExpectStream(fl, Role16(src, 2, 0));
+    ExpectStream(fr, Role16(src, 2, 1));
+    ExpectStream(party, Role16(src, 2, -1));
+    EXPECT_EQ(16, party->Report().sdpBits);
+    EXPECT_STREQ("Front_Right", fr->Report().startRole);
+}
+
+TEST_F(Playback, MonoEightBitWavAndMonoMp3AreDoubledToBothSides) {
+    ReceiverEmulator* fl = AddReceiver("127.0.0.2", AV_CHANNEL_FRONT_LEFT);
+    ReceiverEmulator* party = AddReceiver("127.0.0.3", AV_CHANNEL_PARTY);
+    ASSERT_EQ(0, Play(Fixture("wav8_mono_8k.wav"), "audio/x-wav", 1, 8000));
+    ASSERT_TRUE(WaitEnd());
+    PAL_ThreadSleep(300);
+    std::vector<unsigned char> src = ReadFile(Fixture("wav8_mono_8k.wav"), 44), twice;
+    for (unsigned char s : src) twice.insert(twice.end(), {s, s});
+    ExpectStream(fl, twice);
+    ExpectStream(party, twice);
+    EXPECT_EQ(8, fl->Report().sdpBits);
+    EXPECT_EQ(8000, fl->Report().sdpRate);
+}
+
+TEST_F(Playback, Mp3ArrivesAsTheReadersDecode) {
+    std::string path = Fixture("sine_mono_44k.mp3");
+    // The reference: the same file through the streamer's own MP3 reader.
+    std::vector<unsigned char> pcm;
+    {
+        CAVStreamer ref(nullptr, nullptr, 0);
+        long fd = ref.Mp3ToPcm_FileOpen(path.c_str());
+        ASSERT_GE(fd, 1);
+        std::vector<char> frame(AV_MP3_BUF_SIZE);
+        for (long n; (n = ref.Mp3ToPcm_FileRead(fd, frame.data(), frame.size())) >= 0;)
+            pcm.insert(pcm.end(), frame.begin(), frame.begin() + n);
+        ref.Mp3ToPcm_FileClose(fd);
+    }
+    ASSERT_GT(pcm.size(), 100000u);
+    ReceiverEmulator* fr = AddReceiver("127.0.0.2", AV_CHANNEL_FRONT_RIGHT);
+    ReceiverEmulator* party = AddReceiver("127.0.0.3", AV_CHANNEL_PARTY);
+    ASSERT_EQ(0, Play(path, "audio/mpeg", 1, 44100));
+    ASSERT_TRUE(WaitEnd());
+    PAL_ThreadSleep(300);
+    ExpectStream(fr, Role16(pcm, 1, 0));
+    ExpectStream(party, Role16(pcm, 1, 0));
+}
+
+TEST_F(Playback, ContentEndsByTheWaitLimitWhenAReceiverNeverPlays) {
+    // The only receiver connects but never asks to PLAY: its queue never
+    // drains, so the end comes from the wait limit (2321 ms at 44.1 kHz).
+    ScriptedReceiver stalled("127.0.0.2");
+    AV_RECEIVER& r = ri.AVReceiver[(int)ri.nAVReceiverCnt++];
+    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.2");
+    r.ChannelType = AV_CHANNEL_PARTY;
+    r.bActive = 1;
+    LogCapture log;
+    ASSERT_EQ(0, Play(Fixture("wav16_stereo_44k.wav"), "audio/x-wav", 2, 44100));
+    ASSERT_TRUE(stalled.Connect(kTcp));
+    unsigned int t0 = NowMs();
+    ASSERT_TRUE(WaitEnd(15000));
+    EXPECT_GE(NowMs() - t0, 2321u);
+    std::string line = log.Find("[AVStreamer m_groupId : 42] MusicSourceThread :  wait time = ");
+    ASSERT_FALSE(line.empty());
+    EXPECT_GT(atoi(line.c_str() + line.rfind(' ')), 2321);
+    // Nothing more happens after the end: one report only.
+    PAL_ThreadSleep(300);
+    EXPECT_EQ(1, events.Count(AVMSG_SERVICE_STOP));
+}
+
+TEST_F(Playback, PauseResumeAndSeekMoveTheAudioAndTheProgress) {
+    std::string path = PositionWav(8);
+    ReceiverEmulator* party = AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
+    ReceiverEmulator* fl = AddReceiver("127.0.0.3", AV_CHANNEL_FRONT_LEFT);
+    ASSERT_EQ(0, Play(path, "audio/x-wav", 2, 44100, 1));  // starts 1 s in
+    ASSERT_TRUE(party->WaitForPackets(60, 10000));
+    EXPECT_EQ(44100u, FrameAt(party->Pcm(), 0));
+
+    st->AVStreamerPause();
+    ASSERT_TRUE(party->WaitForCommand("PAUSE", 3000));
+    ASSERT_TRUE(fl->WaitForCommand("PAUSE", 3000));
+    PAL_ThreadSleep(100);
+    unsigned int pausedAt = party->Report().packets;
+    PAL_ThreadSleep(500);
+    EXPECT_EQ(pausedAt, party->Report().packets);  // no audio while paused
+    st->AVStreamerResume();
+    ASSERT_TRUE(party->WaitForCommand("RESUME", 3000));
+    ASSERT_TRUE(party->WaitForPackets(pausedAt + 20, 5000));
+    ReceiverReport rep = party->Report();
+    EXPECT_GE(rep.expectedGaps, 1u);  // the sequence ran on while paused
+    EXPECT_EQ(0u, rep.seqGaps);       // the only jump is the one the pause explains
+    // The audio itself goes on where it stopped.
+    std::vector<unsigned char> pcm = party->Pcm();
+    for (size_t off = 1400; off + 4 <= pcm.size(); off += 1400)
+        ASSERT_EQ(FrameAt(pcm, off - 4) + 1, FrameAt(pcm, off)) << off;
+
+    // Seek while playing, and again to the same offset: after each SEEK the
+    // audio starts at the new position and progress follows it.
+    for (int round = 0; round < 2; round++) {
+        size_t before = party->Pcm().size();
+        st->AVStreamerSeek(5);
+        ASSERT_TRUE(WaitUntil([&] { return party->Commands().size() > 0; }));
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                std::vector<ReceiverCommand> c = fl->Commands();
+                return std::count_if(c.begin(), c.end(), [](const ReceiverCommand& x) {
+                           return strcmp(x.keyword, "SEEK") == 0;
+                       }) == round + 1;
+            },
+            5000));
+        ASSERT_TRUE(party->WaitForPackets(party->Report().packets + 40, 5000));
+        pcm = party->Pcm();
+        size_t at = before;
+        while (at < pcm.size() && FrameAt(pcm, at) != 5u * 44100) at += 1400;
+        ASSERT_LT(at, pcm.size()) << "round " << round;
+        for (size_t off = at + 1400; off + 4 <= pcm.size(); off += 1400)
+            ASSERT_EQ(FrameAt(pcm, off - 4) + 1, FrameAt(pcm, off)) << off;
+        StreamerEvent progress;
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                std::vector<StreamerEvent> all = events.All();
+                return !all.empty() && all.back().code == AVMSG_PLAY_PROGRESS && all.back().b >= 5;
+            },
+            5000));
+    }
+
+    // Seek while paused is allowed by the state table; after resume the audio
+    // comes from the new place.
+    st->AVStreamerPause();
+    size_t before = party->Pcm().size();
+    st->AVStreamerSeek(7);
+    st->AVStreamerResume();
+    ASSERT_TRUE(party->WaitForPackets(party->Report().packets + 20, 5000));
+    pcm = party->Pcm();
+    bool found = false;
+    for (size_t at = before; at < pcm.size() && !found; at += 1400)
+        found = FrameAt(pcm, at) == 7u * 44100;
+    EXPECT_TRUE(found);
+
+    // After the end a seek is acknowledged at once and still announced.
+    ASSERT_TRUE(WaitEnd(15000));
+    unsigned int t0 = NowMs();
+    st->AVStreamerSeek(2);
+    EXPECT_LT(NowMs() - t0, 1000u);
+    ASSERT_TRUE(WaitUntil([&] {
+        std::vector<ReceiverCommand> c = fl->Commands();
+        return std::count_if(c.begin(), c.end(), [](const ReceiverCommand& x) {
+                   return strcmp(x.keyword, "SEEK") == 0;
+               }) == 4;
+    }));
+    unlink(path.c_str());
+}
+
+TEST_F(Playback, ReceiversJoinAndLeaveAPlayingGroup) {
+    std::string path = PositionWav(12);
+    ReceiverEmulator* a = AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
+    ReceiverEmulator* b = AddReceiver("127.0.0.3", AV_CHANNEL_PARTY);
+    ReceiverEmulator* joiner = AddReceiver("127.0.0.4", AV_CHANNEL_PARTY, 5, false);
+    ASSERT_EQ(0, Play(path, "audio/x-wav", 2, 44100));
+    ASSERT_TRUE(a->WaitForPackets(100, 10000));
+
+    // Leave with the acknowledgement (the emulator answers BYE).
+    EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.3"));
+    EXPECT_TRUE(b->WaitForDisconnect(3000));
+    EXPECT_EQ(1, st->_receiver_count());
+
+    // Join: searched by unicast, connects, and plays in step with the other.
+    AV_RECEIVER r{};
+    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.4");
+    r.ChannelType = AV_CHANNEL_PARTY;
+    r._volume = 3;
+    r.bActive = 1;
+    EXPECT_EQ(0, st->AVStreamerReceiverIn(r));
+    ASSERT_TRUE(joiner->WaitForHandshake(RX_HS_PLAYING, 5000));
+    ASSERT_TRUE(joiner->WaitForPackets(50, 15000));
+    EXPECT_GE(joiner->Report().searchesForMe, 1u);
+    // Held still by a pause, both have the packets of the same last pass:
+    // the same sequence number carries the same position.
+    st->AVStreamerPause();
+    ASSERT_TRUE(joiner->WaitForCommand("PAUSE", 3000));
+    PAL_ThreadSleep(200);
+    std::vector<unsigned char> pa = a->Pcm(), pj = joiner->Pcm();
+    EXPECT_EQ(a->Report().lastSeq, joiner->Report().lastSeq);
+    EXPECT_EQ(FrameAt(pa, pa.size() - 1400), FrameAt(pj, pj.size() - 1400));
+    st->AVStreamerResume();
+
+    // Leave without an acknowledgement: released after a second; the last
+    // one out ends the service with 0.
+    a->SetAnswerBye(false);
+    EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.2"));
+    EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.4"));
+    EXPECT_EQ(269, st->AVStreamerReceiverOut("127.0.0.4"));
+    StreamerEvent stop;
+    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 3000, &stop));
+    EXPECT_EQ(0, stop.b);
+    EXPECT_EQ(0, st->_receiver_count());
+    unlink(path.c_str());
+}
+
+TEST_F(Playback, OpenAndInitFailuresGiveTheirCodes) {
+    ReceiverEmulator* r = AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
+    EXPECT_EQ(1066, Play("/nonexistent/song.wav", "audio/x-wav", 2, 44100));
+    st->AVStreamerClose();
+    EXPECT_EQ(1066, Play("/nonexistent/song.mp3", "audio/mpeg", 2, 44100));
+    st->AVStreamerClose();
+    EXPECT_EQ(1, st->AVStreamerInit(&ri, nullptr, 0));
+
+    // Another type is read as raw PCM; then the open's own checks.
+    mi.NumChannels = 2;
+    mi.SampleRate = 44100;
+    snprintf(mi.pMime, sizeof(mi.pMime), "audio/L16");
+    snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s", Fixture("wav16_stereo_44k.wav").c_str());
+    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
+    EXPECT_EQ(263, st->AVStreamerInit(&ri, &mi, 0));
+    EXPECT_EQ(9, st->AVStreamerOpen(kTcp, kRtp, "224.1.2.4", 20, 0));
+    st->AVStreamerClose();
+    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
+    setenv("SONVARA_IFACE", "nosuch0", 1);
+    EXPECT_EQ(7, st->AVStreamerOpen(kTcp, kRtp, kUrl, 40, 0));
+    unsetenv("SONVARA_IFACE");
+    EXPECT_EQ(15, st->m_nVolume);
+    EXPECT_STREQ("224.1.2.4", st->m_pMulticastIP);
+    EXPECT_EQ(21234, st->m_MulticastPort);
+    st->AVStreamerClose();
+
+    // The control port is taken: the server drifts upwards and the SEARCH
+    // tells the receivers where.
+    int blocker = socket(AF_INET, SOCK_STREAM, 0), one = 1;
+    setsockopt(blocker, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    struct sockaddr_in sa;
+    rx_sockaddr("0.0.0.0", kTcp, &sa);
+    ASSERT_EQ(0, bind(blocker, (struct sockaddr*)&sa, sizeof(sa)));
+    ASSERT_EQ(0, listen(blocker, 1));
+    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
+    ASSERT_EQ(0, st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, 0));
+    EXPECT_EQ(264, st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, 0));
+    EXPECT_NE(kTcp, st->m_TcpSvr.uwPort);
+    EXPECT_EQ(0, st->ReceiverSearch(&ri));
+    ASSERT_TRUE(r->WaitForPackets(10, 10000));
+    EXPECT_EQ(st->m_TcpSvr.uwPort, r->Report().serverPort);
+    close(blocker);
+}
+
+TEST_F(Playback, RepeatedLivesLeaveNoThreadDescriptorOrMemoryBehind) {
+    ReceiverEmulator* r = AddReceiver("127.0.0.2", AV_CHANNEL_FRONT_LEFT);
+    st = new CAVStreamer(&EventLog::Notify, &events, 42);
+    auto life = [&](const char* file, const char* mime) {
+        ASSERT_EQ(0, Play(Fixture(file), mime, 2, 44100));
+        unsigned int packets = r->Report().packets;
+        ASSERT_TRUE(r->WaitForPackets(packets + 3, 10000));
+        st->AVStreamerClose();
+        ASSERT_TRUE(r->WaitForDisconnect(3000));
+    };
+    // The first lives warm up the allocator and the emulator.
+    life("wav16_stereo_44k.wav", "audio/x-wav");
+    life("sine_cbr128_id3.mp3", "audio/mpeg");
+    int threads = CountEntries("/proc/self/task"), fds = CountEntries("/proc/self/fd");
+    size_t heap = mallinfo2().uordblks;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int kLives = 40;  // the sanitizers slow every life several times over
+#else
+    const int kLives = 200;
+#endif
+    for (int i = 0; i < kLives; i++)
+        life(i % 2 ? "sine_cbr128_id3.mp3" : "wav16_stereo_44k.wav",
+             i % 2 ? "audio/mpeg" : "audio/x-wav");
+    EXPECT_EQ(threads, CountEntries("/proc/self/task"));
+    EXPECT_EQ(fds, CountEntries("/proc/self/fd"));
+    // The emulator keeps what it receives; allow for that, not for a leak
+    // per life.
+    size_t kept = r->Pcm().size();
+    EXPECT_LT(mallinfo2().uordblks, heap + kept + 256 * 1024);
+}
