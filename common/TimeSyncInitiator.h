@@ -22,10 +22,15 @@ SONVARA_COMMON_API int TimeSyncInitiator_Create(unsigned int groupAddr, unsigned
                                                 unsigned int myAddr, TIMESYNC_CLOCK_FUNC clock);
 // Opens the socket and starts answering time requests. 0 on success.
 SONVARA_COMMON_API int TimeSyncInitiator_Start(void);
-// One burst of announcements: every intervalUs for durationUs.
+// One burst of announcements on the group: one at once, then one every
+// intervalUs (microseconds) until durationUs (microseconds) have passed.
+// Each announcement asks every receiver to measure its clock now. -1 when
+// the initiator is not started.
 SONVARA_COMMON_API int TimeSyncInitiator_SyncOnce(unsigned int intervalUs, unsigned int durationUs);
-// Announcements while a stream plays: every intervalUs for durationUs, then
-// every steadyIntervalUs until StopSync. Calls nest (one per streamer).
+// Announcements while a stream plays: a burst as SyncOnce(intervalUs,
+// durationUs), then one every steadyIntervalUs until the matching StopSync
+// (all in microseconds). Calls nest (one per streamer); while several are
+// active the smallest steady interval is used. -1 when not started.
 SONVARA_COMMON_API int TimeSyncInitiator_StartSync(unsigned int intervalUs, unsigned int durationUs,
                                                    unsigned int steadyIntervalUs);
 SONVARA_COMMON_API int TimeSyncInitiator_StopSync(void);
@@ -35,7 +40,9 @@ SONVARA_COMMON_API void TimeSyncInitiator_Delete(void);
 // The master clock in milliseconds (works before Create, from the boot clock).
 SONVARA_COMMON_API unsigned int TimeSyncInitiator_GetCurrentClock(void);
 
-// One sync step of the sync trigger; returns milliseconds until the next.
+// One sync step of the sync trigger: asks for an announcement when none was
+// sent for 10 s (keeps idle receivers in step); returns milliseconds until
+// the next step (1000).
 SONVARA_COMMON_API unsigned int PAL_SyncInterval(void);
 }
 

@@ -64,10 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     p->GetFileInfo(&channels, &rate);
     walk(*p, 64);
     // Seek targets from the last bytes of the input, negative ones included.
-    long long target = 0;
-    for (size_t i = 0; i < 8 && i < size; i++) target = (target << 8) | data[size - 1 - i];
+    unsigned long long bits = 0;
+    for (size_t i = 0; i < 8 && i < size; i++) bits = (bits << 8) | data[size - 1 - i];
+    const long long target = (long long)bits, negated = (long long)(0ULL - bits);
     const long long targets[] = {0,       target,           target % 600000000LL,
-                                 -target, p->mDuration / 2, p->mDuration + 1};
+                                 negated, p->mDuration / 2, p->mDuration + 1};
     for (long long t : targets) {
         p->setSeekTo(t);
         walk(*p, 8);

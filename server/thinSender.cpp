@@ -59,13 +59,6 @@ void _destroy_dlna(CAVRepDlna* dlna, bool bReceiveOpen) {
     delete dlna;
 }
 
-// The streamer's initialisation, open and close are still being written;
-// until they are in, the facade answers as if each had failed.
-int _not_yet(const char* what) {
-    debug_UI("[thinSender] %s not available yet", what);
-    return TAV_NOT_READY;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- streamers
@@ -91,16 +84,12 @@ int AVSenderOpen(int handle, uint16_t TcpSvrPort, uint16_t UdpSvrPort, const cha
              offset_time);
     HeldStreamer s(_streamers(), handle);
     if (!s || !pAVMusicInfo) return AVSENDER_ERR_NULL_HANDLE;
-    int r = _not_yet("AVStreamerInit");
-    (void)pAVReceiverInfo;
+    int r = s->AVStreamerInit(pAVReceiverInfo, pAVMusicInfo, offset_time);
     if (r != 0) {
         debug_UI("AVStreamerInit err %d", r);
         return AVSENDER_ERR_INIT;
     }
-    (void)TcpSvrPort;
-    (void)UdpSvrPort;
-    (void)pMulticastUrl;
-    r = _not_yet("AVStreamerOpen");
+    r = s->AVStreamerOpen(TcpSvrPort, UdpSvrPort, pMulticastUrl, nVolume, offset_time);
     if (r != 0) {
         debug_UI("AVStreamerOpen err %d", r);
         return AVSENDER_ERR_OPEN;
@@ -112,7 +101,7 @@ int AVSenderClose(int handle) {
     debug_UI("[thinSender] AVSenderClose()");
     HeldStreamer s(_streamers(), handle);
     if (!s) return AVSENDER_ERR_NULL_STREAMER;
-    _not_yet("AVStreamerClose");
+    s->AVStreamerClose();
     return AVSENDER_OK;
 }
 

@@ -247,6 +247,19 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     EXPECT_EQ(1u, m.jumps);
     EXPECT_EQ(40u, m.matched);
 
+    // A pause that dropped a chunk for a full buffer: one packet is cut.
+    rx = packets(ref, 0, 10);
+    std::vector<unsigned char> cut = packets(ref, 10 * DEMO_PACKET_BYTES, 1);
+    cut.resize(600);
+    append(&cut, packets(ref, 14 * DEMO_PACKET_BYTES + 600 + 6144, 1));
+    cut.resize(DEMO_PACKET_BYTES);
+    append(&rx, cut);
+    append(&rx, packets(ref, 15 * DEMO_PACKET_BYTES + 6144, 10));
+    DemoCompare(ref, rx, 4, &m);
+    EXPECT_EQ(DEMO_EXACT_RUNS, m.verdict);
+    EXPECT_EQ(21u, m.matched);
+    EXPECT_EQ(1u, m.jumps);
+
     // The other channel, one flipped bit, nothing.
     DemoCompare(ref, packets(left, 0, 30), 4, &m);
     EXPECT_EQ(DEMO_DIFFERS, m.verdict);

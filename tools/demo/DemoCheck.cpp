@@ -20,6 +20,7 @@ namespace {
 
 const size_t kPcmBufferBytes = 12288;  // one decoded frame always fits
 const unsigned int kMaxFailedSearches = 32;
+const size_t kMinTailBytes = 32;  // shorter pieces of audio may match anywhere
 
 uint32_t le32(const unsigned char* p) {
     return (uint32_t)p[0] | ((uint32_t)p[1] << 8) | ((uint32_t)p[2] << 16) | ((uint32_t)p[3] << 24);
@@ -324,11 +325,21 @@ void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
             out->silent++;
             continue;
         }
+        // A packet may also be cut where the sender dropped a chunk (a pause
+        // abandons one for a full buffer): its head continues the run and
+        // its tail, if long enough to be told apart, starts the next one.
+        size_t head = 0;
+        if (ref != nullptr && pos < ref->size()) {
+            const size_t most = ref->size() - pos < n ? ref->size() - pos : n;
+            while (head < most && (*ref)[pos + head] == pkt[head]) head++;
+            head -= head % step;
+            if (n - head < kMinTailBytes) head = 0;
+        }
         const std::vector<unsigned char>* foundIn = nullptr;
         size_t found = SIZE_MAX;
         for (size_t r = 0; r < refs.size() && found == SIZE_MAX; r++) {
             if (failedSearches >= kMaxFailedSearches || refs[r] == nullptr) break;
-            found = _find(*refs[r], pkt, n, step);
+            found = _find(*refs[r], pkt + head, n - head, step);
             foundIn = refs[r];
         }
         if (found == SIZE_MAX) {
@@ -345,7 +356,7 @@ void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
         }
         ref = foundIn;
         out->matched++;
-        pos = found + n;
+        pos = found + (n - head);
     }
     out->endOffset = ref != nullptr ? pos : 0;
     out->referenceBytes = ref != nullptr ? ref->size() : refs.empty() ? 0 : refs[0]->size();

@@ -101,6 +101,8 @@ public final class Demo {
     private final SonvaraNativeMgr mgr = new SonvaraNativeMgr();
     private final Events events = new Events();
     private final long startMs = System.currentTimeMillis();
+    private final boolean interactive = System.console() != null;
+    private int lastDrawn = Integer.MIN_VALUE;
 
     Demo(Options opt) {
         this.opt = opt;
@@ -244,7 +246,7 @@ public final class Demo {
             groupId = makeGroup(found, dir);
             play(groupId);
         } catch (DemoFailure e) {
-            System.out.println();
+            endBar();
             System.err.println("demo: " + e.getMessage());
             rc = 1;
         } catch (InterruptedException e) {
@@ -376,13 +378,13 @@ public final class Demo {
             drawBar(pos);
             if (!seekDone && pos >= 1) {
                 seekDone = true;
-                System.out.println();
+                endBar();
                 check("seekTo", mgr.seekTo(groupId, opt.seekSec), "the streamer's seek");
                 say("seek to " + opt.seekSec + " s");
             }
             if (!pauseDone && pos >= 1) {
                 pauseDone = true;
-                System.out.println();
+                endBar();
                 check("Pause", mgr.Pause(groupId), "the streamer's pause");
                 say("paused for 2 s");
                 Thread.sleep(2000);
@@ -397,21 +399,34 @@ public final class Demo {
             }
         }
         drawBar(events.progress.get());
-        System.out.println();
+        endBar();
         say("end of content reported (NotifyServiceStop for group " + events.stopGroup + ")");
     }
 
+    /**
+     * Draws the bar when the position changed: in place on a terminal, one
+     * line per second into a log.
+     */
     void drawBar(int pos) {
+        if (pos == lastDrawn) return;
+        lastDrawn = pos;
         final int width = 40;
         int dur = opt.durationSec;
         int shown = Math.max(pos, 0);
         int filled = dur > 0 ? Math.min(width, shown * width / dur) : 0;
-        StringBuilder bar = new StringBuilder("\r  [");
+        StringBuilder bar = new StringBuilder(interactive ? "\r  [" : "  [");
         for (int i = 0; i < width; i++) bar.append(i < filled ? '#' : dur > 0 ? '.' : ' ');
         bar.append(String.format("] %d:%02d", shown / 60, shown % 60));
         if (dur > 0) bar.append(String.format(" / %d:%02d", dur / 60, dur % 60));
+        if (!interactive) bar.append('\n');
         System.out.print(bar);
         System.out.flush();
+    }
+
+    /** Ends the bar's line before other output. */
+    void endBar() {
+        if (interactive && lastDrawn != Integer.MIN_VALUE) System.out.println();
+        lastDrawn = Integer.MIN_VALUE;
     }
 
     void report(int rc) {

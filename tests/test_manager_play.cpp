@@ -1,0 +1,267 @@
+// Group playback through the manager alone, against emulated receivers on
+// 127.0.0.x: Open's codes and what it hands the receivers, the service
+// registry, controls of a playing group, Stop, two groups at once, Wi-Fi
+// loss, and the events of a whole play in order.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ReceiverEmulator.h"
+#include "RecordingNotify.h"
+#include "SonvaraMgr.h"
+
+namespace {
+
+// A 16-bit stereo WAV of the given length: a slow ramp, so no packet is silent.
+std::string MakeWav(const std::string& dir, int seconds, int rate = 44100) {
+    std::string path = dir + "/tone_" + std::to_string(seconds) + ".wav";
+    FILE* f = fopen(path.c_str(), "wb");
+    unsigned int data = (unsigned int)seconds * (unsigned int)rate * 4;
+    unsigned char h[44] = {'R', 'I', 'F', 'F', 0,  0, 0,   0,   'W', 'A', 'V', 'E', 'f', 'm', 't',
+                           ' ', 16,  0,   0,   0,  1, 0,   2,   0,   0,   0,   0,   0,   0,   0,
+                           0,   0,   4,   0,   16, 0, 'd', 'a', 't', 'a', 0,   0,   0,   0};
+    auto put32 = [&](int at, unsigned int v) {
+        for (int i = 0; i < 4; i++) h[at + i] = (unsigned char)(v >> (8 * i));
+    };
+    put32(4, 36 + data);
+    put32(24, (unsigned int)rate);
+    put32(28, (unsigned int)rate * 4);
+    put32(40, data);
+    fwrite(h, 1, sizeof(h), f);
+    std::vector<short> frame(2 * (size_t)rate);
+    for (int s = 0; s < seconds; s++) {
+        for (int i = 0; i < rate; i++) frame[2 * i] = frame[2 * i + 1] = (short)(1000 + (i % 2000));
+        fwrite(frame.data(), sizeof(short), frame.size(), f);
+    }
+    fclose(f);
+    return path;
+}
+
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/mgrplay.XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~TempDir() {
+        std::string cmd = "rm -rf '" + path + "'";
+        if (system(cmd.c_str()) != 0) perror("rm");
+    }
+    std::string path;
+};
+
+std::unique_ptr<ReceiverEmulator> Receiver(int i) {
+    ReceiverConfig cfg;
+    std::string ip = "127.0.0." + std::to_string(2 + i);
+    ReceiverConfigDefaults(&cfg, ip.c_str());
+    cfg.pcmLimitBytes = 4 << 20;
+    std::unique_ptr<ReceiverEmulator> rx(new ReceiverEmulator(cfg));
+    return rx->Start() == 0 ? std::move(rx) : nullptr;
+}
+
+class Play : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mgr.reset(new PlurafonMgr("sender-guid", nullptr));
+        ASSERT_EQ(0, mgr->initCheck());
+        mgr->SetNoitfyObject(&events);
+        ASSERT_EQ(0, mgr->ConnectedWiFi());
+    }
+    void TearDown() override { mgr.reset(); }
+
+    // Emulators 0..n-1, found by a search.
+    void Receivers(int n) {
+        for (int i = 0; i < n; i++) {
+            rx.push_back(Receiver(i));
+            ASSERT_TRUE(rx.back());
+        }
+        ASSERT_EQ(0, mgr->SearchDevice(true));
+        ASSERT_EQ(n, events.Count("Device "));
+    }
+    const char* Ip(int i) { return rx[i]->Config().address; }
+    const char* Mac(int i) { return rx[i]->Config().mac; }
+    int Group(const char* name, std::vector<int> members, int type = AV_CHANNEL_PARTY) {
+        int g = mgr->CreateGroup(name);
+        for (int i : members) EXPECT_EQ(0, mgr->AddDevice(g, Ip(i), Mac(i), type, 1));
+        return g;
+    }
+
+    TempDir dir;
+    std::unique_ptr<PlurafonMgr> mgr;
+    RecordingNotify events;
+    std::vector<std::unique_ptr<ReceiverEmulator>> rx;
+};
+
+}  // namespace
+
+TEST_F(Play, OpenControlAndStopOneGroup) {
+    Receivers(3);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = mgr->CreateGroup("Stereo");
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(0), Mac(0), AV_CHANNEL_FRONT_LEFT, 1));
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 1));
+
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 20, 0, 0));
+    for (int i : {0, 1}) ASSERT_TRUE(rx[i]->WaitForPackets(20, 15000));
+    ReceiverReport left = rx[0]->Report();
+    EXPECT_STREQ("Front_Left", left.startRole);
+    EXPECT_EQ(15, left.volume);  // 20 is capped
+    EXPECT_STREQ("Front_Right", rx[1]->Report().startRole);
+    EXPECT_EQ(DEVICE_STATE_PLAY, mgr->GetDeviceStateInGroup(g, 0));
+    EXPECT_EQ(DEVICE_STATE_PLAY, mgr->GetDeviceStateInGroup(g, 1));
+    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(g, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
+
+    // A playing group can't be opened again or deleted.
+    EXPECT_EQ(261, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(273, mgr->DeleteGroup(g));
+    ASSERT_TRUE(events.WaitFor("Progress " + std::to_string(g) + " ", 2));
+
+    // What a receiver tells the stream reaches the application.
+    ASSERT_GE(rx[0]->SendVolumeChanged(9), 0);
+    std::string gs = std::to_string(g);
+    // (a blocking search learns no names)
+    EXPECT_TRUE(events.WaitFor("Volume " + gs + " " + Ip(0) + " " + Mac(0) + " " +
+                               rx[0]->Config().guid + "  9"));
+
+    // Controls pass through to the receivers.
+    EXPECT_EQ(0, mgr->ReceiverDeviceVolumeControl(Ip(0), Mac(0), 4));
+    EXPECT_TRUE(rx[0]->WaitForCommand("VOLUME", 5000));
+    EXPECT_EQ(0, mgr->ReceiverVolumeControl(g, 6));
+    EXPECT_EQ(0, mgr->SetReceiverUITypeAll(g, 2));
+    EXPECT_EQ(0, mgr->SetReceiverUIType(Ip(1), Mac(1), 3));
+    EXPECT_TRUE(rx[1]->WaitForCommand("UITYPE", 5000));
+    EXPECT_EQ(0, mgr->Pause(g));
+    EXPECT_TRUE(rx[0]->WaitForCommand("PAUSE", 5000));
+    EXPECT_EQ(0, mgr->Resume(g));
+    EXPECT_TRUE(rx[0]->WaitForCommand("RESUME", 5000));
+    EXPECT_EQ(0, mgr->seekTo(g, 5));
+    EXPECT_TRUE(rx[1]->WaitForCommand("SEEK", 5000));
+
+    // A member taken out of service leaves the stream and the registry.
+    EXPECT_EQ(0, mgr->SetDeviceEnableInGroup(g, Ip(1), Mac(1), 0));
+    EXPECT_EQ(1, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 1));
+    EXPECT_EQ(1, mgr->SetDeviceEnableInGroup(g, Ip(1), Mac(1), 1));
+    EXPECT_EQ(0, mgr->DevicePlay(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 30));
+    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(0, mgr->DevicePlay(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 30));  // already
+
+    // A member removed from a playing group leaves its stream too.
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(2), Mac(2), AV_CHANNEL_WOOFER, 1));
+    ASSERT_EQ(0, mgr->DevicePlay(g, Ip(2), Mac(2), AV_CHANNEL_WOOFER, 5));
+    ASSERT_TRUE(rx[2]->WaitForPackets(10, 15000));
+    EXPECT_EQ(3, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(0, mgr->ReceiverOut(g, Ip(2), Mac(2)));
+    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(2, mgr->GetDeviceCountInGroup(g));
+    EXPECT_TRUE(rx[2]->WaitForCommand("BYE", 10000));
+
+    // Stop blocks until the streamer is gone; members go back to standby.
+    ASSERT_EQ(0, mgr->Stop(g, 0));
+    EXPECT_TRUE(rx[0]->WaitForDisconnect(5000));
+    EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 0));
+    EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 1));
+    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(265, mgr->Stop(g, 0));
+    EXPECT_EQ(265, mgr->Pause(g));
+    EXPECT_EQ(0, mgr->DeleteGroup(g));
+}
+
+TEST_F(Play, TwoGroupsAtOnceEachStoppedOnItsOwn) {
+    Receivers(3);
+    std::string wav = MakeWav(dir.path, 20);
+    int g1 = Group("One", {0});
+    int g2 = Group("Two", {1, 2});
+    ASSERT_EQ(0, mgr->Open(g1, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
+    ASSERT_EQ(0, mgr->Open(g2, wav.c_str(), "B", "audio/x-wav", 2, 44100, 5, 0, 1));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(20, 15000));
+    EXPECT_EQ(1, mgr->ServiceDeviceGetCntList());  // g2 was opened for reuse
+    ASSERT_EQ(0, mgr->Stop(g1, 0));
+    unsigned int before = rx[1]->Report().packets;
+    EXPECT_TRUE(rx[1]->WaitForPackets(before + 20, 10000));
+    ASSERT_EQ(0, mgr->Stop(g2, 0));
+}
+
+TEST_F(Play, WiFiLossStopsEveryPlayingGroup) {
+    Receivers(2);
+    std::string wav = MakeWav(dir.path, 20);
+    int g1 = Group("One", {0});
+    int g2 = Group("Two", {1});
+    ASSERT_EQ(0, mgr->Open(g1, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
+    ASSERT_EQ(0, mgr->Open(g2, wav.c_str(), "B", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
+    ASSERT_EQ(0, mgr->DisconnectedWiFi());
+    EXPECT_EQ(265, mgr->Stop(g1, 0));
+    EXPECT_EQ(265, mgr->Stop(g2, 0));
+    EXPECT_EQ(DEVICE_STATE_OFF, mgr->GetDeviceStateInGroup(g1, 0));
+    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
+}
+
+TEST_F(Play, ExitAnnouncementTakesAReceiverOutOfItsStream) {
+    Receivers(2);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = Group("G", {0, 1});
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
+    ASSERT_EQ(2, mgr->ServiceDeviceGetCntList());
+    ASSERT_EQ(0, rx[1]->SendExit());
+    ASSERT_TRUE(events.WaitFor(std::string("Die ") + Ip(1)));
+    EXPECT_EQ(DEVICE_STATE_OFF, mgr->GetDeviceStateInGroup(g, 1));
+    EXPECT_EQ(1, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(0, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
+    EXPECT_TRUE(rx[1]->WaitForCommand("BYE", 10000));
+    unsigned int before = rx[0]->Report().packets;
+    EXPECT_TRUE(rx[0]->WaitForPackets(before + 20, 10000));
+    ASSERT_EQ(0, mgr->Stop(g, 0));
+}
+
+TEST_F(Play, ALeavingReceiverAndAManagerDestroyedWhilePlaying) {
+    Receivers(2);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = Group("G", {0, 1});
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
+    rx[1]->SendJoin();
+    ASSERT_GE(rx[1]->SendLeave(), 0);
+    EXPECT_TRUE(events.WaitFor("Leave " + std::to_string(g) + " " + Ip(1)));
+    // The destructor stops what still plays.
+    mgr.reset();
+    EXPECT_TRUE(rx[0]->WaitForDisconnect(10000));
+}
+
+TEST_F(Play, EventsOfAWholePlayInOrder) {
+    Receivers(1);
+    std::string wav = MakeWav(dir.path, 3);
+    int g = Group("G", {0});
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "Short", "audio/x-wav", 2, 44100, 5, 0, 0));
+    ASSERT_TRUE(rx[0]->WaitForHandshake(RX_HS_PLAYING, 15000));
+    rx[0]->SendJoin(4242, 3);  // three copies of one request: acted on once
+    ASSERT_TRUE(events.WaitFor("ServiceStop " + std::to_string(g), 1, 30000));
+    ASSERT_EQ(0, mgr->Stop(g, 0));
+
+    std::vector<std::string> seen;
+    for (auto& line : events.Lines()) {
+        if (line.compare(0, 7, "Device ") != 0) seen.push_back(line);
+    }
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(1, events.Count("Join "));
+    // Progress climbs second by second and the stop comes last.
+    int last = -1;
+    for (auto& line : seen) {
+        int id = 0, sec = 0;
+        if (sscanf(line.c_str(), "Progress %d %d", &id, &sec) == 2) {
+            EXPECT_EQ(g, id);
+            EXPECT_GT(sec, last);
+            last = sec;
+        }
+    }
+    EXPECT_GE(last, 1);
+    EXPECT_EQ(0u, seen.back().find("ServiceStop " + std::to_string(g)));
+}
