@@ -10,11 +10,15 @@ public final class JvmTests {
     private JvmTests() {}
 
     public static void main(String[] args) throws Exception {
-        if (args.length != 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress");
+        if (args.length < 1) {
+            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress"
+                    + " | without <callback method>");
             System.exit(2);
         }
         switch (args[0]) {
+            case "without":
+                VariantTests.run(args[1]);
+                break;
             case "notifier":
                 NotifierTests.run();
                 break;

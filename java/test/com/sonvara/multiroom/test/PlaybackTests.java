@@ -105,6 +105,7 @@ final class PlaybackTests {
         for (EventLog.Event e : log.events()) {
             if (!e.text.startsWith("PlayProgress|")) continue;
             Check.ok("progress off the Java thread", e.thread != Thread.currentThread());
+            e.thread.join(5000); // the detach follows the event's return
             Check.ok("progress thread detached after the event", !e.thread.isAlive());
         }
 
