@@ -123,6 +123,13 @@ TEST_F(Play, OpenControlAndStopOneGroup) {
     EXPECT_EQ(273, mgr->DeleteGroup(g));
     ASSERT_TRUE(events.WaitFor("Progress " + std::to_string(g) + " ", 2));
 
+    // What a receiver tells the stream reaches the application.
+    ASSERT_GE(rx[0]->SendVolumeChanged(9), 0);
+    std::string gs = std::to_string(g);
+    // (a blocking search learns no names)
+    EXPECT_TRUE(events.WaitFor("Volume " + gs + " " + Ip(0) + " " + Mac(0) + " " +
+                               rx[0]->Config().guid + "  9"));
+
     // Controls pass through to the receivers.
     EXPECT_EQ(0, mgr->ReceiverDeviceVolumeControl(Ip(0), Mac(0), 4));
     EXPECT_TRUE(rx[0]->WaitForCommand("VOLUME", 5000));
@@ -213,6 +220,20 @@ TEST_F(Play, ExitAnnouncementTakesAReceiverOutOfItsStream) {
     unsigned int before = rx[0]->Report().packets;
     EXPECT_TRUE(rx[0]->WaitForPackets(before + 20, 10000));
     ASSERT_EQ(0, mgr->Stop(g, 0));
+}
+
+TEST_F(Play, ALeavingReceiverAndAManagerDestroyedWhilePlaying) {
+    Receivers(2);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = Group("G", {0, 1});
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
+    rx[1]->SendJoin();
+    ASSERT_GE(rx[1]->SendLeave(), 0);
+    EXPECT_TRUE(events.WaitFor("Leave " + std::to_string(g) + " " + Ip(1)));
+    // The destructor stops what still plays.
+    mgr.reset();
+    EXPECT_TRUE(rx[0]->WaitForDisconnect(10000));
 }
 
 TEST_F(Play, EventsOfAWholePlayInOrder) {
