@@ -28,7 +28,7 @@ enum { CONV_NONE, CONV_8BIT, CONV_16BIT, CONV_PARTY_MULTI, CONV_SKIP };
 
 static int pick_conversion(AV_CHANNEL_TYPE type, unsigned c, unsigned b) {
     if (type == AV_CHANNEL_PARTY) {
-        if (c == 1) return b == 1 ? CONV_8BIT : CONV_16BIT;
+        if (c == 1) return b == 1 ? CONV_8BIT : b == 2 ? CONV_16BIT : CONV_SKIP;
         if (c <= 2) return CONV_NONE;
         return CONV_PARTY_MULTI;
     }

@@ -41,8 +41,10 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
     // Every connected receiver must have asked to PLAY before the clock runs.
     while (!self->m_bSerExit) {
         int ready = 0;
+        // A released session's state means nothing (a LEAVE can carry more
+        // keywords behind it): only connected sessions count.
         for (int i = 0; i < AV_MAX_RECEIVER; i++)
-            if (sess[i].ServerState == AV_STREAMER_STATE_PLAY) ready++;
+            if (sess[i].bActive && sess[i].ServerState == AV_STREAMER_STATE_PLAY) ready++;
         int sessCnt = self->m_AVRcvSessInfo.nAVRcvSessCnt;
         if (ready == sessCnt) {
             debug_UI("nReadyCnt %d", ready);
