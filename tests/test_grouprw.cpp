@@ -12,19 +12,14 @@
 #include <vector>
 
 #include "Grouprw.h"
+#include "TempDir.h"
 
 namespace {
 
-class TempDir {
+// A temporary directory holding one group file.
+class GroupDir : public TempDir {
 public:
-    TempDir() {
-        char tmpl[] = "/tmp/grouprw.XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        if (system(cmd.c_str()) != 0) perror("rm");
-    }
+    GroupDir() : TempDir("grouprw") {}
     std::string file() const { return path + "/multi_group_play.ini"; }
     void write(const std::string& bytes) const {
         std::ofstream out(file(), std::ios::binary);
@@ -36,7 +31,6 @@ public:
         ss << in.rdbuf();
         return ss.str();
     }
-    std::string path;
 };
 
 // Groups and device records built by hand, freed at the end of a test.
@@ -104,7 +98,7 @@ struct Loaded {
 };
 
 Loaded load(const std::string& bytes) {
-    TempDir dir;
+    GroupDir dir;
     dir.write(bytes);
     GroupRW rw;
     Loaded r;
@@ -142,7 +136,7 @@ TEST(GroupRW, SaveWritesCrLfBlocksInListAndMemberOrder) {
     f.member(party, b, AV_CHANNEL_PARTY, 1);
     f.group("Empty", GROUP_MODE_NONE);
 
-    TempDir dir;
+    GroupDir dir;
     GroupRW rw;
     ASSERT_EQ(GROUP_RW_OK, rw.Save(dir.path.c_str(), f.head));
     EXPECT_EQ(
@@ -170,7 +164,7 @@ TEST(GroupRW, LoadReversesMembersAndSharesDeviceRecords) {
     EXPECT_EQ(3, r.devices);  // m2 is one record shared by both groups
 
     // A save/load cycle reverses the members once more.
-    TempDir dir;
+    GroupDir dir;
     dir.write("[GROUP]\r\nname:G\r\nmode:1\r\ndevice:x1|1|1\r\ndevice:x2|2|1\r\n");
     GroupRW first;
     ASSERT_EQ(GROUP_RW_OK, first.Load(dir.path.c_str()));

@@ -12,6 +12,7 @@
 
 #include "RecordingNotify.h"
 #include "SonvaraMgr.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -31,19 +32,6 @@ struct Phone {
     char mac[AV_MAC_LEN] = {0};
     char ip[AV_IP_LEN] = {0};
     Phone() { GetNICInfo(mac, ip); }
-};
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/mgr.XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        if (system(cmd.c_str()) != 0) perror("rm");
-    }
-    std::string path;
 };
 
 std::string Str(const char* text) {

@@ -15,6 +15,7 @@
 #include "ReceiverEmulator.h"
 #include "RecordingNotify.h"
 #include "SonvaraMgr.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -42,19 +43,6 @@ std::string MakeWav(const std::string& dir, int seconds, int rate = 44100) {
     fclose(f);
     return path;
 }
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/mgrplay.XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        if (system(cmd.c_str()) != 0) perror("rm");
-    }
-    std::string path;
-};
 
 std::unique_ptr<ReceiverEmulator> Receiver(int i) {
     ReceiverConfig cfg;
