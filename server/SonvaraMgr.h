@@ -21,7 +21,7 @@
 // Sources: SonvaraMgr.cpp (lifecycle, device registry), SonvaraMgrGroup.cpp
 // (groups and members), SonvaraMgrSearch.cpp (search, joins, events),
 // SonvaraMgrPlay.cpp (group playback, content queries), SonvaraMgrService.cpp
-// (service registries).
+// (service registries), SonvaraMgrRecord.cpp (record allocation).
 #ifndef SONVARAMGR_H
 #define SONVARAMGR_H
 

@@ -165,11 +165,13 @@ TEST_F(Play, OpenControlAndStopOneGroup) {
 TEST_F(Play, TwoGroupsAtOnceEachStoppedOnItsOwn) {
     Receivers(3);
     std::string wav = MakeWav(dir.path, 20);
-    int g1 = Group("One", {0});
+    int g1 = Group("One", {0}, 99);  // a role no receiver knows plays as "None"
     int g2 = Group("Two", {1, 2});
     ASSERT_EQ(0, mgr->Open(g1, wav.c_str(), "A", "audio/x-wav", 2, 44100, 5, 0, 0));
     ASSERT_EQ(0, mgr->Open(g2, wav.c_str(), "B", "audio/x-wav", 2, 44100, 5, 0, 1));
     for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(20, 15000));
+    EXPECT_STREQ("None", rx[0]->Report().startRole);
+    EXPECT_STREQ("Party", rx[1]->Report().startRole);
     EXPECT_EQ(1, mgr->ServiceDeviceGetCntList());  // g2 was opened for reuse
     ASSERT_EQ(0, mgr->Stop(g1, 0));
     unsigned int before = rx[1]->Report().packets;
