@@ -125,8 +125,8 @@ TEST_F(StreamerCommands, LeaveWaitsForTheAcknowledgementOrReleasesItself) {
     });
     EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.3"));
     acker.join();
-    bool acked = false;
-    for (int n = 19; n >= 10; n--)
+    bool acked = false;  // any count left over: the answer beat the time-out
+    for (int n = 19; n >= 1; n--)
         acked =
             acked || log.Has("AVStreamerReceiverOut BYE_ACK check_try count " + std::to_string(n));
     EXPECT_TRUE(acked);
