@@ -157,11 +157,17 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
         return 269;
     }
     // The control server releases the session when the BYE is acknowledged.
+    // It sets BYE and releases under one hold of the session lock, so BYE
+    // read under the lock means the release (and its count) is done.
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     int check_try = 20;
     for (;;) {
         PAL_ThreadSleep(50);
         if (--check_try == 0) break;
-        if (m_AVRcvSessInfo.AVRcvSess[index].ServerState == AV_STREAMER_STATE_BYE) break;
+        PAL_MutexLock(s._lpmutex, 1);
+        bool bye = s.ServerState == AV_STREAMER_STATE_BYE;
+        PAL_MutexUnLock(s._lpmutex);
+        if (bye) break;
     }
     if (check_try == 0) ReceiverRelease(index);
     debug_UI("AVStreamerReceiverOut BYE_ACK check_try count %d", check_try);
