@@ -594,6 +594,7 @@ std::string run_output(const std::string& cmd, int* status) {
 
 TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
     std::string cmd = receiver_command();
+    ASSERT_EQ(0, access(cmd.c_str(), X_OK)) << cmd << " is missing: build the whole tree";
     int status = -1;
     std::string help = run_output(cmd + " --help", &status);
     EXPECT_EQ(0, status);
