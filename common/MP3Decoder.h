@@ -10,7 +10,7 @@
 #include "PAL_Export.h"
 
 struct MP3DEC_DATA {
-    unsigned char* src;    // one complete compressed frame
+    unsigned char* src;  // one complete compressed frame
     unsigned int srcSize;
     unsigned int srcUsed;  // bytes consumed
     unsigned char* dst;    // interleaved signed 16-bit PCM

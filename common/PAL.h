@@ -6,14 +6,14 @@
 #ifndef PAL_H
 #define PAL_H
 
+#include "NICInfo.h"
 #include "PAL_Clock.h"
 #include "PAL_File.h"
 #include "PAL_Socket.h"
 #include "PAL_Sync.h"
 #include "PAL_Thread.h"
 #include "Pal_RingBuf.h"
-#include "debug_UI.h"
-#include "NICInfo.h"
 #include "TimeSyncInitiator.h"
+#include "debug_UI.h"
 
 #endif

@@ -14,8 +14,8 @@ extern "C" {
 enum FOpenMode {
     FOPEN_READ = 1,
     FOPEN_READWRITE = 2,
-    FOPEN_CREATE = 4,    // create or truncate, write
-    FOPEN_APPEND = 8,    // create if missing, write at the end
+    FOPEN_CREATE = 4,  // create or truncate, write
+    FOPEN_APPEND = 8,  // create if missing, write at the end
 };
 
 enum FSeekOrigin {

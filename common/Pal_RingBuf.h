@@ -41,7 +41,8 @@ SONVARA_COMMON_API unsigned int Pal_RingBufGetTimeStamp(PAL_RINGBUF* rb);
 // Bytes read since the stamp was last set (or the buffer reset).
 SONVARA_COMMON_API unsigned long Pal_RingBufGetReadSize(PAL_RINGBUF* rb);
 // Sets stamp and read count together (lines a late receiver up with another).
-SONVARA_COMMON_API void Pal_RingBufSetSync(PAL_RINGBUF* rb, unsigned int ts, unsigned long readSize);
+SONVARA_COMMON_API void Pal_RingBufSetSync(PAL_RINGBUF* rb, unsigned int ts,
+                                           unsigned long readSize);
 }
 
 #endif

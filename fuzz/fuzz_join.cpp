@@ -20,7 +20,9 @@ void _require(bool ok) {
     if (!ok) __builtin_trap();
 }
 
-bool _terminated(const char* field, size_t size) { return strnlen(field, size) < size; }
+bool _terminated(const char* field, size_t size) {
+    return strnlen(field, size) < size;
+}
 
 }  // namespace
 

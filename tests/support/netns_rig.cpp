@@ -1,12 +1,12 @@
 // Re-executes the process inside a fresh network namespace (see netns_rig.h).
 #include "netns_rig.h"
 
+#include <errno.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <errno.h>
 #include <unistd.h>
 
 #include <string>
