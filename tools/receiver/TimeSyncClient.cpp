@@ -182,11 +182,16 @@ void TimeSyncClient::_read_response() {
     if (n < 0) return;
     TswResponse res;
     std::lock_guard<std::mutex> g(m_lock);
-    // Only the answer to our latest request counts: a late answer to an
-    // older one would carry a queueing delay we can no longer bound.
-    if (tsw_get_response(buf, (size_t)n, &res) != 0 || res.id != m_reqId || res.t1 != m_lastT1 ||
-        t4 < res.t1 || res.t3 < res.t2) {
+    if (tsw_get_response(buf, (size_t)n, &res) != 0 || res.id > m_reqId || t4 < res.t1 ||
+        res.t3 < res.t2) {
         m_stats.malformed++;
+        return;
+    }
+    // Only the answer to our latest request counts: a late answer to an
+    // older one would carry a queueing delay we can no longer bound. On a
+    // busy phone that is normal, not a fault of the master.
+    if (res.id != m_reqId || res.t1 != m_lastT1) {
+        m_stats.stale++;
         return;
     }
     Sample s;

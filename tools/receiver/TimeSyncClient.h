@@ -35,7 +35,8 @@ struct TimeSyncClientStats {
     unsigned int requests;    // requests sent
     unsigned int responses;   // well-formed responses used
     unsigned int announces;   // well-formed announcements heard
-    unsigned int malformed;   // datagrams that failed to parse or did not match
+    unsigned int malformed;   // datagrams that failed to parse or were not for us
+    unsigned int stale;       // well-formed answers to an older request, not used
     unsigned int clockSteps;  // times the master clock jumped and the estimate restarted
     long long minDelayUs;     // best round trip seen (-1 = none yet)
     long long lastOffsetUs;   // master - local of the latest estimate
