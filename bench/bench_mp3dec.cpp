@@ -1,6 +1,6 @@
 // MP3 decode speed through MP3Decoder, frame by frame, beside the mpg123
 // player's own decode (`mpg123 -t`) of the same file in the same run.
-// Makes a 5-minute 128 kbit/s stereo MP3 in /tmp with sox and lame.
+// Makes a 5-minute 128 kbit/s stereo MP3 in /tmp (bench_mp3_file.h).
 //   bench_mp3dec [seconds]
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,14 +12,9 @@
 
 #include "MP3Decoder.h"
 #include "MP3Parser.h"
+#include "bench_mp3_file.h"
 
 namespace {
-
-double now_s() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 bool load(const std::string& path, std::vector<unsigned char>* out) {
     FILE* f = fopen(path.c_str(), "rb");
@@ -34,9 +29,9 @@ bool load(const std::string& path, std::vector<unsigned char>* out) {
 double best_of_3(const std::string& cmd) {
     double best = 1e9;
     for (int i = 0; i < 3; i++) {
-        const double t0 = now_s();
+        const double t0 = bench_now_s();
         if (system(cmd.c_str()) != 0) return -1;
-        const double t = now_s() - t0;
+        const double t = bench_now_s() - t0;
         if (t < best) best = t;
     }
     return best;
@@ -46,17 +41,8 @@ double best_of_3(const std::string& cmd) {
 
 int main(int argc, char** argv) {
     const int seconds = argc > 1 ? atoi(argv[1]) : 300;
-    const std::string mp3 = "/tmp/bench_mp3dec.mp3";
-    char cmd[512];
-    snprintf(cmd, sizeof cmd,
-             "sox -n -r 44100 -b 16 -c 2 /tmp/bench_mp3dec.wav synth %d sine 440 pinknoise "
-             "gain -8 && lame --quiet -b 128 --cbr /tmp/bench_mp3dec.wav %s && "
-             "rm -f /tmp/bench_mp3dec.wav",
-             seconds, mp3.c_str());
-    if (system(cmd) != 0) {
-        fprintf(stderr, "cannot make the test file (sox, lame)\n");
-        return 1;
-    }
+    const std::string mp3 = bench_make_mp3("bench_mp3dec", seconds, "");
+    if (mp3.empty()) return 1;
     std::vector<unsigned char> file;
     if (!load(mp3, &file)) return 1;
     // Frame starts, by the parser's own header decoding.
@@ -79,14 +65,14 @@ int main(int argc, char** argv) {
         MP3Decoder dec;
         if (!dec.MP3Dec_Create()) return 1;
         samples = 0;
-        const double t0 = now_s();
+        const double t0 = bench_now_s();
         for (size_t i = 0; i < starts.size(); i++) {
             MP3DEC_DATA d = {&file[starts[i]], (unsigned)sizes[i],   0,
                              pcm.data(),       (unsigned)pcm.size(), 0};
             if (!dec.MP3Dec_Decode(&d)) return 1;
             samples += d.dstUsed / 4;
         }
-        const double t = now_s() - t0;
+        const double t = bench_now_s() - t0;
         if (t < best) best = t;
     }
     const double audio = samples / 44100.0;

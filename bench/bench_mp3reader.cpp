@@ -12,14 +12,9 @@
 #include <vector>
 
 #include "AVStreamer.h"
+#include "bench_mp3_file.h"
 
 namespace {
-
-double now_s() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 // Read system calls this process has made so far; -1 where unknown.
 long long read_syscalls() {
@@ -40,17 +35,8 @@ void no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
 int main(int argc, char** argv) {
     const int seconds = argc > 1 ? atoi(argv[1]) : 300;
-    const std::string mp3 = "/tmp/bench_mp3reader.mp3";
-    char cmd[512];
-    snprintf(cmd, sizeof cmd,
-             "sox -n -r 44100 -b 16 -c 2 /tmp/bench_mp3reader.wav synth %d sine 440 pinknoise "
-             "gain -8 && lame --quiet -b 128 --cbr --add-id3v2 --tt Bench "
-             "/tmp/bench_mp3reader.wav %s && rm -f /tmp/bench_mp3reader.wav",
-             seconds, mp3.c_str());
-    if (system(cmd) != 0) {
-        fprintf(stderr, "cannot make the test file (sox, lame)\n");
-        return 1;
-    }
+    const std::string mp3 = bench_make_mp3("bench_mp3reader", seconds, "--add-id3v2 --tt Bench");
+    if (mp3.empty()) return 1;
     CAVStreamer s(no_notify, nullptr, 1);
     std::vector<char> out(AV_MP3_BUF_SIZE);
     double best = 1e9;
@@ -63,13 +49,13 @@ int main(int argc, char** argv) {
         frames = 0;
         bytes = 0;
         const long long c0 = read_syscalls();
-        const double t0 = now_s();
+        const double t0 = bench_now_s();
         long n;
         while ((n = s.Mp3ToPcm_FileRead(fd, out.data(), out.size())) > 0) {
             frames++;
             bytes += n;
         }
-        const double t = now_s() - t0;
+        const double t = bench_now_s() - t0;
         const long long c1 = read_syscalls();
         if (c0 >= 0 && c1 >= 0) calls = c1 - c0;
         s.Mp3ToPcm_FileClose(fd);
@@ -77,9 +63,9 @@ int main(int argc, char** argv) {
     }
     double ref = 1e9;
     for (int i = 0; i < 3; i++) {
-        const double t0 = now_s();
+        const double t0 = bench_now_s();
         if (system(("mpg123 -q -t '" + mp3 + "'").c_str()) != 0) ref = -1;
-        const double t = now_s() - t0;
+        const double t = bench_now_s() - t0;
         if (ref > 0 && t < ref) ref = t;
     }
     const double audio = bytes / 4.0 / 44100.0;
