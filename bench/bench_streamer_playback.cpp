@@ -26,6 +26,7 @@
 #include "AVStreamer.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
+#include "position_wav.h"
 
 namespace {
 
@@ -73,20 +74,7 @@ void fill(AV_RECEIVER_INFO* ri, AV_MUSIC_INFO* mi, int n, const char* path, cons
 // A 16-bit stereo WAV whose left channel counts frames (low 16 bits).
 std::string position_wav(int seconds) {
     std::string path = "/tmp/bench_streamer_pos_" + std::to_string(getpid()) + ".wav";
-    uint32_t frames = 44100u * seconds, data = frames * 4, riff = 36 + data;
-    unsigned char head[44] = {'R', 'I', 'F',  'F',  0,   0,   0,    0,    'W', 'A', 'V',
-                              'E', 'f', 'm',  't',  ' ', 16,  0,    0,    0,   1,   0,
-                              2,   0,   0x44, 0xAC, 0,   0,   0x10, 0xB1, 2,   0,   4,
-                              0,   16,  0,    'd',  'a', 't', 'a',  0,    0,   0,   0};
-    memcpy(head + 4, &riff, 4);
-    memcpy(head + 40, &data, 4);
-    FILE* f = fopen(path.c_str(), "wb");
-    fwrite(head, 1, 44, f);
-    for (uint32_t k = 0; k < frames; k++) {
-        uint16_t lr[2] = {(uint16_t)k, (uint16_t)(k >> 16)};
-        fwrite(lr, 2, 2, f);
-    }
-    fclose(f);
+    if (!position_wav_write(path, seconds)) path.clear();
     return path;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "ReceiverEmulator.h"
+#include "position_wav.h"
 #include "streamer_harness.h"
 
 namespace {
@@ -31,26 +32,11 @@ std::vector<unsigned char> ReadFile(const std::string& path, size_t skip = 0) {
     return data;
 }
 
-// A 16-bit stereo 44.1 kHz WAV whose frames tell their position: left is the
-// frame index (low 16 bits), right its high bits. Written once per run.
+// Position audio (position_wav.h) in a file of this process's own.
 std::string PositionWav(int seconds) {
     std::string path = "/tmp/sonvara_position_" + std::to_string(seconds) + "s_" +
                        std::to_string(getpid()) + ".wav";
-    uint32_t frames = 44100u * (uint32_t)seconds, data = frames * 4;
-    unsigned char head[44] = {'R', 'I', 'F',  'F',  0,   0,   0,    0,    'W', 'A', 'V',
-                              'E', 'f', 'm',  't',  ' ', 16,  0,    0,    0,   1,   0,
-                              2,   0,   0x44, 0xAC, 0,   0,   0x10, 0xB1, 2,   0,   4,
-                              0,   16,  0,    'd',  'a', 't', 'a',  0,    0,   0,   0};
-    uint32_t riff = 36 + data;
-    memcpy(head + 4, &riff, 4);
-    memcpy(head + 40, &data, 4);
-    FILE* f = fopen(path.c_str(), "wb");
-    fwrite(head, 1, 44, f);
-    for (uint32_t k = 0; k < frames; k++) {
-        uint16_t lr[2] = {(uint16_t)k, (uint16_t)(k >> 16)};
-        fwrite(lr, 2, 2, f);
-    }
-    fclose(f);
+    if (!position_wav_write(path, seconds)) path.clear();
     return path;
 }
 
