@@ -104,6 +104,12 @@ TEST_F(StreamerCommands, JoinTakesTheFirstFreeSlotSearchesByUnicastAndStopsAtThi
     ASSERT_TRUE(late.Connect(kTcpPort));
     ASSERT_TRUE(WaitUntil([&] { return Sess(5).bActive.load(); }));
 
+    // A join stamping its entry just after the server read its clock: the
+    // newer stamp is not yet due, not 49 days overdue.
+    Locked(0, [&] { return st->m_AVReceiverInfo.AVReceiver[0].SearchTs = NowMs() + 3000; });
+    PAL_ThreadSleep(600);  // the server checks every 200 ms
+    EXPECT_EQ(6, st->_receiver_count());
+
     for (int i = 6; i < AV_MAX_RECEIVER; i++) {
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.2.%d", i);
         EXPECT_EQ(0, st->AVStreamerReceiverIn(r));

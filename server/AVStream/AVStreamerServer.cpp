@@ -191,12 +191,19 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
     }
 }
 
+// Milliseconds from stamp to now. Searches and joins stamp their entries on
+// other threads, so a stamp may be newer than now: it is then not yet due
+// (negative), instead of wrapping around to some 49 days.
+static int elapsed_ms(unsigned int now, unsigned int stamp) {
+    return (int)(now - stamp);
+}
+
 void CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
     unsigned int now = PAL_GetClock();
     int sessCnt = m_AVRcvSessInfo.nAVRcvSessCnt;
     // Some receivers are slow or gone: start with those that came.
     if (!*rtpStarted && sessCnt > 0 && sessCnt < _receiver_count() &&
-        now - m_unSearchBaseClock > AV_SEARCH_WAIT_MS) {
+        elapsed_ms(now, m_unSearchBaseClock) > AV_SEARCH_WAIT_MS) {
         AddRtpStreamer();
         int maxIdx = m_max_idx;
         for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
@@ -213,7 +220,8 @@ void CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
         PAL_MutexLock(s._lpmutex, 1);
-        if (r.bActive && !s.bActive && r.SearchTs != 0 && now - r.SearchTs > AV_ACCEPT_WAIT_MS) {
+        if (r.bActive && !s.bActive && r.SearchTs != 0 &&
+            elapsed_ms(now, r.SearchTs) > AV_ACCEPT_WAIT_MS) {
             _notify(AVMSG_RECEIVER_RESET, (intptr_t)r.pReceiverIP, 0, 0, 0);
             memset(&r, 0, sizeof(r));
             int left = _receiver_count_add(-1);
