@@ -12,6 +12,7 @@
 
 #include "MP3Decoder.h"
 #include "audio_check.h"
+#include "netns_rig.h"
 
 TEST(MP3Decoder, EveryFrameGivesItsPcmAtOnceEqualToTheMpg123Player) {
     const bool player = system("mpg123 --version >/dev/null 2>&1") == 0;
@@ -50,7 +51,15 @@ TEST(MP3Decoder, EveryFrameGivesItsPcmAtOnceEqualToTheMpg123Player) {
         const std::vector<unsigned char> ref = read_whole_file(raw);
         remove(raw.c_str());
         ASSERT_EQ(ref.size(), pcm.size() * 2) << fx.name;
-        EXPECT_EQ(memcmp(ref.data(), pcm.data(), ref.size()), 0) << fx.name;
+        // Natively the player is the same libmpg123 build: bit-exact. Under
+        // the emulator it is the host's build, whose floating-point code
+        // rounds a few samples one step the other way; a frame held back,
+        // dropped or shifted still shows as far more than one step.
+        const int step = sonvara_emulator() ? 1 : 0;
+        const int16_t* r = reinterpret_cast<const int16_t*>(ref.data());
+        size_t off = 0;
+        while (off < pcm.size() && abs(r[off] - pcm[off]) <= step) off++;
+        EXPECT_EQ(off, pcm.size()) << fx.name << ": first difference at sample " << off;
     }
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "PAL.h"
+#include "netns_rig.h"
 
 namespace {
 
@@ -112,8 +113,16 @@ TEST(DebugUi, LogTargetComesFromTheEnvironment) {
         ASSERT_GE(pid, 0);
         if (pid == 0) {
             setenv("SONVARA_LOG", target, 1);
-            execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests",
-                  "--gtest_filter=DebugUi.DISABLED_ChildLogsTwoLines", (char*)nullptr);
+            const char* args[] = {sonvara_emulator(), "/proc/self/exe",
+                                  "--gtest_also_run_disabled_tests",
+                                  "--gtest_filter=DebugUi.DISABLED_ChildLogsTwoLines", nullptr};
+            char self[4096];
+            ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+            if (n <= 0) _exit(127);
+            self[n] = 0;
+            args[1] = self;
+            const char** argv = args[0] ? args : args + 1;
+            execv(argv[0], const_cast<char* const*>(argv));
             _exit(127);
         }
         int status = 0;

@@ -14,6 +14,7 @@
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
+#include "netns_rig.h"
 
 namespace {
 
@@ -581,6 +582,12 @@ std::string receiver_command() {
     return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
 }
 
+// How to run it from a shell: through the emulator in a cross build.
+std::string receiver_shell_command() {
+    const char* emulator = sonvara_emulator();
+    return (emulator ? std::string(emulator) + " " : std::string()) + receiver_command();
+}
+
 std::string run_output(const std::string& cmd, int* status) {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
@@ -593,8 +600,9 @@ std::string run_output(const std::string& cmd, int* status) {
 }
 
 TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
-    std::string cmd = receiver_command();
-    ASSERT_EQ(0, access(cmd.c_str(), X_OK)) << cmd << " is missing: build the whole tree";
+    ASSERT_EQ(0, access(receiver_command().c_str(), X_OK))
+        << receiver_command() << " is missing: build the whole tree";
+    std::string cmd = receiver_shell_command();
     int status = -1;
     std::string help = run_output(cmd + " --help", &status);
     EXPECT_EQ(0, status);

@@ -40,6 +40,11 @@ int prepare_loopback() {
 
 }  // namespace
 
+const char* sonvara_emulator() {
+    const char* v = getenv("SONVARA_EMULATOR");
+    return v && *v ? v : nullptr;
+}
+
 bool sonvara_netns_active() {
     const char* v = getenv(kMarker);
     return v && strcmp(v, "1") == 0;
@@ -64,6 +69,7 @@ int sonvara_netns_isolate(int argc, char** argv) {
         return -1;
     }
     self[n] = 0;
+    if (sonvara_emulator()) args.push_back(sonvara_emulator());
     args.push_back(self);
     for (int i = 1; i < argc; i++) args.push_back(argv[i]);
     std::vector<char*> cargv;

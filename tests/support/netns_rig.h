@@ -17,4 +17,10 @@ int sonvara_netns_isolate(int argc, char** argv);
 // True inside a namespace made by the rig.
 bool sonvara_netns_active();
 
+// The emulator a cross-built test runs under (qemu-user, named by
+// SONVARA_EMULATOR), or null when the test runs natively. A program of the
+// build that a test starts itself must be started through it: the kernel
+// cannot run the target's executables directly.
+const char* sonvara_emulator();
+
 #endif
