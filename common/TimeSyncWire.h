@@ -23,6 +23,10 @@ enum {
     TSW_RESPONSE_LEN = 40,
 };
 
+// The messages are written field by field; only these widths are assumed.
+static_assert(sizeof(unsigned int) == 4 && sizeof(long long) == 8,
+              "32-bit counters and 64-bit microsecond clocks");
+
 // Master -> group: "the master is here; ask me now".
 struct TswAnnounce {
     unsigned int seq;
@@ -31,6 +35,8 @@ struct TswAnnounce {
     long long masterUs;       // master clock when sent
     unsigned int nextMs;      // until the next scheduled announcement, 0 = none
 };
+
+static_assert(sizeof(TswAnnounce::masterAddr) == 4, "masterAddr is copied as 4 address bytes");
 
 // Receiver -> master, unicast.
 struct TswRequest {

@@ -876,6 +876,8 @@ static const JNINativeMethod gMethods[] = {
 };
 
 static_assert(sizeof(gMethods) / sizeof(gMethods[0]) == 59, "the application class has 59 natives");
+// Group ids and device handles cross the boundary as jint and live as int.
+static_assert(sizeof(jint) == sizeof(int), "a jint holds an int handle and back");
 
 static int registerNatives(JNIEnv* env) {
     jclass clazz = env->FindClass(kClassPathName);

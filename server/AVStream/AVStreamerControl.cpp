@@ -32,6 +32,7 @@ static int build_search(char* buf, size_t size, unsigned int reqTs, const char* 
     if (len < 0 || (size_t)len >= size) return 0;
     for (int i = 0; i < count && (size_t)len + 4 <= size; i++) {
         unsigned int addr = PAL_inet_addr(ips[i]);
+        static_assert(sizeof(addr) == 4, "each Client entry is a 4-byte IPv4 address");
         if (addr == 0) continue;
         memcpy(buf + len, &addr, 4);
         len += 4;

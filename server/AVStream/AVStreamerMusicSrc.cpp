@@ -52,10 +52,12 @@ static unsigned long converted_length(int conv, long n, unsigned c) {
 
 // The work buffers. The filters read up to twice the chunk (16-bit samples
 // are counted per byte) and write up to four times it (a mono chunk doubled),
-// so both are sized for the largest chunk with room to spare.
+// so both are sized for the largest chunk with room to spare. The 16-bit
+// filters read and write them as arrays of short, which ARM may fetch with
+// instructions that need the sample's alignment.
 struct MusicSrcBuffers {
-    char origin[2 * AV_MP3_BUF_SIZE + 64];
-    char divide[4 * AV_MP3_BUF_SIZE];
+    alignas(short) char origin[2 * AV_MP3_BUF_SIZE + 64];
+    alignas(short) char divide[4 * AV_MP3_BUF_SIZE];
 };
 
 const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* divide,

@@ -15,6 +15,7 @@
 // formats the streamer cannot send as 16-bit PCM are refused at open (see
 // Wav_FileOpen).
 #include <errno.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <new>
@@ -36,6 +37,13 @@ const uint32_t kMaxWaveRate = 384000;
 
 const int kWavHeaderSize = 36;
 static_assert(sizeof(wav_header) == kWavHeaderSize, "wav_header is the file's 36-byte head");
+// The head is taken as it lies in the file: every field at its file offset,
+// in the file's (and the phone's) little-endian order.
+static_assert(offsetof(wav_header, audio_format) == 20 && offsetof(wav_header, sample_rate) == 24 &&
+                  offsetof(wav_header, block_align) == 32,
+              "wav_header fields sit at their file offsets, with no padding");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "wav_header is read on a little-endian CPU");
 
 const unsigned kMp3ScanSize = 10240;
 const unsigned kMp3SeekSearchSize = 8192;

@@ -193,6 +193,12 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     return 1;
 }
 
+// One datagram: the 12-byte header, then the payload; the SSRC goes out as
+// the four bytes of a 32-bit value.
+static_assert(AV_RTP_HEADER_SIZE == 12 && AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE == 1412,
+              "an RTP datagram is a 12-byte header and 1400 bytes of PCM");
+static_assert(sizeof(RTP_PACKET::unSsrc) == 4, "the SSRC is 4 bytes on the wire");
+
 int CAVStreamer::AddRTPHeader(char* buf, RTP_PACKET packet) {
     unsigned char* b = (unsigned char*)buf;
     b[0] = 0x80;  // version 2, no padding, no extension, no CSRC
