@@ -13,12 +13,9 @@
 #include <string.h>
 
 #include "ClockEstimator.h"
+#include "fuzz_support.h"
 
 namespace {
-
-void _require(bool ok) {
-    if (!ok) __builtin_trap();
-}
 
 long long _word(const uint8_t* p) {
     uint64_t v;
@@ -68,12 +65,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         long long out = 0;
         if (!e.ToMaster(local, &out)) continue;
         if (haveLast && current && acquired && st.acquired && st.restarts == restarts)
-            _require(out >= lastOut - 1);
+            fuzz_require(out >= lastOut - 1);
         lastOut = out;
         haveLast = true;
         long long back = 0;
-        _require(e.ToLocal(out, &back));
-        _require(back - local <= 2 && local - back <= 2);
+        fuzz_require(e.ToLocal(out, &back));
+        fuzz_require(back - local <= 2 && local - back <= 2);
     }
     return 0;
 }
