@@ -27,6 +27,14 @@ long long millisecond_clock() {
 long long foreign_clock() {
     return PAL_GetBootTimeUsec() + 5000000;
 }
+// The boot clock, whose first reading reaches its caller 20 ms late, as when
+// the reading thread loses its core right after reading.
+int g_lateClockCalls = 0;
+long long late_first_clock() {
+    long long now = PAL_GetBootTimeUsec();
+    if (g_lateClockCalls++ == 0) PAL_ThreadSleep(20);
+    return now;
+}
 
 // Synthetic exchanges for the estimator: the master's clock is the truth,
 // the receiver's runs offsetUs ahead and drifts by ppm; each one-way delay is
@@ -354,6 +362,11 @@ TEST_F(TimeSync, MasterClockFollowsTheClockHandedIn) {
                                           PAL_GetBootTimeUsec));
     TimeSyncInitiator_Delete();
     EXPECT_EQ(-1, TimeSyncInitiator_SyncOnce(20000, 100000));  // not started
+    // A reading that came back late is not taken for an offset.
+    ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
+                                          late_first_clock));
+    EXPECT_LE(llabs((long long)TimeSyncInitiator_GetCurrentClock() - PAL_GetBootTimeUsec() / 1000),
+              2);
 }
 
 }  // namespace
