@@ -1,7 +1,8 @@
 // The engine beside its peers: what the sending process spends to stream
 // 44.1 kHz stereo 16-bit PCM to 1, 10 and 30 receivers on loopback, for
 //   - the floor: a bare loop with the engine's pacing rule (bench_floor.h);
-//   - GStreamer: gst-launch-1.0 audiotestsrc ! rtpL16pay mtu=1412 ! multiudpsink;
+//   - GStreamer: gst-launch-1.0 audiotestsrc ! rtpL16pay mtu=1412 ! multiudpsink
+//     (350 frames a buffer, so that every datagram is 1412 bytes);
 //   - Snapcast: snapserver (pcm codec, file source) with N snapclients;
 //   - this engine as the phone runs it: the real JVM, SonvaraNativeMgr and the
 //     demo app (java/demo) playing a WAV and an MP3 to N emulated receivers
@@ -170,8 +171,12 @@ pid_t start_sinks(int n, int* stopFd) {
                 (len == 1412 ? good : bad)[i]++;
         }
     }
-    for (int i = 0; i < n; i++)
-        if (good[i] == 0 || bad[i] != 0) _exit(1);
+    for (int i = 0; i < n; i++) {
+        if (good[i] != 0 && bad[i] == 0) continue;
+        fprintf(stderr, "sink %s: %lu datagrams of 1412 bytes, %lu of other sizes\n",
+                rx_ip(i).c_str(), good[i], bad[i]);
+        _exit(1);
+    }
     _exit(0);
 }
 
@@ -208,9 +213,11 @@ Measure run_gstreamer(int n) {
     std::string clients;
     for (int i = 0; i < n; i++)
         clients += (i ? "," : "") + rx_ip(i) + ":" + std::to_string(kSinkPort);
-    pid_t pid = spawn({"gst-launch-1.0", "-q", "audiotestsrc", "is-live=true", "!",
-                       "audio/x-raw,format=S16BE,rate=44100,channels=2", "!", "rtpL16pay",
-                       "mtu=1412", "!", "multiudpsink", "clients=" + clients});
+    // 350 frames a buffer: one 1400-byte payload each, as the others send.
+    pid_t pid =
+        spawn({"gst-launch-1.0", "-q", "audiotestsrc", "is-live=true", "samplesperbuffer=350", "!",
+               "audio/x-raw,format=S16BE,rate=44100,channels=2", "!", "rtpL16pay", "mtu=1412", "!",
+               "multiudpsink", "clients=" + clients});
     Measure m = measure(pid, 2);
     stop(pid, SIGINT, 5);
     m.ok = stop_sinks(sinks, stopFd) && m.ok;
