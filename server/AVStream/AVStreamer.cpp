@@ -62,7 +62,6 @@ void CAVStreamer::_session_clear(int index) {
     s.bIsSync = 0;
     s.hTcpClientSock = -1;  // no connection
     s._rtp_sock = -1;
-    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));
     s.nDeviceVolume = 0;
     s.uwClientRtpPort = 0;
     s.uwClientRtcpPort = 0;
@@ -114,8 +113,6 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_bStreamReady = false;
     m_NumChannels = 0;
     m_szSent = 0;
-    memset(&m_logReadError, 0, sizeof(m_logReadError));
-    memset(&m_logSendError, 0, sizeof(m_logSendError));
     streamStartTime = 0;
     mp3FrameStartPos = 0;
     mp3LayerIdx = 0;
@@ -207,7 +204,6 @@ int CAVStreamer::_receiver_release_l(int index) {
     s.bIsPlayable = false;
     s.bActive = false;
     s.bIsSync = 0;
-    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));  // the slot's next receiver resolves anew
     debug_UI("[_receiver_release_l] m_AVRcvSessInfo.nAVRcvSessCnt %d",
              (int)m_AVRcvSessInfo.nAVRcvSessCnt);
     int top = index + 1;

@@ -103,7 +103,6 @@ typedef struct _AV_RCV_SESS {
     std::atomic<uint8_t> bIsSync;         // lined up with the group's stream position
     std::atomic<int32_t> hTcpClientSock;  // accepted control connection, -1 when none
     int32_t _rtp_sock;                    // RTP socket, -1 when none
-    PAL_SOCK_DEST _rtp_dest;  // pReceiverIP:uwClientRtpPort, resolved at the first packet
     uint16_t nDeviceVolume;
     uint16_t uwClientRtpPort;
     uint16_t uwClientRtcpPort;
@@ -353,13 +352,8 @@ private:
     void _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
 
-    // Repeated faults of the pacing path, logged at most once a second each.
-    DEBUG_UI_RATE m_logReadError;
-    DEBUG_UI_RATE m_logSendError;
-
     // RTP stream thread steps.
     void _serve_session_l(int index, unsigned char* reportFlag);
-    int _send_packet_l(int index);
     void _line_up_session_l(int index);
     // Milliseconds of PCM that bytes of the sent stream play for (0 when the
     // music format is not known).

@@ -8,7 +8,6 @@
 // Runs on: RtpStreamThread; the filters on the music source thread.
 // Locks: each session's `_lpmutex` while serving that session; never two.
 // The event callback is called with the served session's lock held.
-#include <arpa/inet.h>
 #include <string.h>
 
 #include "AVStreamer.h"
@@ -156,9 +155,8 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     PAL_RINGBUF* rb = s.pFD;
     int res = rb ? Pal_RingBufRead(rb, payload, AV_STREAM_PACKET_SIZE) : -1;
     if (res != 0) {
-        debug_UI_Rate(&m_logReadError,
-                      "[AVStreamer m_groupId : %d] nRcv : %d, Pal_RingBufRead Error nRes1 = %d ",
-                      m_groupId, nRcv, res);
+        debug_UI("[AVStreamer m_groupId : %d] nRcv : %d, Pal_RingBufRead Error nRes1 = %d ",
+                 m_groupId, nRcv, res);
         memset(payload, 0, AV_STREAM_PACKET_SIZE);  // silence keeps the position moving
     }
     m_RtpPacket.unSeqNum = commonSeqNum;
@@ -169,12 +167,12 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     s.szSent += AV_STREAM_PACKET_SIZE;
 
     if (s.ServerState == AV_STREAMER_STATE_PLAY) {
-        int sent = _send_packet_l(nRcv);
+        int sent = PAL_SockWrite(s._rtp_sock, PAL_SOCK_UDP, m_pSendBuf,
+                                 AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE, s.pReceiverIP,
+                                 s.uwClientRtpPort);
         if (sent == -1) {
-            debug_UI_Rate(
-                &m_logSendError,
-                "xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
-                m_groupId, nRcv, sent);
+            debug_UI("xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
+                     m_groupId, nRcv, sent);
             return 0;
         }
     }
@@ -193,18 +191,6 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     _notify(AVMSG_PLAY_PROGRESS, m_groupId, position, 0, 0);
     lastReportedProgress = position;
     return 1;
-}
-
-// Sends the packet in the send buffer to session index's receiver. Its
-// address text is turned into a socket address once, at the first packet
-// after the receiver's RTP port became known (a release forgets it).
-int CAVStreamer::_send_packet_l(int index) {
-    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    if (s._rtp_dest.addr == 0 || s._rtp_dest.port != htons(s.uwClientRtpPort))
-        PAL_SockDestSet(&s._rtp_dest, s.pReceiverIP, s.uwClientRtpPort);
-    if (s._rtp_dest.addr == 0) return -1;  // no address to send to
-    return PAL_SockWriteDest(s._rtp_sock, m_pSendBuf, AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE,
-                             &s._rtp_dest);
 }
 
 int CAVStreamer::AddRTPHeader(char* buf, RTP_PACKET packet) {
