@@ -79,6 +79,19 @@ TEST(NicInfo, OverrideAndLoopbackFallback) {
     EXPECT_STREQ("", gmasterip);
 }
 
+TEST(Clock, SleepUntilWakesAtTheDeadlineNeverBefore) {
+    for (int i = 0; i < 5; i++) {
+        unsigned int deadline = PAL_GetClock() + 7 + i;
+        PAL_ThreadSleepUntil(deadline);
+        EXPECT_GE((int)(PAL_GetClock() - deadline), 0);
+    }
+    // Deadlines already passed, also across the clock's wrap, return at once.
+    unsigned int start = PAL_GetClock();
+    PAL_ThreadSleepUntil(start - 5);
+    PAL_ThreadSleepUntil(start + 0x80000001u);
+    EXPECT_LT(PAL_GetClock() - start, 1000u);
+}
+
 TEST(DebugUi, OneWholeLinePerCallToTheSink) {
     CAPTURE cap;
     debug_UI_SetSink(capture_line, &cap);
