@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "SonvaraMgr.h"
+#include "SonvaraMgrRecord.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text((const char*)data, size);
     JOIN_REQ req;
     memset(&req, 0xa5, sizeof(req));
-    int r = PlurafonMgr::_parse_join_req(text.c_str(), &req);
+    int r = ParseJoinReq(text.c_str(), &req);
     _require(_terminated(req.mac, sizeof(req.mac)));
     _require(_terminated(req.guid, sizeof(req.guid)));
     _require(_terminated(req.name, sizeof(req.name)));
