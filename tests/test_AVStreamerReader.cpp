@@ -2,13 +2,15 @@
 // LIST before data, extensible with fact), refused sample widths, MP3 frame
 // by frame with the decoded tone checked, frame geometry, both seeks, the
 // decoder reset after a parser seek, the info queries and the extension
-// dispatch; hostile WAV heads built byte by byte.
+// dispatch; hostile WAV heads built byte by byte, which discovery's content
+// information must judge as the reader does.
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "AVRepDlna.h"
 #include "AVStreamer.h"
 #include "MP3Decoder.h"
 #include "MP3Parser.h"
@@ -112,10 +114,18 @@ TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
 TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     auto head = [](uint16_t format, uint16_t channels, uint32_t rate, uint16_t bits,
                    uint32_t fmtSize) {
-        const wav_header h = {0x46464952u, 0,    0x45564157u, 0x20746D66u, fmtSize, format,
-                              channels,    rate, rate * 4,    4,           bits};
-        std::vector<unsigned char> v(36);
-        memcpy(v.data(), &h, 36);
+        std::vector<unsigned char> v(36, 0);
+        memcpy(&v[0], "RIFF", 4);
+        memcpy(&v[8], "WAVEfmt ", 8);
+        auto put = [&v](size_t at, uint32_t x, int n) {
+            for (int i = 0; i < n; i++) v[at + i] = (unsigned char)(x >> (8 * i));
+        };
+        put(16, fmtSize, 4);
+        put(20, format, 2);
+        put(22, channels, 2);
+        put(24, rate, 4);
+        put(28, rate * 4, 4);
+        put(34, bits, 2);
         return v;
     };
     auto chunk = [](std::vector<unsigned char> v, const char* id, uint32_t size, size_t body) {
@@ -140,6 +150,11 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         {"no channels", head(1, 0, 44100, 16, 16), 0},
         {"no sampling rate", head(1, 2, 0, 16, 16), 0},
         {"32-bit PCM", head(1, 2, 44100, 32, 16), 0},
+        {"24-bit PCM", head(1, 2, 44100, 24, 16), 0},
+        {"a rate beyond any receiver", head(1, 2, 384001, 16, 16), 0},
+        {"a head cut short", std::vector<unsigned char>(ext.begin(), ext.begin() + 35), 0},
+        // 8 to 23 bits are taken as 1 or 2 bytes per sample.
+        {"12-bit PCM", head(1, 1, 8000, 12, 16), 44},
         {"extensible fmt shorter than 16", head(0xFFFE, 2, 44100, 16, 8), 0},
         {"PCM head without a data header", head(1, 2, 44100, 16, 16), 44},
         {"extensible without data", chunk(ext, "fact", 4, 4), 60 + 12 + 8},
@@ -151,11 +166,20 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     for (const auto& c : cases) {
         TempFile f("hostile.wav", c.bytes);
         CAVStreamer s(no_notify, nullptr, 1);
+        // Discovery's content information calls valid exactly what the
+        // streamer opens, with the same format.
+        CAVRepDlna d;
+        AV_CONTENT_INFO info = {0, 0};
+        const int valid = d.GetWaveInfo(const_cast<char*>(f.path.c_str()), &info);
         const long fd = s.Wav_FileOpen(f.path.c_str());
         if (c.start == 0) {
             EXPECT_EQ(fd, -2) << c.what;
+            EXPECT_EQ(valid, -2) << c.what;
             continue;
         }
+        EXPECT_EQ(valid, 0) << c.what;
+        EXPECT_EQ(info.NumChannels, s.m_ContentInfo.NumChannels) << c.what;
+        EXPECT_EQ(info.SampleRate, s.m_ContentInfo.SampleRate) << c.what;
         ASSERT_GE(fd, 1) << c.what;
         EXPECT_EQ(s.waveDataStartPos, c.start) << c.what;
         char buf[64];

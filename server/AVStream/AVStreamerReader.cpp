@@ -10,48 +10,33 @@
 // caller's thread for the info queries and at init; no locks (the callers
 // never overlap on one streamer).
 //
-// Files come from the user's phone: the WAV head is checked before any
-// length from it is used, a chunk walk ends at the first failed read, and
-// formats the streamer cannot send as 16-bit PCM are refused at open (see
-// Wav_FileOpen).
+// Files come from the user's phone: the WAV head is checked by the content
+// probe (ContentFile.h), the same check discovery's content information
+// makes, before any length from it is used; formats the receivers cannot
+// take are refused at open.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <new>
 
 #include "AVStreamer.h"
+#include "ContentFile.h"
 #include "MP3Parser.h"
 #include "MediaBuffer.h"
 
 namespace {
 
-// "RIFF", "WAVE", "fmt " and "data" as little-endian 32-bit words.
-const uint32_t kRiff = 0x46464952u;
-const uint32_t kWave = 0x45564157u;
-const uint32_t kFmt = 0x20746D66u;
-const uint32_t kData = 0x61746164u;
-const uint16_t kWavePcm = 1;
-const uint16_t kWaveExtensible = 0xFFFE;
-const uint32_t kMaxWaveRate = 384000;
-
-const int kWavHeaderSize = 36;
-static_assert(sizeof(wav_header) == kWavHeaderSize, "wav_header is the file's 36-byte head");
-
 const unsigned kMp3ScanSize = 10240;
 const unsigned kMp3SeekSearchSize = 8192;
 
-// MPEG-1 Layer III bit rates in bit/s by index (0 and 15: none), and the
-// MPEG-1 sampling rates by index (3: none).
+// MPEG-1 Layer III bit rate in bit/s by index (0 and 15: none), and the
+// MPEG-1 sampling rate by index (3: none).
 uint32_t mpeg1_l3_bitrate(uint32_t index) {
-    static const uint32_t kRates[16] = {0,      32000,  40000,  48000,  56000,  64000,
-                                        80000,  96000,  112000, 128000, 160000, 192000,
-                                        224000, 256000, 320000, 0};
-    return index < 16 ? kRates[index] : 0;
+    return (uint32_t)MpegBitrateKbps(3, 1, index) * 1000u;
 }
 
 uint32_t mpeg1_samplerate(uint32_t index) {
-    static const uint32_t kRates[4] = {44100, 48000, 32000, 0};
-    return index < 4 ? kRates[index] : 0;
+    return (uint32_t)MpegSampleRate(3, index);
 }
 
 // Float to unsigned 32 bits, saturating (a plain cast of an out-of-range
@@ -89,54 +74,25 @@ long CAVStreamer::Wav_FileOpen(const char* szFilePath) {
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
     if (fd < 1) return -2;
 
-    wav_header hdr;
-    memset(&hdr, 0, sizeof hdr);
-    bool ok = PAL_FileRead(fd, &hdr, kWavHeaderSize) > 0;
-    if (ok) {
-        waveDataStartPos = kWavHeaderSize;
-        debug_UI("xxxbitrate byte rate %d", (int)hdr.byte_rate);
-        ok = hdr.riff_id == kRiff && hdr.riff_fmt == kWave && hdr.fmt_id == kFmt &&
-             (hdr.audio_format == kWavePcm || hdr.audio_format == kWaveExtensible);
+    WaveFormat fmt;
+    long n = 0;
+    const int probe = ContentWaveReadHead(fd, &fmt, &n);
+    if (n > 0) {
+        waveDataStartPos = WAVE_HEAD_LEN;
+        debug_UI("xxxbitrate byte rate %d", (int)fmt.byteRate);
     }
-    // Receivers take 8- or 16-bit PCM: other sample widths (24, 32 bits) are
-    // refused here for every channel role rather than sent as noise, and a
-    // format with no channels or no rate would stop the pacing arithmetic.
-    if (ok &&
-        ((hdr.num_channels & 0xFF) == 0 || hdr.sample_rate == 0 || hdr.sample_rate > kMaxWaveRate ||
-         (hdr.bits_per_sample != 8 && hdr.bits_per_sample != 16))) {
+    // Formats the receivers cannot take are refused here for every channel
+    // role rather than sent as noise (see ProbeWaveHead).
+    if (probe == WAVE_PROBE_UNPLAYABLE)
         debug_UI("wave format not playable: channels %u, samplerate %u, bits %u",
-                 (unsigned)hdr.num_channels, (unsigned)hdr.sample_rate,
-                 (unsigned)hdr.bits_per_sample);
-        ok = false;
-    }
-    if (ok && hdr.audio_format == kWavePcm) {
-        // A 16-byte fmt chunk followed directly by the data chunk header is
-        // taken on trust: no chunk is looked for.
-        PAL_FileSeek(fd, 8, FSEEK_CURRENT);
-        waveDataStartPos += 8;
-    } else if (ok) {
-        ok = hdr.fmt_sz >= 16 && PAL_FileSeek(fd, (long long)hdr.fmt_sz - 16, FSEEK_CURRENT) >= 0;
-        waveDataStartPos = kWavHeaderSize + hdr.fmt_sz - 16;
-        long nId = 4, nSize = 4;
-        while (ok && (nId & nSize) != 0) {
-            uint32_t id = 0, size = 0;
-            nId = PAL_FileRead(fd, &id, 4);
-            waveDataStartPos += 4;
-            nSize = PAL_FileRead(fd, &size, 4);
-            waveDataStartPos += 4;
-            // A failed read ends the walk like the end of the file.
-            if (id == kData || nId < 0 || nSize < 0) break;
-            PAL_FileSeek(fd, size, FSEEK_CURRENT);
-            waveDataStartPos += size;
-        }
-    }
-    if (!ok) {
+                 (unsigned)fmt.numChannels, (unsigned)fmt.sampleRate, (unsigned)fmt.bitsPerSample);
+    if (probe != WAVE_PROBE_OK || !ContentWaveSeekSamples(fd, fmt, &waveDataStartPos)) {
         PAL_FileClose(fd);
         return -2;
     }
-    m_ContentInfo.NumChannels = (uint8_t)(hdr.num_channels & 0xFF);
-    m_ContentInfo.SampleRate = hdr.sample_rate;
-    m_AVMusicInfo.BytesPerSample = (uint8_t)(hdr.bits_per_sample >> 3);
+    m_ContentInfo.NumChannels = fmt.numChannels;
+    m_ContentInfo.SampleRate = fmt.sampleRate;
+    m_AVMusicInfo.BytesPerSample = fmt.bytesPerSample;
     debug_UI("wave info: start: %u, # of channels: %u, samplerate: %u, BytesPerSample : %u",
              waveDataStartPos, (unsigned)m_ContentInfo.NumChannels, m_ContentInfo.SampleRate,
              (unsigned)m_AVMusicInfo.BytesPerSample);
