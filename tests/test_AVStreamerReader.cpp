@@ -65,9 +65,9 @@ TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
         AV_CONTENT_INFO info = {0, 0};
         const long fd = s.Wav_FileOpen(path.c_str());
         if (c.start == 0) {
-            EXPECT_EQ(fd, -2) << c.name;
+            EXPECT_EQ(fd, AV_READ_NOT_OPENED) << c.name;
             EXPECT_TRUE(log.has("wave format not playable")) << c.name;
-            EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), -2) << c.name;
+            EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), AV_READ_NOT_OPENED) << c.name;
             continue;
         }
         ASSERT_GE(fd, 1) << c.name;
@@ -106,9 +106,9 @@ TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
     }
     CAVStreamer s(no_notify, nullptr, 1);
     LogCapture log;
-    EXPECT_EQ(s.wav_seek(-1, 1), 275);
+    EXPECT_EQ(s.wav_seek(-1, 1), AV_ERR_WAV_SEEK);
     EXPECT_TRUE(log.has("[wav_seek] PAL_FileSeek fail"));
-    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), -2);
+    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), AV_READ_NOT_OPENED);
 }
 
 TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
@@ -173,8 +173,8 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         const int valid = d.GetWaveInfo(const_cast<char*>(f.path.c_str()), &info);
         const long fd = s.Wav_FileOpen(f.path.c_str());
         if (c.start == 0) {
-            EXPECT_EQ(fd, -2) << c.what;
-            EXPECT_EQ(valid, -2) << c.what;
+            EXPECT_EQ(fd, AV_READ_NOT_OPENED) << c.what;
+            EXPECT_EQ(valid, AV_READ_NOT_OPENED) << c.what;
             continue;
         }
         EXPECT_EQ(valid, 0) << c.what;
@@ -209,13 +209,13 @@ TEST(AVStreamerReader, Mp3FixturesReadOneFrameOfTheSourceToneAtATime) {
             pcm.insert(pcm.end(), p, p + n / 2);
             reads++;
         }
-        EXPECT_EQ(n, -2) << fx.name;
+        EXPECT_EQ(n, AV_READ_NOT_OPENED) << fx.name;
         EXPECT_EQ(reads, frames) << fx.name;
         expect_fixture_tones(pcm, fx.channels, fx.rate, fx.name);
         EXPECT_EQ(s.Mp3ToPcm_FileClose(fd), 0);
         EXPECT_EQ(s.m_pMP3Parser, nullptr);
         EXPECT_EQ(s.m_pMp3Decoder, nullptr);
-        EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), -2) << "closed";
+        EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), AV_READ_NOT_OPENED) << "closed";
     }
 }
 
@@ -318,14 +318,14 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
         {"sine_cbr128_info.mp3", "a.mp3", 0, 2, 44100},  // starts with an Info frame
         {"sine_mono_22k.mp3", "b.MP3", 0, 1, 22050},
         {"sine_stereo_11k.mp3", "c.mp3x", 0, 2, 11025},
-        {"sine_mono_44k.mp3", "d.Mp3", 100, 0, 0},
+        {"sine_mono_44k.mp3", "d.Mp3", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
         {"wav8_mono_8k.wav", "e.wav", 0, 1, 8000},
         {"wav16_stereo_44k.wav", "f.WAV", 0, 2, 44100},
-        {"wav16_stereo_44k.wav", "g.Wav", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "noextension", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "h.mp", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "i.mp3", -2, 0, 0},  // no MPEG frames
-        {"sine_cbr128_id3.mp3", "j.wav", -2, 0, 0},
+        {"wav16_stereo_44k.wav", "g.Wav", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "noextension", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "h.mp", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "i.mp3", AV_READ_NOT_OPENED, 0, 0},  // no MPEG frames
+        {"sine_cbr128_id3.mp3", "j.wav", AV_READ_NOT_OPENED, 0, 0},
     };
     for (const auto& c : cases) {
         TempFile f(c.as, read_whole_file(fixture_path(c.fixture)));
@@ -338,12 +338,12 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
     }
     CAVStreamer s(no_notify, nullptr, 1);
     AV_CONTENT_INFO info = {0, 0};
-    EXPECT_EQ(s.GetContentInfo("/nonexistent/x.mp3", &info), -2);
-    EXPECT_EQ(s.Mp3ToPcm_FileOpen("/nonexistent/x.mp3"), -2);
+    EXPECT_EQ(s.GetContentInfo("/nonexistent/x.mp3", &info), AV_READ_NOT_OPENED);
+    EXPECT_EQ(s.Mp3ToPcm_FileOpen("/nonexistent/x.mp3"), AV_READ_NOT_OPENED);
     TempFile empty("empty.mp3", {});
     const long fd = s.Mp3ToPcm_FileOpen(empty.path.c_str());
     ASSERT_GE(fd, 1) << "a parser without frames is still a parser";
     char out[AV_MP3_BUF_SIZE];
-    EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out, sizeof out), -2);
+    EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out, sizeof out), AV_READ_NOT_OPENED);
     EXPECT_EQ(s.Mp3ToPcm_FileClose(fd), 0);
 }

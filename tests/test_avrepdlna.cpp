@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "AVRepDlna.h"
+#include "MP3Parser.h"
 #include "ReceiverEmulator.h"
 #include "dlna_peers.h"
 
@@ -435,9 +436,11 @@ TEST(AVRepDlna, WaveContentQuestions) {
 
     // Extension routing.
     EXPECT_EQ(1, content(&d, dir.CopyAs("wav16_stereo_44k.wav", "song"), &info));
-    EXPECT_EQ(100, content(&d, dir.CopyAs("sine_mono_44k.mp3", "song.Mp3"), &info));
-    EXPECT_EQ(100, content(&d, dir.CopyAs("wav8_mono_8k.wav", "song.Wav"), &info));
-    EXPECT_EQ(-2, content(&d, "/nonexistent/missing.wav", &info));
+    EXPECT_EQ(AV_ERR_CONTENT_UNSUPPORTED,
+              content(&d, dir.CopyAs("sine_mono_44k.mp3", "song.Mp3"), &info));
+    EXPECT_EQ(AV_ERR_CONTENT_UNSUPPORTED,
+              content(&d, dir.CopyAs("wav8_mono_8k.wav", "song.Wav"), &info));
+    EXPECT_EQ(AV_READ_NOT_OPENED, content(&d, "/nonexistent/missing.wav", &info));
 
     struct {
         const char* fixture;
@@ -454,15 +457,18 @@ TEST(AVRepDlna, WaveContentQuestions) {
         EXPECT_EQ(g.rate, info.SampleRate) << g.fixture;
     }
     // 24-bit samples are refused and leave the caller's record alone.
-    EXPECT_EQ(-2, content(&d, dir.CopyAs("wav24_stereo_ext_8k.wav", "e.wav"), &info));
+    EXPECT_EQ(AV_READ_NOT_OPENED,
+              content(&d, dir.CopyAs("wav24_stereo_ext_8k.wav", "e.wav"), &info));
     EXPECT_EQ(99, info.NumChannels);
 
     // By MIME type the extension does not matter.
     std::string noExt = dir.CopyAs("wav16_stereo_44k.wav", "f.mp3");
     EXPECT_EQ(0, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/x-wav", &info));
     EXPECT_EQ(44100u, info.SampleRate);
-    EXPECT_EQ(100, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/ogg", &info));
-    EXPECT_EQ(100, d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/x-wa", &info));
+    EXPECT_EQ(AV_ERR_CONTENT_UNSUPPORTED,
+              d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/ogg", &info));
+    EXPECT_EQ(AV_ERR_CONTENT_UNSUPPORTED,
+              d.GetContentInfoFromMime((char*)noExt.c_str(), (char*)"audio/x-wa", &info));
 
     // The open handle stands at the first sample, past any extensible chunks.
     for (const char* f : {"wav16_stereo_44k.wav", "wav16_6ch_ext_8k.wav"}) {
@@ -493,9 +499,10 @@ TEST(AVRepDlna, Mp3ContentQuestions) {
     // ".mp3x" passes the four-character test.
     ASSERT_EQ(0, content(&d, dir.CopyAs("sine_stereo_11k.mp3", "song.mp3x"), &info));
     EXPECT_EQ(11025u, info.SampleRate);
-    EXPECT_EQ(-2, content(&d, "/nonexistent/missing.mp3", &info));
+    EXPECT_EQ(AV_READ_NOT_OPENED, content(&d, "/nonexistent/missing.mp3", &info));
     // Not MPEG audio at all: the parser's answer, the record untouched.
-    EXPECT_EQ(65, content(&d, dir.CopyAs("wav16_stereo_44k.wav", "fake.mp3"), &info));
+    EXPECT_EQ(MP3_PARSER_BAD_CHANNELS,
+              content(&d, dir.CopyAs("wav16_stereo_44k.wav", "fake.mp3"), &info));
     EXPECT_EQ(99, info.NumChannels);
 
     std::string noExt = dir.CopyAs("sine_vbr_xing.mp3", "track");

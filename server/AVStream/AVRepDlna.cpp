@@ -639,23 +639,23 @@ int CAVRepDlna::GetContentInfo(char* path, AV_CONTENT_INFO* out) {
     if (strncmp(dot, ".wav", 4) == 0 || strncmp(dot, ".WAV", 4) == 0) {
         return GetWaveInfo(path, out);
     }
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }
 
 int CAVRepDlna::GetContentInfoFromMime(char* path, char* mime, AV_CONTENT_INFO* out) {
     if (mime && strncmp(mime, "audio/mpeg", 10) == 0) return GetMp3Info(path, out);
     if (mime && strncmp(mime, "audio/x-wav", 11) == 0) return GetWaveInfo(path, out);
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }
 
 int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
     long handle = path ? PAL_FileOpen(path, FOPEN_READ, 0) : 0;
-    if (handle <= 0) return -2;
+    if (handle <= 0) return AV_READ_NOT_OPENED;
     MP3Parser* parser = new (std::nothrow) MP3Parser(handle);
     if (!parser) {
         PAL_FileClose(handle);
-        return -2;
+        return AV_READ_NOT_OPENED;
     }
     int channels = 0;
     int rate = 0;
@@ -674,7 +674,7 @@ int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
 int CAVRepDlna::GetWaveInfo(char* path, AV_CONTENT_INFO* out) {
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
     long handle = Wav_FileOpen(path);
-    if (handle < 0) return -2;
+    if (handle < 0) return AV_READ_NOT_OPENED;
     Wav_FileClose(handle);
     if (out) {
         out->NumChannels = m_ContentInfo.NumChannels;
@@ -685,10 +685,10 @@ int CAVRepDlna::GetWaveInfo(char* path, AV_CONTENT_INFO* out) {
 
 long CAVRepDlna::Wav_FileOpen(char* path) {
     long handle = path ? PAL_FileOpen(path, FOPEN_READ, 0) : 0;
-    if (handle <= 0) return -7;
+    if (handle <= 0) return AV_DLNA_WAV_NOT_OPENED;
     if (_wav_find_samples(handle) != 0) {
         PAL_FileClose(handle);
-        return -7;
+        return AV_DLNA_WAV_NOT_OPENED;
     }
     return handle;
 }
@@ -701,7 +701,7 @@ int CAVRepDlna::_wav_find_samples(long handle) {
     uint32_t dataStart = 0;
     if (ContentWaveReadHead(handle, &fmt, &n) != WAVE_PROBE_OK ||
         !ContentWaveSeekSamples(handle, fmt, &dataStart))
-        return -7;
+        return AV_DLNA_WAV_NOT_OPENED;
     m_ContentInfo.SampleRate = fmt.sampleRate;
     m_ContentInfo.NumChannels = fmt.numChannels;
     return 0;

@@ -72,7 +72,7 @@ void release_mp3_reader(CAVStreamer* s) {
 
 long CAVStreamer::Wav_FileOpen(const char* szFilePath) {
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
-    if (fd < 1) return -2;
+    if (fd < 1) return AV_READ_NOT_OPENED;
 
     WaveFormat fmt;
     long n = 0;
@@ -88,7 +88,7 @@ long CAVStreamer::Wav_FileOpen(const char* szFilePath) {
                  (unsigned)fmt.numChannels, (unsigned)fmt.sampleRate, (unsigned)fmt.bitsPerSample);
     if (probe != WAVE_PROBE_OK || !ContentWaveSeekSamples(fd, fmt, &waveDataStartPos)) {
         PAL_FileClose(fd);
-        return -2;
+        return AV_READ_NOT_OPENED;
     }
     m_ContentInfo.NumChannels = fmt.numChannels;
     m_ContentInfo.SampleRate = fmt.sampleRate;
@@ -126,7 +126,7 @@ int CAVStreamer::wav_seek(long _fd, unsigned int _skipTimeSec) {
                                                 m_AVMusicInfo.NumChannels;
     if (PAL_FileSeek(_fd, pos, FSEEK_START) < 0) {
         debug_UI("[wav_seek] PAL_FileSeek fail");
-        return 275;
+        return AV_ERR_WAV_SEEK;
     }
     return 0;
 }
@@ -137,7 +137,7 @@ long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
     memset(&m_Mp3Inst, 0, sizeof m_Mp3Inst);
     release_mp3_reader(this);
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
-    if (fd < 1) return -2;
+    if (fd < 1) return AV_READ_NOT_OPENED;
 
     m_pMP3Parser = new (std::nothrow) MP3Parser(fd);
     if (m_pMP3Parser != nullptr) m_pMp3Decoder = new (std::nothrow) MP3Decoder();
@@ -155,7 +155,8 @@ long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
 
 long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize) {
     (void)nFD;  // the parser reads through its own copy of the handle
-    if (m_pMP3Parser == nullptr || m_pMp3Decoder == nullptr || pDest == nullptr) return -2;
+    if (m_pMP3Parser == nullptr || m_pMp3Decoder == nullptr || pDest == nullptr)
+        return AV_READ_NOT_OPENED;
     MP3DEC_DATA& d = m_Mp3Inst.audiodata;
     // An Info/Xing frame decodes to no samples; it is passed over so that a
     // read always hands out one frame of PCM (no PCM means the end).
@@ -164,7 +165,7 @@ long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize)
         const int rc = m_pMP3Parser->read(&frame);
         const uint32_t options = m_pMP3Parser->mOptions;
         m_pMP3Parser->clearSeekTo();
-        if (rc != 0 || frame == nullptr) return -2;
+        if (rc != 0 || frame == nullptr) return AV_READ_NOT_OPENED;
 
         d.src = static_cast<unsigned char*>(frame->data());
         d.srcSize = (unsigned int)frame->range_length();
@@ -174,7 +175,7 @@ long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize)
         // says it has less is believed.
         d.dstSize = unSize < AV_MP3_BUF_SIZE ? (unsigned int)unSize : AV_MP3_BUF_SIZE;
         if (options & 1u) m_pMp3Decoder->MP3Dec_Reset();
-        if (!m_pMp3Decoder->MP3Dec_Decode(&d)) return -3;
+        if (!m_pMp3Decoder->MP3Dec_Decode(&d)) return AV_READ_DECODE_FAILED;
         const MP3FILE_INFO info = m_pMp3Decoder->MP3Dec_GetInfo();
         m_ContentInfo.NumChannels = (uint8_t)info.num_channels;
         m_ContentInfo.SampleRate = (uint32_t)info.samplingRate;
@@ -278,7 +279,7 @@ int CAVStreamer::GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
     int ret = 0;
     const long fd = Mp3ToPcm_FileOpen(pUri);
     if (fd < 1) {
-        ret = -2;
+        ret = AV_READ_NOT_OPENED;
     } else {
         const long n = Mp3ToPcm_FileRead(fd, work, kMp3ScanSize);
         Mp3ToPcm_FileClose(fd);
@@ -295,10 +296,10 @@ int CAVStreamer::GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
 
 int CAVStreamer::GetContentInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
     const char* ext = pUri != nullptr ? strrchr(pUri, '.') : nullptr;
-    if (ext == nullptr || pAVContentInfo == nullptr) return 100;
+    if (ext == nullptr || pAVContentInfo == nullptr) return AV_ERR_CONTENT_UNSUPPORTED;
     if (strncmp(ext, ".mp3", 4) == 0 || strncmp(ext, ".MP3", 4) == 0)
         return GetMp3Info(pUri, pAVContentInfo);
     if (strncmp(ext, ".wav", 4) == 0 || strncmp(ext, ".WAV", 4) == 0)
         return GetWaveInfo(pUri, pAVContentInfo);
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }
