@@ -85,6 +85,30 @@ void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
 // One line a person can read: "bit-exact", "bit-exact from 0.32 s", ...
 std::string DemoDescribe(const DemoMatch& m, int rate, int frameBytes);
 
+// How what a speaker played (the frames a --play receiver wrote to its
+// device) lines up with its role's reference: the silence before the start,
+// the scheduler's single-frame corrections and its jumps are told apart from
+// wrong audio. Frames are compared whole.
+struct DemoPlayMatch {
+    long long startFrame;     // played frame where reference frame 0 sits, -1 = not found
+    size_t matched;           // frames equal to the reference in place
+    unsigned int inserted;    // frames repeated (one at a time)
+    unsigned int dropped;     // single reference frames left out
+    size_t skipped;           // reference frames left out by longer jumps
+    size_t silence;           // silent frames inside the stream (gaps, held back)
+    size_t differing;         // frames nothing explains
+    size_t referenceFrames;   // size of the reference
+    size_t referenceReached;  // reference frames up to where the played stream ends
+};
+void DemoComparePlayed(const std::vector<unsigned char>& reference,
+                       const std::vector<unsigned char>& played, int frameBytes,
+                       DemoPlayMatch* out);
+
+// When played frame `frame` left the speaker, from the clock-paced device's
+// start log ("start <boot us> <frames before>" lines, see AlsaClockPcm.cpp)
+// at `rate`. False when the log has no start before that frame.
+bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us);
+
 // A number from a flat JSON report ("key": 12.5); false if absent.
 bool DemoJsonNumber(const std::string& json, const char* key, double* out);
 
