@@ -13,20 +13,13 @@
 #include "DemoCheck.h"
 #include "PAL_Clock.h"
 #include "RxSocket.h"
+#include "RxWav.h"
 #include "TempDir.h"
 #include "TimeSyncInitiator.h"
 #include "streamer_harness.h"
+#include "tool_path.h"
 
 namespace {
-
-// build/tools, next to this executable's build/tests.
-std::string tools_dir() {
-    char self[512] = {0};
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/tools";
-}
 
 // Stereo 16-bit 44.1 kHz noise, different on each side: any misplaced frame shows.
 bool write_noise_wav(const std::string& path, int seconds) {
@@ -36,19 +29,7 @@ bool write_noise_wav(const std::string& path, int seconds) {
         x = x * 1103515245u + 12345u;
         s = (int16_t)(x >> 16);
     }
-    uint32_t data = (uint32_t)(pcm.size() * 2), riff = 36 + data, rate = 44100, bps = 44100 * 4;
-    unsigned char head[44] = {'R', 'I', 'F', 'F', 0,   0,   0,   0, 'W', 'A', 'V',
-                              'E', 'f', 'm', 't', ' ', 16,  0,   0, 0,   1,   0,
-                              2,   0,   0,   0,   0,   0,   0,   0, 0,   0,   4,
-                              0,   16,  0,   'd', 'a', 't', 'a', 0, 0,   0,   0};
-    memcpy(head + 4, &riff, 4);
-    memcpy(head + 24, &rate, 4);
-    memcpy(head + 28, &bps, 4);
-    memcpy(head + 40, &data, 4);
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) return false;
-    bool ok = fwrite(head, 1, 44, f) == 44 && fwrite(pcm.data(), 2, pcm.size(), f) == pcm.size();
-    return fclose(f) == 0 && ok;
+    return rx_wav_write(path.c_str(), 44100, 2, 16, pcm.data(), (uint32_t)(pcm.size() * 2)) == 0;
 }
 
 struct Speaker {
@@ -66,12 +47,13 @@ pid_t start_speaker(Speaker* sp, const std::string& dir) {
     FILE* conf = fopen((sp->base + ".conf").c_str(), "w");
     if (!conf) return -1;
     fprintf(conf,
-            "pcm_type.sonvara_clock { lib \"%s/libasound_module_pcm_sonvara_clock.so\" }\n"
+            "pcm_type.sonvara_clock { lib \"%s\" }\n"
             "pcm.!default { type file file \"%s.wav\" format \"wav\"\n"
             "  slave.pcm { type sonvara_clock log \"%s.starts\" } }\n",
-            tools_dir().c_str(), sp->base.c_str(), sp->base.c_str());
+            tool_path("libasound_module_pcm_sonvara_clock.so").c_str(), sp->base.c_str(),
+            sp->base.c_str());
     fclose(conf);
-    std::string cmd = tools_dir() + "/sonvara-receiver", json = sp->base + ".json",
+    std::string cmd = tool_path("sonvara-receiver"), json = sp->base + ".json",
                 env = "ALSA_CONFIG_PATH=" + sp->base + ".conf";
     pid_t pid = fork();
     if (pid == 0) {
