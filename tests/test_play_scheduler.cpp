@@ -196,10 +196,13 @@ TEST(PlayScheduler, PauseSeekAndNewStreamKeepTheRightPackets) {
     // timeline starts a new one, on its exact frame.
     Stream fresh = {9, 25000, 5000000};
     fresh.PushRange(s, 0, 50);
+    EXPECT_TRUE(s->Pending());
     while (d.written < 5 * kRate + 10) d.Write(s, 441);
     at = 5 * kRate;
     EXPECT_EQ(0u, d.out[at - 1]);
     EXPECT_EQ(5000001u, d.out[at]);
     EXPECT_EQ(2u, s->Stats().anchors);
     EXPECT_EQ(2u, s->Stats().starts);
+    while (d.written < 5 * kRate + 50 * kFpp) d.Write(s, 441);  // all of it played out
+    EXPECT_FALSE(s->Pending());
 }

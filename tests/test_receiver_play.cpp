@@ -167,7 +167,7 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
         DemoComparePlayed(ref, played.bytes, 4, &m);
         ASSERT_GE(m.startFrame, 0);
         EXPECT_EQ(0u, m.differing);
-        EXPECT_EQ(m.referenceFrames, m.referenceReached);
+        EXPECT_TRUE(DemoPlayedToTheEnd(m, 4)) << m.referenceReached << " of " << m.referenceFrames;
         EXPECT_EQ(json_number(json, "play_inserted"), (double)m.inserted);
         EXPECT_EQ(json_number(json, "play_dropped"), (double)m.dropped);
         // Jumps happen only when the machine stalls a player; they are

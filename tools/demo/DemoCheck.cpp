@@ -487,21 +487,26 @@ void DemoComparePlayed(const std::vector<unsigned char>& reference,
     const size_t kReach = 1 << 18, kGiveUp = 4096;
     size_t i = (size_t)at, j = j0;
     out->matched = j0;  // the leading silence is where it belongs
+    size_t quiet = 0;   // silent frames not yet followed by audio (the end's do not count)
     while (i < nP && j < nR && out->differing < kGiveUp) {
         const unsigned char* p = P + i * fb;
+        if (!frame_silent(p, fb)) {
+            out->silence += quiet;
+            quiet = 0;
+        }
         if (frame_eq(p, R + j * fb, fb)) {
             out->matched++;
             i++;
             j++;
+        } else if (frame_silent(p, fb)) {
+            quiet++;
+            i++;
         } else if (i > 0 && frame_eq(p, p - fb, fb)) {
             out->inserted++;
             i++;
         } else if (j + 1 < nR && frame_eq(p, R + (j + 1) * fb, fb)) {
             out->dropped++;
             j++;
-        } else if (frame_silent(p, fb)) {
-            out->silence++;
-            i++;
         } else {
             size_t n = std::min<size_t>(8, nP - i);
             long long to = find_run(R, nR, p, n, j + 2, kReach, fb);
@@ -516,6 +521,11 @@ void DemoComparePlayed(const std::vector<unsigned char>& reference,
         }
     }
     out->referenceReached = j;
+}
+
+bool DemoPlayedToTheEnd(const DemoPlayMatch& m, int frameBytes) {
+    const size_t perPacket = DEMO_PACKET_BYTES / (size_t)(frameBytes > 0 ? frameBytes : 4);
+    return m.referenceReached >= m.referenceFrames / perPacket * perPacket;
 }
 
 bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us) {

@@ -100,6 +100,9 @@ struct DemoPlayMatch {
     size_t referenceFrames;   // size of the reference
     size_t referenceReached;  // reference frames up to where the played stream ends
 };
+// The played stream reaches the reference's end: all of it but a last part
+// smaller than one packet, which is never sent.
+bool DemoPlayedToTheEnd(const DemoPlayMatch& m, int frameBytes);
 void DemoComparePlayed(const std::vector<unsigned char>& reference,
                        const std::vector<unsigned char>& played, int frameBytes,
                        DemoPlayMatch* out);

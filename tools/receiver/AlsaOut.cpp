@@ -13,10 +13,10 @@
 
 namespace {
 
-// What the device is asked for: 100 ms of buffer in 20 ms periods. The
+// What the device is asked for: 200 ms of buffer in 20 ms periods. The
 // packets arrive about a second ahead, so the buffer only has to ride out
-// scheduling hiccups; a short one makes pauses and seeks quick.
-const unsigned int kBufferUs = 100000;
+// scheduling hiccups (a busy machine); a short one makes pauses quick.
+const unsigned int kBufferUs = 200000;
 const unsigned int kPeriodUs = 20000;
 // With no stream, or after a failed open, the thread sleeps this long at
 // most before it looks again (an event wakes it earlier).
@@ -25,6 +25,8 @@ const int kIdleMs = 1000;
 const long long kReadingUs = 100;
 // Errors in a row (no good write between) before the device is reopened.
 const int kMaxFailures = 8;
+// A stream that ended is played out for at most this long.
+const int kDrainMs = 3000;
 
 snd_pcm_t* pcm_of(void* p) {
     return static_cast<snd_pcm_t*>(p);
@@ -39,6 +41,8 @@ AlsaOut::AlsaOut(const char* device, PlayClock* clock)
       m_rate(0),
       m_bits(0),
       m_active(false),
+      m_draining(false),
+      m_drainTail(0),
       m_pcm(nullptr),
       m_frameBytes(4),
       m_failures(0),
@@ -90,6 +94,7 @@ void AlsaOut::OnPlayFormat(int rate, int bits) {
             m_sched->Configure(cfg);
         }
         m_active = true;
+        m_draining = false;
     }
     m_wake.notify_all();
 }
@@ -100,6 +105,7 @@ void AlsaOut::OnPlayEvent(int event) {
         switch (event) {
             case RX_PLAY_NEW_STREAM:
                 m_sched->Reset();
+                m_draining = false;
                 break;
             case RX_PLAY_SEEK:
                 m_sched->Flush(true);
@@ -107,9 +113,13 @@ void AlsaOut::OnPlayEvent(int event) {
             case RX_PLAY_PAUSE:
                 m_sched->Flush(false);
                 break;
-            case RX_PLAY_STOP:
-                m_sched->Reset();
-                m_active = false;
+            case RX_PLAY_STOP:  // what was sent is still played
+                if (m_active && !m_draining) {
+                    m_draining = true;
+                    m_drainTail = 0;
+                    m_drainEnd =
+                        std::chrono::steady_clock::now() + std::chrono::milliseconds(kDrainMs);
+                }
                 break;
             default:  // RESUME: the packets say when to play again
                 break;
@@ -293,6 +303,17 @@ void AlsaOut::_play_once() {
         } else {
             memset(m_buf.data(), 0, frames * (unsigned long)m_frameBytes);  // no clock yet
         }
+        // An ended stream: once nothing is queued, one more buffer of
+        // silence lets the last audio leave the speaker before the close.
+        if (m_draining) {
+            bool more = m_sched->Pending() && std::chrono::steady_clock::now() < m_drainEnd;
+            m_drainTail = more ? 0 : m_drainTail + frames;
+            if (m_drainTail >= buffer) {
+                m_draining = false;
+                m_active = false;
+                m_sched->Reset();
+            }
+        }
     }
     snd_pcm_sframes_t w = snd_pcm_writei(pcm, m_buf.data(), frames);
     if (w < 0) {
@@ -311,6 +332,13 @@ void AlsaOut::_thread_main() {
             if (!m_active && !m_pcm) {
                 m_wake.wait_for(g, std::chrono::milliseconds(kIdleMs),
                                 [&] { return m_exit || m_active; });
+            }
+            // A stream that ended while the device could not play it.
+            if (m_draining && std::chrono::steady_clock::now() >
+                                  m_drainEnd + std::chrono::milliseconds(kIdleMs)) {
+                m_draining = false;
+                m_active = false;
+                m_sched->Reset();
             }
             rate = m_rate;
             bits = m_bits;

@@ -5,10 +5,10 @@
 // receiver's worker hands over the format, the stream events and the packets
 // (ReceiverPlaySink); the play thread opens the device when a stream's format
 // is known, keeps it fed (silence where the scheduler has no audio) and
-// closes it when the stream ends. Before each write it reads the device's
-// delay (snd_pcm_delay) and the master clock, so the scheduler knows when the
-// next frame will leave the speaker.
-// Locks: m_lock guards the scheduler and the requested state; it is held
+// closes it when the stream has ended (BYE or the connection closed) and
+// what was queued has been played: at most 3 s after the end. Before each write it reads the
+// device's delay (snd_pcm_delay) and the master clock, so the scheduler knows when the next frame
+// will leave the speaker. Locks: m_lock guards the scheduler and the requested state; it is held
 // only to queue a packet or fill one write's frames, never across an ALSA
 // call or a wait. Waits: snd_pcm_wait is bounded by a buffer's time plus
 // 200 ms (a device that takes nothing that long is restarted); a device that
@@ -18,6 +18,7 @@
 #define ALSAOUT_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -80,6 +81,9 @@ private:
     PlayScheduler* m_sched;
     int m_rate, m_bits;  // the stream's format, from its SDP
     bool m_active;       // a stream is on: the device should be open
+    bool m_draining;     // the stream ended: play what is queued, then close
+    std::chrono::steady_clock::time_point m_drainEnd;  // close by then in any case
+    unsigned long m_drainTail;                         // frames written with nothing queued
     AlsaOutStats m_stats;
 
     // Play thread only.

@@ -71,6 +71,7 @@ void PlayScheduler::Flush(bool keepAfterJump) {
 void PlayScheduler::_anchor(long long ext, unsigned int ts) {
     for (long long& e : m_slotExt) e = -1;  // queued packets belong to the old timeline
     m_anchored = true;
+    m_lastExt = ext;  // a new timeline: older numbers belong to the old one
     m_anchorExt = ext;
     m_anchorTs = ts;
     m_anchorFracUs = 0;
@@ -118,6 +119,11 @@ int PlayScheduler::Push(unsigned short seq, unsigned int timestampMs, const unsi
     m_slotExt[slot] = ext;
     memcpy(m_slot[slot], payload, kPacketBytes);
     return 0;
+}
+
+bool PlayScheduler::Pending() const {
+    if (!m_anchored) return false;
+    return !m_playing || m_anchorExt + floor_div(m_pos, m_framesPerPacket) <= m_lastExt;
 }
 
 bool PlayScheduler::_have(long long ext) const {

@@ -76,6 +76,8 @@ public:
     // speaker delayFrames frames after master time masterNowUs.
     void Fill(long long masterNowUs, long delayFrames, unsigned char* out, int frames);
 
+    // True while queued audio is still to be written (or the start is due).
+    bool Pending() const;
     const PlayStats& Stats() const { return m_stats; }
     bool Playing() const { return m_playing; }
 
