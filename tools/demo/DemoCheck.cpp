@@ -528,6 +528,13 @@ bool DemoPlayedToTheEnd(const DemoPlayMatch& m, int frameBytes) {
     return m.referenceReached >= m.referenceFrames / perPacket * perPacket;
 }
 
+long long DemoStartLateUs(long long startUs, unsigned int firstTimestampMs, long long streamFrame,
+                          int rate) {
+    long long sinceStampUs =
+        (long long)(int)((unsigned int)(startUs / 1000) - firstTimestampMs) * 1000 + startUs % 1000;
+    return sinceStampUs - (rate > 0 ? streamFrame * 1000000LL / rate : 0);
+}
+
 bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us) {
     bool found = false;
     size_t pos = 0;

@@ -112,6 +112,14 @@ void DemoComparePlayed(const std::vector<unsigned char>& reference,
 // at `rate`. False when the log has no start before that frame.
 bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us);
 
+// How long after its due time (us, master clock) a played content started:
+// startUs is when its first frame left; it was due at the received stream's
+// first time stamp (ms) plus its place in that stream (streamFrame frames:
+// silent packets may come first). The time stamp is the exact time rounded
+// down to the millisecond, so an exact start gives 0 to 1000 us.
+long long DemoStartLateUs(long long startUs, unsigned int firstTimestampMs, long long streamFrame,
+                          int rate);
+
 // A number from a flat JSON report ("key": 12.5); false if absent.
 bool DemoJsonNumber(const std::string& json, const char* key, double* out);
 

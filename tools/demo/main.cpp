@@ -148,13 +148,19 @@ std::string played_row(const DemoPcm& content, const std::string& dir, const Spe
     DemoJsonNumber(json, "play_dropped", &drop);
     DemoJsonNumber(json, "play_resyncs", &resyncs);
     DemoJsonNumber(json, "first_timestamp", &firstTs);
+    // Where the content begins in the received stream says when it was due.
+    DemoPcm received;
+    DemoPlayMatch inStream;
+    inStream.startFrame = -1;
+    if (DemoLoadReceived(in_dir(dir, sp.wav).c_str(), &received, &err) == 0) {
+        DemoComparePlayed(reference, received.bytes, frameBytes, &inStream);
+    }
     long long offUs = 0;
-    bool timed = m.startFrame >= 0 && firstTs >= 0 &&
+    bool timed = m.startFrame >= 0 && firstTs >= 0 && inStream.startFrame >= 0 &&
                  DemoReadSmallFile((base + ".starts").c_str(), 1 << 16, &starts) &&
                  DemoPlayedFrameTime(starts, m.startFrame, content.rate, startUs);
     if (timed) {
-        offUs = (long long)(int)((unsigned int)(*startUs / 1000) - (unsigned int)firstTs) * 1000 +
-                *startUs % 1000;
+        offUs = DemoStartLateUs(*startUs, (unsigned int)firstTs, inStream.startFrame, content.rate);
     } else {
         *startUs = 0;
     }
