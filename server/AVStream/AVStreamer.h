@@ -312,6 +312,7 @@ public:
     // changed by several threads, each under a different session lock.
     int _receiver_count_add(int delta);
     int _receiver_count();
+    void _take_reference(int index);
 
     // Resets session index to free, keeping its mutex.
     void _session_clear(int index);
