@@ -26,8 +26,8 @@
 #define CLOCKESTIMATOR_H
 
 enum {
-    CE_WINDOW = 64,  // exchanges kept
-    CE_ACQUIRE = 8,  // exchanges during which the clock may step
+    CE_WINDOW = 128,  // exchanges kept
+    CE_ACQUIRE = 8,   // exchanges during which the clock may step
 };
 
 // A target further than this from the clock handed out is a jump of the

@@ -33,8 +33,8 @@ void TimeSyncClientDefaults(TimeSyncClientConfig* cfg, const char* ownAddr) {
     rx_copy_text(cfg->groupAddr, sizeof(cfg->groupAddr), "224.1.2.4");
     cfg->port = 1235;
     cfg->fastIntervalMs = 20;
-    cfg->fastCount = 50;
-    cfg->steadyIntervalMs = 1000;
+    cfg->fastCount = 150;
+    cfg->steadyIntervalMs = 250;
     NetLabDefaults(&cfg->lab);
     cfg->settleUs = 3000000;
 }
@@ -113,6 +113,11 @@ TimeSyncClientStats TimeSyncClient::Stats() {
     s.driftPpm = e.driftPpm;
     s.errors = m_errors.Summary();
     return s;
+}
+
+ClockErrorLog TimeSyncClient::ErrorLog() {
+    std::lock_guard<std::mutex> g(m_lock);
+    return m_errors;
 }
 
 void TimeSyncClient::_thread_main() {
