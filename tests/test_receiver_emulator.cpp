@@ -14,7 +14,7 @@
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
-#include "netns_rig.h"
+#include "tool_path.h"
 
 namespace {
 
@@ -577,21 +577,6 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
 
 namespace {
 
-// The command next to this test executable's directory: build/tools/.
-std::string receiver_command() {
-    char self[512] = {0};
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
-}
-
-// How to run it from a shell: through the emulator in a cross build.
-std::string receiver_shell_command() {
-    const char* emulator = sonvara_emulator();
-    return (emulator ? std::string(emulator) + " " : std::string()) + receiver_command();
-}
-
 std::string run_output(const std::string& cmd, int* status) {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
@@ -604,9 +589,9 @@ std::string run_output(const std::string& cmd, int* status) {
 }
 
 TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
-    ASSERT_EQ(0, access(receiver_command().c_str(), X_OK))
-        << receiver_command() << " is missing: build the whole tree";
-    std::string cmd = receiver_shell_command();
+    ASSERT_EQ(0, access(tool_path("sonvara-receiver").c_str(), X_OK))
+        << tool_path("sonvara-receiver") << " is missing: build the whole tree";
+    std::string cmd = tool_command("sonvara-receiver");
     int status = -1;
     std::string help = run_output(cmd + " --help", &status);
     EXPECT_EQ(0, status);
