@@ -12,6 +12,7 @@
 
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
+#include "ReceiverProcess.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
 
@@ -571,15 +572,6 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
 }  // namespace
 
 namespace {
-
-// The command next to this test executable's directory: build/tools/.
-std::string receiver_command() {
-    char self[512] = {0};
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
-}
 
 std::string run_output(const std::string& cmd, int* status) {
     std::string out;
