@@ -13,28 +13,21 @@
 #include <memory>
 
 #include "AVRepDlna.h"
+#include "fuzz_support.h"
 
 namespace {
 
-void _require(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-bool _terminated(const char* field, size_t size) {
-    return strnlen(field, size) < size;
-}
-
 void _check_list(const AV_DEVICE_SEARCH_INFO& list) {
     int count = (unsigned char)list.nAVDeviceCnt;
-    _require(count <= AV_MAX_DEVICE);
+    fuzz_require(count <= AV_MAX_DEVICE);
     for (int i = 0; i < AV_MAX_DEVICE; i++) {
         const AV_DEVICE_DLNA& d = list.AVDeviceDlna[i];
-        _require(_terminated(d.pReceiverIP, sizeof(d.pReceiverIP)));
-        _require(_terminated(d.pReceiverMac, sizeof(d.pReceiverMac)));
-        _require(_terminated(d.pReceiverGuid, sizeof(d.pReceiverGuid)));
-        _require(_terminated(d.pReceiverName, sizeof(d.pReceiverName)));
+        fuzz_require(fuzz_terminated(d.pReceiverIP, sizeof(d.pReceiverIP)));
+        fuzz_require(fuzz_terminated(d.pReceiverMac, sizeof(d.pReceiverMac)));
+        fuzz_require(fuzz_terminated(d.pReceiverGuid, sizeof(d.pReceiverGuid)));
+        fuzz_require(fuzz_terminated(d.pReceiverName, sizeof(d.pReceiverName)));
         for (int j = 0; j < i && i < count; j++) {
-            _require(strcmp(d.pReceiverIP, list.AVDeviceDlna[j].pReceiverIP) != 0);
+            fuzz_require(strcmp(d.pReceiverIP, list.AVDeviceDlna[j].pReceiverIP) != 0);
         }
     }
 }
@@ -67,10 +60,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::unique_ptr<char[]> mac(new char[AV_MAC_LEN]);
         std::unique_ptr<char[]> guid(new char[AV_GUID_LEN]);
         int isExit = CAVRepDlna::ParseExitMessage(text.get(), word.get(), mac.get(), guid.get());
-        _require(isExit == (strstr(text.get(), "EXIT") != NULL));
-        _require(_terminated(word.get(), AV_IP_LEN));
-        _require(_terminated(mac.get(), AV_MAC_LEN));
-        _require(_terminated(guid.get(), AV_GUID_LEN));
+        fuzz_require(isExit == (strstr(text.get(), "EXIT") != NULL));
+        fuzz_require(fuzz_terminated(word.get(), AV_IP_LEN));
+        fuzz_require(fuzz_terminated(mac.get(), AV_MAC_LEN));
+        fuzz_require(fuzz_terminated(guid.get(), AV_GUID_LEN));
     }
     return 0;
 }

@@ -13,14 +13,7 @@
 #include <set>
 
 #include "Grouprw.h"
-
-namespace {
-
-void _require(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("SONVARA_LOG", "off", 1);
@@ -30,31 +23,31 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     GroupRW rw;
     int r = rw.LoadBuffer((const char*)data, (unsigned int)size);
-    _require(r == GROUP_RW_OK || r == GROUP_RW_ERR_INVALID_DATA);
+    fuzz_require(r == GROUP_RW_OK || r == GROUP_RW_ERR_INVALID_DATA);
     unsigned int count = rw.GetGroupCount();
     LPGROUP_INFO groups = rw.GetGroupList();
     LPDEVICE_INFO devices = rw.GetDeviceList();
 
     std::set<LPDEVICE_INFO> known;
     for (LPDEVICE_INFO d = devices; d; d = d->_next) {
-        _require(strnlen(d->_MacAddr, sizeof(d->_MacAddr)) < sizeof(d->_MacAddr));
+        fuzz_require(strnlen(d->_MacAddr, sizeof(d->_MacAddr)) < sizeof(d->_MacAddr));
         known.insert(d);
     }
     unsigned int seen = 0;
     while (groups) {
         LPGROUP_INFO next = groups->_next;
-        _require(strnlen(groups->group_name, sizeof(groups->group_name)) <
-                 sizeof(groups->group_name));
+        fuzz_require(strnlen(groups->group_name, sizeof(groups->group_name)) <
+                     sizeof(groups->group_name));
         int members = 0;
         for (LPGITEM item = groups->_lpdevice_list; item; item = item->_next, members++) {
-            _require(known.count(item->_lpdevice) == 1);
+            fuzz_require(known.count(item->_lpdevice) == 1);
         }
-        _require(members == groups->_gitem_cnt);
+        fuzz_require(members == groups->_gitem_cnt);
         FreeGroupInfo(groups);
         groups = next;
         seen++;
     }
-    _require(seen == count);
+    fuzz_require(seen == count);
     while (devices) {
         LPDEVICE_INFO next = devices->_next;
         delete devices;

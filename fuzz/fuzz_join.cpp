@@ -1,6 +1,7 @@
 // Fuzzes the JOIN request a receiver multicasts to a running stream, as the
-// manager reads it, and the de-duplication of requests by GUID and time
-// stamp that follows.
+// manager reads it. The way there (the streamer's multicast socket) and the
+// de-duplication by GUID and time stamp that follows are fuzzed by
+// fuzz_streamer_multicast.
 //
 // Input: one request text (a NUL is added after it; embedded NULs end the
 // text as they would in a datagram read as a string).
@@ -13,18 +14,7 @@
 #include <string>
 
 #include "SonvaraMgr.h"
-
-namespace {
-
-void _require(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-bool _terminated(const char* field, size_t size) {
-    return strnlen(field, size) < size;
-}
-
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("SONVARA_LOG", "off", 1);
@@ -36,12 +26,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     JOIN_REQ req;
     memset(&req, 0xa5, sizeof(req));
     int r = PlurafonMgr::_parse_join_req(text.c_str(), &req);
-    _require(_terminated(req.mac, sizeof(req.mac)));
-    _require(_terminated(req.guid, sizeof(req.guid)));
-    _require(_terminated(req.name, sizeof(req.name)));
+    fuzz_require(fuzz_terminated(req.mac, sizeof(req.mac)));
+    fuzz_require(fuzz_terminated(req.guid, sizeof(req.guid)));
+    fuzz_require(fuzz_terminated(req.name, sizeof(req.name)));
     if (r == 0) {
-        _require(strstr(text.c_str(), "MAC: ") && strstr(text.c_str(), "GUID: ") &&
-                 strstr(text.c_str(), "NAME: "));
+        fuzz_require(strstr(text.c_str(), "MAC: ") && strstr(text.c_str(), "GUID: ") &&
+                     strstr(text.c_str(), "NAME: "));
     }
     return 0;
 }

@@ -11,14 +11,9 @@
 #include "MP3Parser.h"
 #include "MediaBuffer.h"
 #include "PAL_File.h"
+#include "fuzz_support.h"
 
 namespace {
-
-const char* scratch_path() {
-    static char path[64];
-    if (path[0] == 0) snprintf(path, sizeof path, "/tmp/fuzz_mp3parser_%d.mp3", (int)getpid());
-    return path;
-}
 
 MP3Decoder* decoder() {
     static MP3Decoder* dec = nullptr;
@@ -51,11 +46,9 @@ void walk(MP3Parser& p, int max_frames) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FILE* f = fopen(scratch_path(), "wb");
-    if (f == nullptr) return 0;
-    if (size > 0) fwrite(data, 1, size, f);
-    fclose(f);
-    const long fd = PAL_FileOpen(scratch_path(), FOPEN_READ, 0);
+    const char* path = fuzz_write_scratch("fuzz_mp3parser", data, size);
+    if (path == nullptr) return 0;
+    const long fd = PAL_FileOpen(path, FOPEN_READ, 0);
     if (fd < 1) return 0;
 
     decoder()->MP3Dec_Reset();

@@ -14,12 +14,9 @@
 #include <unistd.h>
 
 #include "AVStreamer.h"
+#include "fuzz_support.h"
 
 namespace {
-
-void _require(bool ok) {
-    if (!ok) __builtin_trap();
-}
 
 void _nop_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
@@ -64,12 +61,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     AV_RCV_SESS& s0 = st.m_AVRcvSessInfo.AVRcvSess[0];
     AV_RCV_SESS& s1 = st.m_AVRcvSessInfo.AVRcvSess[1];
-    _require(strnlen(s0.pReceiverIP, AV_IP_LEN) < AV_IP_LEN);
-    _require(s1.bActive && strcmp(s1.pReceiverIP, "127.0.0.3") == 0);
-    _require(s1.ServerState == AV_STREAMER_STATE_NA && s1.hTcpClientSock == -1);
+    fuzz_require(strnlen(s0.pReceiverIP, AV_IP_LEN) < AV_IP_LEN);
+    fuzz_require(s1.bActive && strcmp(s1.pReceiverIP, "127.0.0.3") == 0);
+    fuzz_require(s1.ServerState == AV_STREAMER_STATE_NA && s1.hTcpClientSock == -1);
     int sess = st.m_AVRcvSessInfo.nAVRcvSessCnt;
-    _require(sess == 1 || sess == 2);
-    _require(sess == 2 ? s0.bActive.load() : !s0.bActive.load());
+    fuzz_require(sess == 1 || sess == 2);
+    fuzz_require(sess == 2 ? s0.bActive.load() : !s0.bActive.load());
     int sock = s0.hTcpClientSock;
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);

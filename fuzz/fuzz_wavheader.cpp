@@ -8,16 +8,11 @@
 #include <unistd.h>
 
 #include "AVStreamer.h"
+#include "fuzz_support.h"
 
 namespace {
 
 void no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
-
-const char* scratch_path() {
-    static char path[64];
-    if (path[0] == 0) snprintf(path, sizeof path, "/tmp/fuzz_wavheader_%d.wav", (int)getpid());
-    return path;
-}
 
 }  // namespace
 
@@ -27,13 +22,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FILE* f = fopen(scratch_path(), "wb");
-    if (f == nullptr) return 0;
-    if (size > 0) fwrite(data, 1, size, f);
-    fclose(f);
+    const char* path = fuzz_write_scratch("fuzz_wavheader", data, size);
+    if (path == nullptr) return 0;
 
     static CAVStreamer* s = new CAVStreamer(no_notify, nullptr, 1);
-    const long fd = s->Wav_FileOpen(scratch_path());
+    const long fd = s->Wav_FileOpen(path);
     if (fd >= 1) {
         char buf[6144];
         s->Wav_FileRead(fd, buf, sizeof buf);
@@ -44,6 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         s->Wav_FileClose(fd);
     }
     AV_CONTENT_INFO info = {0, 0};
-    s->GetWaveInfo(scratch_path(), &info);
+    s->GetWaveInfo(path, &info);
     return 0;
 }

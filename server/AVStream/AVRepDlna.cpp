@@ -468,15 +468,22 @@ void CAVRepDlna::_tcp_accept(AV_DEVICE_SEARCH_INFO* list) {
         debug_UI("DeviceThread Socket accept Fail code = %d  strerror %s", err, strerror(err));
         return;
     }
+    char fromIp[AV_IP_LEN] = {0};
+    inet_ntop(AF_INET, &from.sin_addr, fromIp, sizeof(fromIp));
+    _tcp_place(list, client, fromIp);
+}
+
+int CAVRepDlna::_tcp_place(AV_DEVICE_SEARCH_INFO* list, int client, const char* fromIp) {
     for (int i = (unsigned char)list->nAVDeviceCnt; i < AV_MAX_DEVICE; i++) {
         AV_DEVICE_DLNA* slot = &list->AVDeviceDlna[i];
         if (slot->hTcpClientSock > 0) continue;
         memset(slot, 0, sizeof(*slot));
         slot->hTcpClientSock = client;
-        inet_ntop(AF_INET, &from.sin_addr, slot->pReceiverIP, sizeof(slot->pReceiverIP));
-        return;
+        _copy_text(slot->pReceiverIP, sizeof(slot->pReceiverIP), fromIp, AV_IP_LEN);
+        return i;
     }
     PAL_SockClose(client);  // every slot taken
+    return -1;
 }
 
 void CAVRepDlna::_tcp_client_read(AV_DEVICE_SEARCH_INFO* list, int i, const char* myIp) {

@@ -146,6 +146,9 @@ private:
     void _collect_udp();
     void _collect_tcp();
     void _tcp_accept(AV_DEVICE_SEARCH_INFO* list);
+    // A new connection into the first free slot at or after the count: its
+    // index, or -1 with the connection closed when every slot is taken.
+    static int _tcp_place(AV_DEVICE_SEARCH_INFO* list, int client, const char* fromIp);
     void _tcp_client_read(AV_DEVICE_SEARCH_INFO* list, int slot, const char* myIp);
     int _wav_find_samples(long handle);
 
@@ -171,7 +174,7 @@ private:
     bool m_bReceiveMsgExit;
     PAL_SEM* m_pReceiveMsgSem;
 
-    friend struct CAVRepDlnaProbe;  // tests drive the TCP collector directly
+    friend struct CAVRepDlnaProbe;  // tests and fuzzing drive the TCP collector directly
 };
 
 #endif

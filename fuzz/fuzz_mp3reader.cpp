@@ -1,0 +1,79 @@
+// Fuzzes the streamer's own MP3 reader as a phone's file reaches it: open,
+// the header scan of get_mp3_info, reads of one decoded frame each, a seek
+// by the parser as Open and the music source ask for one, the byte seek of
+// mp3_seek, and close. (The info query GetMp3Info is that open, one read and
+// the close.)
+//
+// Input: the file's bytes; its last two bytes also give the seek target in
+// seconds.
+// Every read hands out at most the reader's output area (it goes into a
+// buffer exactly that size) and reports 1 or 2 channels and an MPEG sampling
+// rate; the scan leaves its indexes inside their tables; close releases the
+// parser and the decoder.
+#include <stdint.h>
+#include <string.h>
+
+#include <memory>
+
+#include "AVStreamer.h"
+#include "MP3Parser.h"
+#include "fuzz_support.h"
+
+namespace {
+
+void _no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
+
+bool _mpeg_rate(unsigned long rate) {
+    static const unsigned long kRates[] = {8000,  11025, 12000, 16000, 22050,
+                                           24000, 32000, 44100, 48000};
+    for (unsigned long r : kRates) {
+        if (rate == r) return true;
+    }
+    return false;
+}
+
+// Up to `frames` reads; each must fit the output area and leave the format
+// of what it decoded where the info query takes it from.
+void _read_frames(CAVStreamer* st, long fd, int frames) {
+    std::unique_ptr<char[]> pcm(new char[AV_MP3_BUF_SIZE]);
+    for (int i = 0; i < frames; i++) {
+        const long n = st->Mp3ToPcm_FileRead(fd, pcm.get(), AV_MP3_BUF_SIZE);
+        if (n < 0) return;
+        fuzz_require(n > 0 && n <= AV_MP3_BUF_SIZE);
+        const AV_CONTENT_INFO& info = st->m_ContentInfo;
+        fuzz_require((info.NumChannels == 1 || info.NumChannels == 2) &&
+                     _mpeg_rate(info.SampleRate));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setenv("SONVARA_LOG", "off", 1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const char* path = fuzz_write_scratch("fuzz_mp3reader", data, size);
+    if (path == nullptr) return 0;
+    const unsigned int seconds = size >= 2 ? (unsigned)data[size - 2] << 8 | data[size - 1] : 0;
+
+    std::unique_ptr<CAVStreamer> st(new CAVStreamer(_no_notify, nullptr, 1));
+    const long fd = st->Mp3ToPcm_FileOpen(path);
+    if (fd < 1) return 0;
+    st->get_mp3_info(fd);
+    fuzz_require(st->mp3LayerIdx < 4 && st->mp3BitrateIdx < 16 && st->mp3SamplerateIdx < 4);
+    fuzz_require(st->mp3FrameLen >= 0.0f && st->mp3FrameLen < 1e7f);
+    _read_frames(st.get(), fd, 16);
+
+    // Seek as AVStreamerInit and the music source do: microseconds formed
+    // in 32 bits.
+    st->m_pMP3Parser->setSeekTo((long long)(int)(seconds * 1000000u));
+    _read_frames(st.get(), fd, 4);
+    st->mp3_seek(fd, seconds);
+    _read_frames(st.get(), fd, 4);
+
+    st->Mp3ToPcm_FileClose(fd);
+    fuzz_require(st->m_pMP3Parser == nullptr && st->m_pMp3Decoder == nullptr);
+    return 0;
+}

@@ -1,0 +1,174 @@
+// Fuzzes what anyone on the multicast group can send to a playing streamer:
+// JOIN (address, REQ_TS), MASTERSEARCH (name) and anything else, read from
+// the streamer's multicast socket; and the JOIN's way on to a real manager,
+// which drops a JOIN it has already heard (same GUID, same time stamp)
+// before it reaches the application.
+//
+// Input: a run of datagrams, each [length lo][length hi][bytes], the length
+// cut to 2048 and to the input left. Each is sent twice on the streamer's
+// multicast socket (one end of a datagram socket pair), as receivers repeat
+// their multicasts.
+// Checks: one event per copy of a datagram whose text (as read: at most 1399
+// bytes, up to a NUL) holds "JOIN", none otherwise, with the address
+// terminated and the text as read; REQ_TS lands only in the session of that
+// address, and nothing else of any session changes; the second copy of a
+// JOIN that carries a time stamp never reaches the application.
+//
+// The manager opens discovery and time-sync sockets on the multicast group:
+// the target runs only inside the private network namespace.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "AVStreamer.h"
+#include "SonvaraMgr.h"
+#include "fuzz_support.h"
+#include "xPlurafonNotify.h"
+
+namespace {
+
+const int kSessions = 4;
+const size_t kReadMax = 1399;  // what the streamer reads of a datagram
+
+// Counts what reaches the application.
+class JoinCounter : public xPlurafonNotify {
+public:
+    int joins = 0;
+    void NotifyJoinDeviceInfo(int, char*, char*, char*, char*) override { joins++; }
+    void NotifyDeviceInfo(char*, char*, int, int) override {}
+    void NotifyResetDeviceInfo(int, char*) override {}
+    void NotifyDieDeviceInfo(char*) override {}
+    void NotifyLeaveDeviceInfo(int, char*) override {}
+    void NotifyContentsInfo(int, int) override {}
+    void NotifyDeviceInfoByGroupId(int, char*, char*, int, int, int, int) override {}
+    void NotifyServiceStop(int, int) override {}
+    void NoitfyDeviceSearchComplete(int) override {}
+    void NoitfyPlayProgress(int, int) override {}
+    void NoitfyReceiverVolumeChanged(int, char*, char*, char*, char*, int) override {}
+};
+
+PlurafonMgr* g_mgr = nullptr;
+JoinCounter g_app;
+
+// The last event of the streamer, then on to the manager as in the engine.
+struct Found {
+    int count;
+    char addr[AV_IP_LEN + 8];
+    std::string text;
+} g_found;
+
+void _notify(intptr_t, intptr_t msg, intptr_t a, intptr_t b, intptr_t c, intptr_t d) {
+    fuzz_require(msg == AVMSG_RECEIVER_FOUND);
+    const char* addr = (const char*)a;
+    fuzz_require(fuzz_terminated(addr, AV_IP_LEN));
+    g_found.count++;
+    snprintf(g_found.addr, sizeof g_found.addr, "%s", addr);
+    g_found.text = (const char*)b;
+    PlurafonMgr::sender_notify((intptr_t)g_mgr, msg, a, b, c, d);
+}
+
+struct Snapshot {
+    char ip[AV_IP_LEN];
+    bool active;
+    int state;
+    int sock;
+    uint32_t reqTs;
+};
+
+void _snap(CAVStreamer* st, Snapshot* out) {
+    for (int i = 0; i < kSessions; i++) {
+        const AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
+        memcpy(out[i].ip, s.pReceiverIP, AV_IP_LEN);
+        out[i].active = s.bActive;
+        out[i].state = s.ServerState;
+        out[i].sock = s.hTcpClientSock;
+        out[i].reqTs = s.ReqTs;
+    }
+}
+
+// One copy of the datagram through the streamer; returns the application's
+// join count after it.
+int _deliver(CAVStreamer* st, int peer, const uint8_t* data, size_t len) {
+    Snapshot before[kSessions], after[kSessions];
+    _snap(st, before);
+    g_found.count = 0;
+    if (send(peer, data, len, 0) != (ssize_t)len) return g_app.joins;
+    fuzz_require(st->OnMulticastCmdRead() == (len > 0 ? 1 : 0));
+
+    const std::string asRead(
+        std::string((const char*)data, len < kReadMax ? len : kReadMax).c_str());
+    const bool join = asRead.find("JOIN") != std::string::npos;
+    fuzz_require(g_found.count == (join ? 1 : 0));
+    if (join) fuzz_require(g_found.text == asRead);
+    const bool ts = join && asRead.find("REQ_TS:") != std::string::npos;
+    _snap(st, after);
+    for (int i = 0; i < kSessions; i++) {
+        fuzz_require(memcmp(after[i].ip, before[i].ip, AV_IP_LEN) == 0);
+        fuzz_require(after[i].active == before[i].active && after[i].state == before[i].state &&
+                     after[i].sock == before[i].sock);
+        fuzz_require(after[i].reqTs == before[i].reqTs ||
+                     (ts && strcmp(after[i].ip, g_found.addr) == 0));
+    }
+    return g_app.joins;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setenv("SONVARA_LOG", "off", 1);
+    const char* netns = getenv("SONVARA_NETNS");
+    if (netns == nullptr || strcmp(netns, "1") != 0) {
+        fprintf(stderr, "fuzz_streamer_multicast: run it through scripts/netns-run\n");
+        exit(2);
+    }
+    g_mgr = new PlurafonMgr("fuzz-sender-guid", nullptr);
+    if (g_mgr->initCheck() != 0) {
+        fprintf(stderr, "fuzz_streamer_multicast: manager init failed (%d)\n", g_mgr->initCheck());
+        exit(2);
+    }
+    g_mgr->SetNoitfyObject(&g_app);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    int sp[2];
+    if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sp) != 0) return 0;
+    CAVStreamer st(_notify, nullptr, 1);
+    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+        PAL_MutexCreate(&st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
+    for (int i = 0; i < kSessions; i++) {
+        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
+        snprintf(s.pReceiverIP, sizeof(s.pReceiverIP), "127.0.0.%d", 2 + i);
+        s.bActive = i < 3;  // the last one has not connected yet
+        s.ReqTs = 100;
+    }
+    st.m_max_idx = kSessions;
+    st.m_MulticastSvr.nSock = sp[0];
+
+    size_t pos = 0;
+    while (pos + 2 <= size) {
+        size_t len = (size_t)data[pos] | ((size_t)data[pos + 1] << 8);
+        pos += 2;
+        if (len > 2048) len = 2048;
+        if (len > size - pos) len = size - pos;
+        const int first = _deliver(&st, sp[1], data + pos, len);
+        const int second = _deliver(&st, sp[1], data + pos, len);
+        JOIN_REQ req;
+        if (g_found.count == 1 && PlurafonMgr::_parse_join_req(g_found.text.c_str(), &req) == 0 &&
+            req.bHasTs)
+            fuzz_require(second == first);
+        pos += len;
+    }
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
+        st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
+    }
+    close(sp[0]);
+    close(sp[1]);
+    return 0;
+}

@@ -1,0 +1,50 @@
+// Helpers shared by the fuzz targets: the failure trap, the terminated-text
+// check, and the scratch file through which targets hand an input to readers
+// that take a path. Header-only; each target is one single-threaded process.
+#ifndef FUZZ_SUPPORT_H
+#define FUZZ_SUPPORT_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+// A broken invariant: trap, so that libFuzzer keeps the input as a crash.
+inline void fuzz_require(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+// True when a fixed text field ends inside its array.
+inline bool fuzz_terminated(const char* field, size_t size) {
+    return strnlen(field, size) < size;
+}
+
+// Writes the input to this process's scratch file for `tag` (one per target,
+// reused for every input) and returns its path, or nullptr when the file
+// cannot be written. The file goes when the process exits normally.
+inline char* fuzz_scratch_path() {
+    static char path[96];
+    return path;
+}
+inline void fuzz_remove_scratch() {
+    if (fuzz_scratch_path()[0] != 0) remove(fuzz_scratch_path());
+}
+inline const char* fuzz_write_scratch(const char* tag, const uint8_t* data, size_t size) {
+    char* path = fuzz_scratch_path();
+    if (path[0] == 0) {
+        // Memory-backed when the machine has it: a file system on disk makes
+        // every write and rename of a target cost milliseconds.
+        const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        snprintf(path, 96, "%s/%s_%d", dir, tag, (int)getpid());
+        atexit(fuzz_remove_scratch);
+    }
+    FILE* f = fopen(path, "wb");
+    if (f == nullptr) return nullptr;
+    bool ok = size == 0 || fwrite(data, 1, size, f) == size;
+    ok = fclose(f) == 0 && ok;
+    return ok ? path : nullptr;
+}
+
+#endif
