@@ -21,8 +21,6 @@ namespace {
 void _nop_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
 void _setup(CAVStreamer* st, int sock) {
-    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-        PAL_MutexCreate(&st->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
     for (int i = 0; i < 2; i++) {
         AV_RECEIVER& r = st->m_AVReceiverInfo.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.%d", 2 + i);
@@ -35,6 +33,9 @@ void _setup(CAVStreamer* st, int sock) {
         s.ChannelType = AV_CHANNEL_FRONT_LEFT;
     }
     st->m_AVRcvSessInfo.AVRcvSess[0].hTcpClientSock = sock;
+    // Replies are queued for the control-server thread to send; the queue is
+    // the streamer's from here on.
+    st->m_AVRcvSessInfo.AVRcvSess[0].pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
     st->m_AVReceiverInfo.nAVReceiverCnt = 2;
     st->m_AVRcvSessInfo.nAVRcvSessCnt = 2;
     st->m_max_idx = 2;
@@ -57,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     _setup(&st, sp[0]);
     if (size > 0) {
         if (write(sp[1], data, size > 1023 ? 1023 : size) < 0) return 0;
-        st.OnTcpCmdRead(0, nullptr);
+        st.OnTcpCmdRead(0);
     }
     AV_RCV_SESS& s0 = st.m_AVRcvSessInfo.AVRcvSess[0];
     AV_RCV_SESS& s1 = st.m_AVRcvSessInfo.AVRcvSess[1];
@@ -67,11 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int sess = st.m_AVRcvSessInfo.nAVRcvSessCnt;
     fuzz_require(sess == 1 || sess == 2);
     fuzz_require(sess == 2 ? s0.bActive.load() : !s0.bActive.load());
-    int sock = s0.hTcpClientSock;
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
-        st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
-    }
+    // A released connection waits for the control-server thread to close it.
+    int sock = s0.hTcpClientSock >= 0 ? s0.hTcpClientSock.load() : s0.hStaleSock.load();
     if (sock >= 0) close(sock);
     close(sp[1]);
     return 0;
