@@ -162,10 +162,17 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
     // It sets BYE and releases under one hold of the session lock, so BYE
     // read under the lock means the release (and its count) is done.
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    // 20 rounds of 50 ms, and no more than a second however late the sleeps
+    // wake.
     int check_try = 20;
+    unsigned int start = PAL_GetClock();
     for (;;) {
         PAL_ThreadSleep(50);
         if (--check_try == 0) break;
+        if (PAL_GetClock() - start >= 1000) {
+            check_try = 0;
+            break;
+        }
         PAL_MutexLock(s._lpmutex, 1);
         bool bye = s.ServerState == AV_STREAMER_STATE_BYE;
         PAL_MutexUnLock(s._lpmutex);

@@ -688,6 +688,9 @@ int CAVStreamer::ServerClose() {
         int sock = s.hTcpClientSock;
         s.hTcpClientSock = -1;
         if (sock >= 0) s.hStaleSock = sock;
+        // A leave still waiting for this receiver's BYE_ACK (discovery's
+        // EXIT path) ends now instead of at its time-out.
+        if (s.bActive) s.ServerState = AV_STREAMER_STATE_BYE;
         s.outHead = s.outTail = 0;
         PAL_RINGBUF* rb = s.pFD;
         if (rb != nullptr) Pal_RingBufClose(rb);
