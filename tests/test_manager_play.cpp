@@ -114,9 +114,9 @@ protected:
             rx.push_back(Receiver(i));
             ASSERT_TRUE(rx.back());
         }
-        // A receiver process may still be starting: search again for it.
-        for (int tries = 0; tries < 5; tries++) {
-            events.Clear();
+        // A receiver process may still be starting: search again for it (a
+        // search reports only the devices it finds anew).
+        for (int tries = 0; tries < 10; tries++) {
             ASSERT_EQ(0, mgr->SearchDevice(true));
             if (events.Count("Device ") >= n + others) break;
         }
