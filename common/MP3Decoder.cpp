@@ -22,6 +22,8 @@
 
 #include <mutex>
 
+#include "ContentProbe.h"
+
 namespace {
 
 std::once_flag g_mpg123_init_once;
@@ -52,16 +54,16 @@ bool configure(mpg123_handle* mh) {
 // behind the side information, whose size depends on version and channels.
 // The frame's own header then gives the stream's format.
 bool info_frame_format(const unsigned char* p, unsigned int n, MP3FILE_INFO* info) {
-    static const int kRates[3] = {44100, 48000, 32000};
     if (n < 4 || p[0] != 0xFF || (p[1] & 0xE0) != 0xE0) return false;
-    const int version = (p[1] >> 3) & 3, rateIndex = (p[2] >> 2) & 3;
-    if (version == 1 || rateIndex == 3) return false;
+    const unsigned version = (p[1] >> 3) & 3;
+    const int rate = MpegSampleRate(version, (p[2] >> 2) & 3);
+    if (rate == 0) return false;
     const bool mono = ((p[3] >> 6) & 3) == 3;
-    const unsigned int off = version == 3 ? (mono ? 21 : 36) : (mono ? 13 : 21);
+    const unsigned int off = MpegXingOffset(version, mono);
     if (n < off + 4) return false;
     if (memcmp(p + off, "Xing", 4) != 0 && memcmp(p + off, "Info", 4) != 0) return false;
     info->num_channels = mono ? 1 : 2;
-    info->samplingRate = kRates[rateIndex] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+    info->samplingRate = rate;
     return true;
 }
 

@@ -123,8 +123,11 @@ void answer_request(int sock) {
     unsigned char in[64];
     struct sockaddr_in from;
     socklen_t fromLen = sizeof(from);
-    ssize_t n = recvfrom(sock, in, sizeof(in), 0, (struct sockaddr*)&from, &fromLen);
-    long long t2 = master_now_us();
+    long long age = 0;
+    ssize_t n = tsw_recv_stamped(sock, in, sizeof(in), &from, &fromLen, &age);
+    // t2 is when the request reached this machine, not when this thread got
+    // a core to read it: on a busy phone those differ by milliseconds.
+    long long t2 = master_now_us() - age;
     TswRequest req;
     if (n < 0 || tsw_get_request(in, (size_t)n, &req) != 0) return;
     TswResponse res;
@@ -182,6 +185,7 @@ int open_socket(unsigned int myAddr, unsigned short port) {
     addr.sin_addr.s_addr = myAddr;  // INADDR_ANY when the address is unknown
     addr.sin_port = htons(port);
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    tsw_stamp_arrivals(sock);
     if (bind(sock, (struct sockaddr*)&addr, sizeof(addr)) != 0 ||
         setsockopt(sock, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof(ttl)) != 0 ||
         setsockopt(sock, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof(loop)) != 0 ||

@@ -1,16 +1,21 @@
 // Byte layouts of the time-synchronisation messages on port 1235 (see
-// docs/time-sync-protocol.md): encoders and checked decoders, shared by the
-// initiator and by receivers built in this tree. Header-only, no state, no
-// allocation; safe on any thread.
+// docs/time-sync-protocol.md): encoders and checked decoders, and the read
+// that stamps a datagram's arrival, shared by the initiator and by receivers
+// built in this tree. Header-only, no state, no allocation; safe on any
+// thread.
 //
 // Every message starts with the 8-byte header "SVTS", version 1, the type and
 // two zero bytes; all integers are big-endian.
 #ifndef TIMESYNCWIRE_H
 #define TIMESYNCWIRE_H
 
+#include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
 
 enum {
     TSW_VERSION = 1,
@@ -125,6 +130,77 @@ inline int tsw_get_response(const unsigned char* p, size_t len, TswResponse* r) 
     r->t2 = tsw_get64(p + 24);
     r->t3 = tsw_get64(p + 32);
     return 0;
+}
+
+// Time stamps close to the wire: the kernel stamps every datagram as it
+// arrives (SO_TIMESTAMPNS, or SO_TIMESTAMP with microseconds where only that
+// exists), so a reader that waited for a core still knows when its datagram
+// came. Both sides turn the stamp into the datagram's age and subtract it
+// from their own clock read just after; the stamp's clock (CLOCK_REALTIME)
+// is never used for anything else. Where the platform has neither, the age
+// is 0 and the time is that of the read.
+inline void tsw_stamp_arrivals(int sock) {
+    int on = 1;
+#if defined(SO_TIMESTAMPNS)
+    setsockopt(sock, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
+#elif defined(SO_TIMESTAMP)
+    setsockopt(sock, SOL_SOCKET, SO_TIMESTAMP, &on, sizeof(on));
+#else
+    (void)sock;
+    (void)on;
+#endif
+}
+
+// Age in microseconds of the datagram whose control data is in msg: 0 when
+// there is no stamp or it is not credible (negative, or over one second:
+// the wall clock was set meanwhile).
+inline long long tsw_arrival_age_us(struct msghdr* msg) {
+    long long stampUs = -1;
+    for (struct cmsghdr* c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET) continue;
+#if defined(SO_TIMESTAMPNS)
+        if (c->cmsg_type == SCM_TIMESTAMPNS && c->cmsg_len >= CMSG_LEN(sizeof(struct timespec))) {
+            struct timespec ts;
+            memcpy(&ts, CMSG_DATA(c), sizeof(ts));
+            stampUs = (long long)ts.tv_sec * 1000000 + ts.tv_nsec / 1000;
+        }
+#endif
+#if defined(SO_TIMESTAMP)
+        if (c->cmsg_type == SCM_TIMESTAMP && c->cmsg_len >= CMSG_LEN(sizeof(struct timeval))) {
+            struct timeval tv;
+            memcpy(&tv, CMSG_DATA(c), sizeof(tv));
+            stampUs = (long long)tv.tv_sec * 1000000 + tv.tv_usec;
+        }
+#endif
+    }
+    if (stampUs < 0) return 0;
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    long long age = (long long)now.tv_sec * 1000000 + now.tv_nsec / 1000 - stampUs;
+    return age >= 0 && age <= 1000000 ? age : 0;
+}
+
+// recvfrom that also gives the datagram's age (see tsw_arrival_age_us).
+// from may be null. Bytes read, or -1.
+inline ssize_t tsw_recv_stamped(int sock, unsigned char* buf, size_t len, struct sockaddr_in* from,
+                                socklen_t* fromLen, long long* ageUs) {
+    struct iovec iov = {buf, len};
+    union {
+        char space[CMSG_SPACE(sizeof(struct timespec)) + CMSG_SPACE(sizeof(struct timeval))];
+        struct cmsghdr align;
+    } control;
+    struct msghdr msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.msg_name = from;
+    msg.msg_namelen = from ? *fromLen : 0;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control.space;
+    msg.msg_controllen = sizeof(control.space);
+    ssize_t n = recvmsg(sock, &msg, 0);
+    *ageUs = n >= 0 ? tsw_arrival_age_us(&msg) : 0;
+    if (from) *fromLen = msg.msg_namelen;
+    return n;
 }
 
 #endif

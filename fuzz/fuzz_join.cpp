@@ -13,7 +13,7 @@
 
 #include <string>
 
-#include "SonvaraMgr.h"
+#include "SonvaraMgrRecord.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text((const char*)data, size);
     JOIN_REQ req;
     memset(&req, 0xa5, sizeof(req));
-    int r = PlurafonMgr::_parse_join_req(text.c_str(), &req);
+    int r = ParseJoinReq(text.c_str(), &req);
     fuzz_require(fuzz_terminated(req.mac, sizeof(req.mac)));
     fuzz_require(fuzz_terminated(req.guid, sizeof(req.guid)));
     fuzz_require(fuzz_terminated(req.name, sizeof(req.name)));

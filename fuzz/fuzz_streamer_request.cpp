@@ -1,47 +1,135 @@
-// Fuzzes a receiver's control request as the streamer's control server reads
-// it: one read of up to 1023 bytes on the session's connection, the request
-// table with its fall-throughs, and the replies it writes back.
+// Fuzzes receivers' control requests as the streamer's control server reads
+// them, as sequences across the session states: CHANNEL/START, DESCRIBE/SDP,
+// SETUP, PLAY, PAUSE, the clock reply, LEAVE/TEARDOWN/BYE_ACK and a closed
+// connection, with the table's fall-throughs and the replies queued and sent
+// back as the control-server thread sends them.
 //
-// Input: the bytes the receiver sends. The session's connection is one end
-// of a socket pair, so no network is involved.
-// Every request must leave the session's address terminated, the counters
-// within the group, and the other session untouched.
+// Input: requests split on the byte 0xFF (never in a request's text: it is
+// not UTF-8). The first byte of each is a control byte: its value modulo 3
+// picks one of the three receivers; 0x04 puts that session into the clock
+// state first (the state in which any text is the clock reply); 0x08 closes
+// the receiver's side after the text. The rest (cut to 4096 bytes) is what
+// the receiver sends; the server reads it as TCP gives it, 1023 bytes at a
+// time. Each receiver's connection is one end of a socket pair: no network.
+// After every request: at most one reference receiver; the session and
+// receiver counts match the active sessions and entries; a released session
+// has no connection; every state is a known one; the replies a receiver got
+// are whole 200 OKs (an SDP as long as its Content-Length says), START or
+// VOLUME commands; every event names the receiver that sent the request.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "AVStreamer.h"
 #include "fuzz_support.h"
 
 namespace {
 
-void _nop_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
+const int kReceivers = 3;
+const size_t kMaxRequest = 4096;
 
-void _setup(CAVStreamer* st, int sock) {
-    for (int i = 0; i < 2; i++) {
+// The address the events of the request being read must name.
+const char* g_sender = "";
+
+void _notify(intptr_t, intptr_t msg, intptr_t a, intptr_t b, intptr_t, intptr_t) {
+    const char* ip = msg == AVMSG_RECEIVER_VOLUMECHANGED ? (const char*)b : (const char*)a;
+    if (msg == AVMSG_RECEIVER_LEAVE || msg == AVMSG_RECEIVER_RESET ||
+        msg == AVMSG_RECEIVER_VOLUMECHANGED)
+        fuzz_require(strcmp(ip, g_sender) == 0);
+    else
+        fuzz_require(msg == AVMSG_SERVICE_STOP);
+}
+
+void _setup(CAVStreamer* st, int* peers) {
+    static const AV_CHANNEL_TYPE kRoles[kReceivers] = {AV_CHANNEL_FRONT_LEFT,
+                                                       AV_CHANNEL_FRONT_RIGHT, AV_CHANNEL_PARTY};
+    for (int i = 0; i < kReceivers; i++) {
         AV_RECEIVER& r = st->m_AVReceiverInfo.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.%d", 2 + i);
-        r.ChannelType = AV_CHANNEL_FRONT_LEFT;
-        r._volume = 5;
+        r.ChannelType = kRoles[i];
+        r._volume = 5 + i;
         r.bActive = 1;
         AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
         memcpy(s.pReceiverIP, r.pReceiverIP, sizeof(s.pReceiverIP));
         s.bActive = true;
-        s.ChannelType = AV_CHANNEL_FRONT_LEFT;
+        s.ChannelType = kRoles[i];
+        int sp[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) __builtin_trap();
+        s.hTcpClientSock = sp[0];
+        peers[i] = sp[1];
+        // The outgoing queue an accept gives a session; the streamer frees it.
+        s.pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
+        if (s.pOutQ == nullptr) __builtin_trap();
     }
-    st->m_AVRcvSessInfo.AVRcvSess[0].hTcpClientSock = sock;
-    // Replies are queued for the control-server thread to send; the queue is
-    // the streamer's from here on.
-    st->m_AVRcvSessInfo.AVRcvSess[0].pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
-    st->m_AVReceiverInfo.nAVReceiverCnt = 2;
-    st->m_AVRcvSessInfo.nAVRcvSessCnt = 2;
-    st->m_max_idx = 2;
+    st->m_AVReceiverInfo.nAVReceiverCnt = kReceivers;
+    st->m_AVRcvSessInfo.nAVRcvSessCnt = kReceivers;
+    st->m_max_idx = kReceivers;
     st->m_AVMusicInfo.SampleRate = 44100;
     st->m_AVMusicInfo.BytesPerSample = 2;
+    st->m_AVMusicInfo.NumChannels = 2;
     snprintf(st->m_AVMusicInfo.pContentTitle, sizeof(st->m_AVMusicInfo.pContentTitle), "t");
+}
+
+void _check_sessions(CAVStreamer* st) {
+    int refs = 0, active = 0, entries = 0;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
+        refs += s.bRefRcv ? 1 : 0;
+        active += s.bActive ? 1 : 0;
+        entries += st->m_AVReceiverInfo.AVReceiver[i].bActive ? 1 : 0;
+        fuzz_require(s.ServerState <= AV_STREAMER_STATE_BYE);
+        fuzz_require(fuzz_terminated(s.pReceiverIP, sizeof(s.pReceiverIP)));
+        if (!s.bActive) fuzz_require(s.hTcpClientSock == -1 && !s.bRefRcv);
+        if (s.bActive) fuzz_require(i < st->m_max_idx);
+    }
+    fuzz_require(refs <= 1);
+    fuzz_require(st->m_AVRcvSessInfo.nAVRcvSessCnt == active);
+    fuzz_require(st->m_AVReceiverInfo.nAVReceiverCnt == entries);
+}
+
+// Everything a receiver got since the last look must be whole replies or
+// commands.
+void _check_replies(int peer) {
+    std::string got;
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(peer, buf, sizeof buf, MSG_DONTWAIT)) > 0) got.append(buf, (size_t)n);
+    size_t pos = 0;
+    while (pos < got.size()) {
+        const std::string rest = got.substr(pos);
+        fuzz_require(rest.compare(0, 17, "RTSP/1.0 200 OK\r\n") == 0 ||
+                     rest.compare(0, 7, "START\r\n") == 0 || rest.compare(0, 8, "VOLUME: ") == 0);
+        const size_t end = rest.find("\r\n\r\n");
+        fuzz_require(end != std::string::npos);
+        size_t len = end + 4;
+        const size_t cl = rest.find("Content-Length: ");
+        if (cl != std::string::npos && cl < end) {
+            len += strtoul(rest.c_str() + cl + 16, nullptr, 10);
+            fuzz_require(len <= rest.size());
+        }
+        pos += len;
+    }
+}
+
+// Reads what the receiver sent, as the control thread does when the
+// connection is readable, until nothing is left.
+void _serve(CAVStreamer* st, int index) {
+    for (int reads = 0; reads < 16; reads++) {
+        const int sock = st->m_AVRcvSessInfo.AVRcvSess[index].hTcpClientSock;
+        if (sock < 0) return;
+        int pending = 0;
+        char probe;
+        if (ioctl(sock, FIONREAD, &pending) != 0) return;
+        // Nothing pending and not closed: not readable, nothing to do.
+        if (pending == 0 && recv(sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return;
+        st->OnTcpCmdRead(index);
+    }
 }
 
 }  // namespace
@@ -52,25 +140,37 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    int sp[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) return 0;
-    CAVStreamer st(_nop_notify, nullptr, 1);
-    _setup(&st, sp[0]);
-    if (size > 0) {
-        if (write(sp[1], data, size > 1023 ? 1023 : size) < 0) return 0;
-        st.OnTcpCmdRead(0);
+    CAVStreamer st(_notify, nullptr, 1);
+    int peers[kReceivers];
+    _setup(&st, peers);
+    size_t pos = 0;
+    while (pos < size) {
+        const uint8_t* end = (const uint8_t*)memchr(data + pos, 0xFF, size - pos);
+        const size_t len = end ? (size_t)(end - (data + pos)) : size - pos;
+        const uint8_t* piece = data + pos;
+        pos += len + 1;
+        if (len == 0) continue;
+        const int index = piece[0] % kReceivers;
+        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[index];
+        if (s.hTcpClientSock < 0) continue;  // this receiver has left
+        const size_t textLen = len - 1 < kMaxRequest ? len - 1 : kMaxRequest;
+        if (piece[0] & 0x04) s.ServerState = AV_STREAMER_STATE_CLOCK;
+        if (textLen > 0 && send(peers[index], piece + 1, textLen, MSG_NOSIGNAL) != (ssize_t)textLen)
+            continue;
+        if (piece[0] & 0x08) shutdown(peers[index], SHUT_WR);
+        char sender[AV_IP_LEN];
+        memcpy(sender, s.pReceiverIP, sizeof sender);
+        g_sender = sender;
+        _serve(&st, index);
+        _check_sessions(&st);
+        st._flush_session(index);
+        st._close_stale_sockets();
+        _check_replies(peers[index]);
     }
-    AV_RCV_SESS& s0 = st.m_AVRcvSessInfo.AVRcvSess[0];
-    AV_RCV_SESS& s1 = st.m_AVRcvSessInfo.AVRcvSess[1];
-    fuzz_require(strnlen(s0.pReceiverIP, AV_IP_LEN) < AV_IP_LEN);
-    fuzz_require(s1.bActive && strcmp(s1.pReceiverIP, "127.0.0.3") == 0);
-    fuzz_require(s1.ServerState == AV_STREAMER_STATE_NA && s1.hTcpClientSock == -1);
-    int sess = st.m_AVRcvSessInfo.nAVRcvSessCnt;
-    fuzz_require(sess == 1 || sess == 2);
-    fuzz_require(sess == 2 ? s0.bActive.load() : !s0.bActive.load());
-    // A released connection waits for the control-server thread to close it.
-    int sock = s0.hTcpClientSock >= 0 ? s0.hTcpClientSock.load() : s0.hStaleSock.load();
-    if (sock >= 0) close(sock);
-    close(sp[1]);
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
+        if (s.hTcpClientSock >= 0) close(s.hTcpClientSock);
+    }
+    for (int peer : peers) close(peer);
     return 0;
 }

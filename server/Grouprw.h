@@ -20,7 +20,7 @@
 #ifndef GROUPRW_H
 #define GROUPRW_H
 
-#include "SonvaraMgr.h"
+#include "SonvaraMgrRecord.h"
 
 #define GROUP_FILE_NAME "multi_group_play.ini"
 #define GROUP_RW_LINE_LEN 1024

@@ -21,7 +21,7 @@
 // Sources: SonvaraMgr.cpp (lifecycle, device registry), SonvaraMgrGroup.cpp
 // (groups and members), SonvaraMgrSearch.cpp (search, joins, events),
 // SonvaraMgrPlay.cpp (group playback, content queries), SonvaraMgrService.cpp
-// (service registries), SonvaraMgrRecord.cpp (record allocation).
+// (service registries), SonvaraMgrRecord.cpp (records and the JOIN text).
 #ifndef SONVARAMGR_H
 #define SONVARAMGR_H
 
@@ -34,6 +34,7 @@
 #include "AVStreamerDef.h"
 #include "HandleTable.h"
 #include "PAL.h"
+#include "SonvaraMgrRecord.h"
 #include "xPlurafonNotify.h"
 
 // Result codes of the manager (the facade's and the streamer's pass through).
@@ -56,76 +57,11 @@
 
 #define CLIENT_CNT 30           // most members a group may have when it starts playing
 #define MAX_RECEIVER_VOLUME 15  // volume sent to a receiver is capped here
-#define GROUP_NAME_LEN 64
 #define MGR_CONTROL_PORT 1554
 #define MGR_STREAM_PORT 15000
 #define MGR_MULTICAST_GROUP "224.1.2.4"
 #define MGR_MULTICAST_URL "224.1.2.4:1234"
 #define MGR_TIMESYNC_PORT 1235
-#define JOIN_REQ_TS_LEN 64
-
-typedef enum _DEVICE_STATE : int {
-    DEVICE_STATE_STANDBY = 0,
-    DEVICE_STATE_PLAY = 1,
-    DEVICE_STATE_OFF = 2,
-} DEVICE_STATE;
-
-// Any int is a valid value: a hand-edited group file may hold any mode.
-typedef enum _GROUP_MODE : int {
-    GROUP_MODE_NONE = 0,
-    CHANNEL_MODE = 1,
-    PARTY_MODE = 2,
-} GROUP_MODE;
-
-// One receiver the manager knows (plus one for the phone itself). Never
-// unlinked one by one: group members point at these records.
-typedef struct _device_info {
-    char _ip[AV_IP_LEN];
-    char _MacAddr[AV_MAC_LEN];  // the identity of the device
-    char _Guid[AV_GUID_LEN];
-    char _DeviceName[AV_NAME_LEN];
-    std::atomic<bool> _isExist;        // present on the network (search and event threads write it)
-    std::atomic<bool> _bserch_notify;  // already reported to the application
-    std::atomic<int> _bIsPlay;
-    int _mVol;
-    int _mReceiverType;
-    _device_info* _next;
-    int _handle;  // the device handle the application sees; 0 until registered
-} DEVICE_INFO, *LPDEVICE_INFO;
-
-// One member of a group; points at a device record it does not own.
-typedef struct _gitem {
-    LPDEVICE_INFO _lpdevice;
-    int _type;       // AV_CHANNEL_TYPE; kept as an int since a group file may hold any number
-    int bIsService;  // takes part when the group plays
-    std::atomic<int> DeviceState;  // DEVICE_STATE; the streamers' events change it too
-    _gitem* _next;
-} GITEM, *LPGITEM;
-
-typedef struct _group_info {
-    char group_name[GROUP_NAME_LEN];
-    LPGITEM _lpdevice_list;
-    GROUP_MODE _emode;
-    std::atomic<int>
-        _lpavsender;  // streamer handle while a stream exists; the stop thread clears it
-    int _gitem_cnt;
-    std::atomic<int> bIsPlay;
-    int _mVol;
-    int _port;
-    _group_info* _next;
-    int _gid;  // the group id the application sees; 0 until registered
-} GROUP_INFO, *LPGROUP_INFO;
-
-// Copies src into the dst array of dstSize bytes, cut to dstSize - 1 and
-// NUL-terminated; a null src gives an empty text.
-void CopyField(char* dst, size_t dstSize, const char* src);
-
-// Zero-filled records (the atomics are value-initialised); freed with delete.
-LPDEVICE_INFO NewDeviceInfo();
-LPGITEM NewGroupItem();
-LPGROUP_INFO NewGroupInfo();
-// Frees a group with all its members.
-void FreeGroupInfo(LPGROUP_INFO group);
 
 // The last content examined by the content queries.
 typedef struct _MGR_MUSIC_INFO {
@@ -139,16 +75,6 @@ typedef struct _mcast_req_node {
     unsigned int send_ts;
     _mcast_req_node* _lpnext;
 } MCAST_REQ_NODE, *LPMCAST_REQ_NODE;
-
-// The fields of one JOIN request text, each cut to its array.
-typedef struct _join_req {
-    char mac[AV_MAC_LEN];
-    char guid[AV_GUID_LEN];
-    char name[AV_NAME_LEN];
-    unsigned int vol;
-    bool bHasTs;  // the request carried "VOL: " and "REQ_TS: "
-    unsigned int req_ts;
-} JOIN_REQ;
 
 // Receivers currently served a stream, tagged with the stream's group id.
 // Circular doubly linked; the same IP may appear more than once.
@@ -248,7 +174,6 @@ public:
     // Reads the fields of a JOIN request text. 0 when MAC, GUID and NAME were
     // found (the time stamp is optional), else a non-zero code with the log
     // line of the missing field. Never reads past text's terminating NUL.
-    static int _parse_join_req(const char* text, JOIN_REQ* out);
 
     // ---- group playback ----
     int Open(int group_id, const char* source_url, const char* contentTitle, const char* mime,

@@ -34,16 +34,6 @@ int _device_count(const AV_DEVICE_INFO* info) {
     return n > AV_MAX_DEVICE ? AV_MAX_DEVICE : n;
 }
 
-// Decimal number at text: digits only, saturating; none gives 0.
-unsigned int _read_unsigned(const char* text) {
-    unsigned long long v = 0;
-    for (; *text >= '0' && *text <= '9'; text++) {
-        v = v * 10 + (unsigned)(*text - '0');
-        if (v > 0xffffffffull) return 0xffffffffu;
-    }
-    return (unsigned int)v;
-}
-
 }  // namespace
 
 // ------------------------------------------------------------ searches
@@ -191,46 +181,6 @@ bool PlurafonMgr::_device_search_async() {
 
 // ------------------------------------------------------------ JOIN requests
 
-int PlurafonMgr::_parse_join_req(const char* text, JOIN_REQ* out) {
-    memset(out, 0, sizeof(*out));
-    if (!text) return 1;
-    const char* mac = strstr(text, "MAC: ");
-    if (!mac) {
-        debug_UI("invalid join pack(not found mac)");
-        return 1;
-    }
-    sscanf(mac, "MAC: %19s", out->mac);
-    const char* guid = strstr(mac, "GUID: ");
-    if (!guid) {
-        debug_UI("invalid join pack(not found guid)");
-        return 2;
-    }
-    sscanf(guid, "GUID: %39s", out->guid);
-    const char* name = strstr(guid, "NAME: ");
-    if (!name) {
-        debug_UI("invalid join pack(not found name)");
-        return 3;
-    }
-    name += 6;
-    const char* crlf = strstr(name, "\r\n");
-    size_t len = crlf ? (size_t)(crlf - name) : strlen(name);
-    if (len > sizeof(out->name) - 1) len = sizeof(out->name) - 1;
-    memcpy(out->name, name, len);
-    out->name[len] = '\0';
-    if (!crlf) return 0;
-
-    const char* vol = strstr(crlf, "VOL: ");
-    if (vol) out->vol = _read_unsigned(vol + 5);
-    const char* ts = strstr(vol ? vol : crlf, "REQ_TS: ");
-    if (vol && ts) {
-        char tsText[JOIN_REQ_TS_LEN] = {0};
-        sscanf(ts, "REQ_TS: %63s", tsText);
-        out->req_ts = _read_unsigned(tsText);
-        out->bHasTs = true;
-    }
-    return 0;
-}
-
 bool PlurafonMgr::_is_duplicate_mcast_req(LPMCAST_REQ_NODE* lppReqs, const char* guid,
                                           unsigned int ts, bool* lpbExist) {
     *lpbExist = false;
@@ -290,7 +240,7 @@ bool PlurafonMgr::_is_new_join_l(const JOIN_REQ* req) {
 
 void PlurafonMgr::_on_receiver_found(const char* ipText, const char* text, int hStreamer) {
     JOIN_REQ req;
-    if (_parse_join_req(text, &req) != 0) return;
+    if (ParseJoinReq(text, &req) != 0) return;
     if (req.bHasTs) {
         std::lock_guard<std::mutex> guard(m_joinMutex);
         if (!_is_new_join_l(&req)) return;

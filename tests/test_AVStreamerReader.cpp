@@ -2,13 +2,15 @@
 // LIST before data, extensible with fact), refused sample widths, MP3 frame
 // by frame with the decoded tone checked, frame geometry, both seeks, the
 // decoder reset after a parser seek, the info queries and the extension
-// dispatch; hostile WAV heads built byte by byte.
+// dispatch; hostile WAV heads built byte by byte, which discovery's content
+// information must judge as the reader does.
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "AVRepDlna.h"
 #include "AVStreamer.h"
 #include "MP3Decoder.h"
 #include "MP3Parser.h"
@@ -63,9 +65,9 @@ TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
         AV_CONTENT_INFO info = {0, 0};
         const long fd = s.Wav_FileOpen(path.c_str());
         if (c.start == 0) {
-            EXPECT_EQ(fd, -2) << c.name;
+            EXPECT_EQ(fd, AV_READ_NOT_OPENED) << c.name;
             EXPECT_TRUE(log.has("wave format not playable")) << c.name;
-            EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), -2) << c.name;
+            EXPECT_EQ(s.GetWaveInfo(path.c_str(), &info), AV_READ_NOT_OPENED) << c.name;
             continue;
         }
         ASSERT_GE(fd, 1) << c.name;
@@ -104,18 +106,26 @@ TEST(AVStreamerReader, WavHeadsStartsReadsSeeksAndRefusedWidths) {
     }
     CAVStreamer s(no_notify, nullptr, 1);
     LogCapture log;
-    EXPECT_EQ(s.wav_seek(-1, 1), 275);
+    EXPECT_EQ(s.wav_seek(-1, 1), AV_ERR_WAV_SEEK);
     EXPECT_TRUE(log.has("[wav_seek] PAL_FileSeek fail"));
-    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), -2);
+    EXPECT_EQ(s.Wav_FileOpen("/nonexistent/x.wav"), AV_READ_NOT_OPENED);
 }
 
 TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     auto head = [](uint16_t format, uint16_t channels, uint32_t rate, uint16_t bits,
                    uint32_t fmtSize) {
-        const wav_header h = {0x46464952u, 0,    0x45564157u, 0x20746D66u, fmtSize, format,
-                              channels,    rate, rate * 4,    4,           bits};
-        std::vector<unsigned char> v(36);
-        memcpy(v.data(), &h, 36);
+        std::vector<unsigned char> v(36, 0);
+        memcpy(&v[0], "RIFF", 4);
+        memcpy(&v[8], "WAVEfmt ", 8);
+        auto put = [&v](size_t at, uint32_t x, int n) {
+            for (int i = 0; i < n; i++) v[at + i] = (unsigned char)(x >> (8 * i));
+        };
+        put(16, fmtSize, 4);
+        put(20, format, 2);
+        put(22, channels, 2);
+        put(24, rate, 4);
+        put(28, rate * 4, 4);
+        put(34, bits, 2);
         return v;
     };
     auto chunk = [](std::vector<unsigned char> v, const char* id, uint32_t size, size_t body) {
@@ -140,6 +150,11 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         {"no channels", head(1, 0, 44100, 16, 16), 0},
         {"no sampling rate", head(1, 2, 0, 16, 16), 0},
         {"32-bit PCM", head(1, 2, 44100, 32, 16), 0},
+        {"24-bit PCM", head(1, 2, 44100, 24, 16), 0},
+        {"a rate beyond any receiver", head(1, 2, 384001, 16, 16), 0},
+        {"a head cut short", std::vector<unsigned char>(ext.begin(), ext.begin() + 35), 0},
+        // 8 to 23 bits are taken as 1 or 2 bytes per sample.
+        {"12-bit PCM", head(1, 1, 8000, 12, 16), 44},
         {"extensible fmt shorter than 16", head(0xFFFE, 2, 44100, 16, 8), 0},
         {"PCM head without a data header", head(1, 2, 44100, 16, 16), 44},
         {"extensible without data", chunk(ext, "fact", 4, 4), 60 + 12 + 8},
@@ -151,11 +166,20 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     for (const auto& c : cases) {
         TempFile f("hostile.wav", c.bytes);
         CAVStreamer s(no_notify, nullptr, 1);
+        // Discovery's content information calls valid exactly what the
+        // streamer opens, with the same format.
+        CAVRepDlna d;
+        AV_CONTENT_INFO info = {0, 0};
+        const int valid = d.GetWaveInfo(const_cast<char*>(f.path.c_str()), &info);
         const long fd = s.Wav_FileOpen(f.path.c_str());
         if (c.start == 0) {
-            EXPECT_EQ(fd, -2) << c.what;
+            EXPECT_EQ(fd, AV_READ_NOT_OPENED) << c.what;
+            EXPECT_EQ(valid, AV_READ_NOT_OPENED) << c.what;
             continue;
         }
+        EXPECT_EQ(valid, 0) << c.what;
+        EXPECT_EQ(info.NumChannels, s.m_ContentInfo.NumChannels) << c.what;
+        EXPECT_EQ(info.SampleRate, s.m_ContentInfo.SampleRate) << c.what;
         ASSERT_GE(fd, 1) << c.what;
         EXPECT_EQ(s.waveDataStartPos, c.start) << c.what;
         char buf[64];
@@ -185,13 +209,13 @@ TEST(AVStreamerReader, Mp3FixturesReadOneFrameOfTheSourceToneAtATime) {
             pcm.insert(pcm.end(), p, p + n / 2);
             reads++;
         }
-        EXPECT_EQ(n, -2) << fx.name;
+        EXPECT_EQ(n, AV_READ_NOT_OPENED) << fx.name;
         EXPECT_EQ(reads, frames) << fx.name;
         expect_fixture_tones(pcm, fx.channels, fx.rate, fx.name);
         EXPECT_EQ(s.Mp3ToPcm_FileClose(fd), 0);
         EXPECT_EQ(s.m_pMP3Parser, nullptr);
         EXPECT_EQ(s.m_pMp3Decoder, nullptr);
-        EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), -2) << "closed";
+        EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out.data(), out.size()), AV_READ_NOT_OPENED) << "closed";
     }
 }
 
@@ -294,14 +318,14 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
         {"sine_cbr128_info.mp3", "a.mp3", 0, 2, 44100},  // starts with an Info frame
         {"sine_mono_22k.mp3", "b.MP3", 0, 1, 22050},
         {"sine_stereo_11k.mp3", "c.mp3x", 0, 2, 11025},
-        {"sine_mono_44k.mp3", "d.Mp3", 100, 0, 0},
+        {"sine_mono_44k.mp3", "d.Mp3", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
         {"wav8_mono_8k.wav", "e.wav", 0, 1, 8000},
         {"wav16_stereo_44k.wav", "f.WAV", 0, 2, 44100},
-        {"wav16_stereo_44k.wav", "g.Wav", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "noextension", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "h.mp", 100, 0, 0},
-        {"wav16_stereo_44k.wav", "i.mp3", -2, 0, 0},  // no MPEG frames
-        {"sine_cbr128_id3.mp3", "j.wav", -2, 0, 0},
+        {"wav16_stereo_44k.wav", "g.Wav", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "noextension", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "h.mp", AV_ERR_CONTENT_UNSUPPORTED, 0, 0},
+        {"wav16_stereo_44k.wav", "i.mp3", AV_READ_NOT_OPENED, 0, 0},  // no MPEG frames
+        {"sine_cbr128_id3.mp3", "j.wav", AV_READ_NOT_OPENED, 0, 0},
     };
     for (const auto& c : cases) {
         TempFile f(c.as, read_whole_file(fixture_path(c.fixture)));
@@ -314,12 +338,12 @@ TEST(AVStreamerReader, InfoQueriesAndExtensionDispatch) {
     }
     CAVStreamer s(no_notify, nullptr, 1);
     AV_CONTENT_INFO info = {0, 0};
-    EXPECT_EQ(s.GetContentInfo("/nonexistent/x.mp3", &info), -2);
-    EXPECT_EQ(s.Mp3ToPcm_FileOpen("/nonexistent/x.mp3"), -2);
+    EXPECT_EQ(s.GetContentInfo("/nonexistent/x.mp3", &info), AV_READ_NOT_OPENED);
+    EXPECT_EQ(s.Mp3ToPcm_FileOpen("/nonexistent/x.mp3"), AV_READ_NOT_OPENED);
     TempFile empty("empty.mp3", {});
     const long fd = s.Mp3ToPcm_FileOpen(empty.path.c_str());
     ASSERT_GE(fd, 1) << "a parser without frames is still a parser";
     char out[AV_MP3_BUF_SIZE];
-    EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out, sizeof out), -2);
+    EXPECT_EQ(s.Mp3ToPcm_FileRead(fd, out, sizeof out), AV_READ_NOT_OPENED);
     EXPECT_EQ(s.Mp3ToPcm_FileClose(fd), 0);
 }

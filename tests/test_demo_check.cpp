@@ -1,6 +1,7 @@
 // The demo's verdict logic on known data: per-role references from real
-// fixture files, and the packet-by-packet comparison on streams with the
-// faults a real run shows (late start, underruns, seeks, wrong audio).
+// fixture files must equal what the streamer's own readers and filters make,
+// and the packet-by-packet comparison must tell the faults a real run shows
+// (late start, underruns, seeks, a pause's cut) from wrong audio.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -19,12 +20,6 @@ DemoPcm load(const char* fixture) {
     std::string err;
     EXPECT_EQ(0, DemoLoadContent(fixture_path(fixture).c_str(), &pcm, &err)) << err;
     return pcm;
-}
-
-double tone_of(const std::vector<unsigned char>& stereo, int ch, int rate) {
-    return tone_stats(reinterpret_cast<const int16_t*>(stereo.data()), stereo.size() / 4, 2, ch,
-                      rate)
-        .frequency;
 }
 
 std::vector<unsigned char> packets(const std::vector<unsigned char>& ref, size_t from,
@@ -125,70 +120,11 @@ TEST(DemoCheck, ContentIsReadAsTheStreamersReadersReadIt) {
     DemoMatch m;
     DemoCompare(left, std::vector<unsigned char>(right.begin(), right.begin() + 14000), 4, &m);
     EXPECT_EQ(10u, m.differing);
-}
 
-TEST(DemoCheck, RoleReferencesPickTheSendersChannels) {
-    // Stereo MP3, decoded frame by frame: left 440 Hz, right 1000 Hz (the
-    // encoder's lead-in skews a zero-crossing count a little).
-    DemoPcm mp3 = load("sine_cbr128_id3.mp3");
-    long frames = 0;
-    int rate = 0, channels = 0;
-    ASSERT_TRUE(fixture_facts("sine_cbr128_id3.mp3", &frames, &rate, &channels));
-    EXPECT_EQ(rate, mp3.rate);
-    EXPECT_EQ(channels, mp3.channels);
-    EXPECT_EQ((size_t)frames * 1152 * 4, mp3.bytes.size());
-    std::vector<unsigned char> ref;
-    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_RIGHT, &ref));
-    EXPECT_NEAR(1000, tone_of(ref, 0, rate), 60);
-    EXPECT_NEAR(1000, tone_of(ref, 1, rate), 60);
-    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_WOOFER, &ref));  // stereo: the left channel
-    EXPECT_NEAR(440, tone_of(ref, 1, rate), 40);
-    ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_PARTY, &ref));
-    EXPECT_EQ(mp3.bytes, ref);
-
-    // Six channels at 300..1300 Hz: each role its channel, party the first two.
-    DemoPcm six = load("wav16_6ch_ext_8k.wav");
-    ASSERT_EQ(6, six.channels);
-    const struct {
-        int role;
-        double left, right;
-    } roles[] = {{AV_CHANNEL_CENTER, 700, 700},
-                 {AV_CHANNEL_WOOFER, 900, 900},
-                 {AV_CHANNEL_REAR_RIGHT, 1300, 1300},
-                 {AV_CHANNEL_PARTY, 300, 500}};
-    for (const auto& r : roles) {
-        ASSERT_EQ(0, DemoRoleFilter(six, r.role, &ref));
-        EXPECT_EQ(six.bytes.size() / 6, ref.size() / 2);
-        EXPECT_NEAR(r.left, tone_of(ref, 0, 8000), 15) << r.role;
-        EXPECT_NEAR(r.right, tone_of(ref, 1, 8000), 15) << r.role;
-    }
-
-    // Mono to a party speaker is doubled; 8-bit stays 8-bit.
-    DemoPcm mono8 = load("wav8_mono_8k.wav");
-    ASSERT_EQ(0, DemoRoleFilter(mono8, AV_CHANNEL_PARTY, &ref));
-    ASSERT_EQ(mono8.bytes.size() * 2, ref.size());
-    EXPECT_EQ(mono8.bytes[100], ref[200]);
-    EXPECT_EQ(mono8.bytes[100], ref[201]);
-}
-
-TEST(DemoCheck, WavContentIsReadAsTheSenderReadsIt) {
-    // A plain PCM file is played from byte 44 on, even when a LIST chunk sits
-    // there: its bytes go out as samples.
-    std::vector<unsigned char> file = read_whole_file(fixture_path("wav16_stereo_list_8k.wav"));
-    DemoPcm pcm = load("wav16_stereo_list_8k.wav");
-    ASSERT_EQ(file.size() - 44, pcm.bytes.size());
-    EXPECT_EQ(0, memcmp(pcm.bytes.data(), &file[44], pcm.bytes.size()));
-    EXPECT_EQ(0, memcmp(pcm.bytes.data(), "INFO", 4));  // inside the LIST chunk
-
-    // Refused: 24-bit, unknown extension, truncated and missing files.
+    // What the sender refuses has no reference either.
     DemoPcm out;
-    std::string err;
     EXPECT_EQ(-1, DemoLoadContent(fixture_path("wav24_stereo_ext_8k.wav").c_str(), &out, &err));
     EXPECT_EQ(-1, DemoLoadContent(fixture_path("sine_layer2.mp2").c_str(), &out, &err));
-    EXPECT_FALSE(err.empty());
-    std::vector<unsigned char> head(file.begin(), file.begin() + 30);
-    TempFile cut("cut.wav", head);
-    EXPECT_EQ(-1, DemoLoadContent(cut.path.c_str(), &out, &err));
     EXPECT_EQ(-1, DemoLoadContent("/nonexistent/x.wav", &out, &err));
 }
 
@@ -274,24 +210,6 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     EXPECT_EQ(DEMO_NOTHING, m.verdict);
     DemoCompare(ref, silence, 4, &m);
     EXPECT_EQ(DEMO_NOTHING, m.verdict);
-}
-
-TEST(DemoCheck, ReportNumbersAreReadFromFlatJson) {
-    const std::string json =
-        "{\"address\":\"127.0.0.2\",\"packets\": 412,\"seq_gaps\":0,"
-        "\"margin_min_ms\":-3.5e1,\"name\":\"packets\",\"bad\":x,\"long\":" +
-        std::string(100, '7') + "}";
-    double v = 0;
-    EXPECT_TRUE(DemoJsonNumber(json, "packets", &v));
-    EXPECT_EQ(412, v);
-    EXPECT_TRUE(DemoJsonNumber(json, "margin_min_ms", &v));
-    EXPECT_EQ(-35, v);
-    EXPECT_FALSE(DemoJsonNumber(json, "bad", &v));
-    EXPECT_FALSE(DemoJsonNumber(json, "missing", &v));
-    EXPECT_TRUE(DemoJsonNumber(json, "long", &v));  // cut to the field, never overrun
-    EXPECT_EQ(AV_CHANNEL_FRONT_LEFT, DemoRoleFromName("front_left"));
-    EXPECT_EQ(AV_CHANNEL_PARTY, DemoRoleFromName("Party"));
-    EXPECT_EQ(-1, DemoRoleFromName("Kitchen"));
 }
 
 TEST(DemoCheck, SeekInMp3IsCheckedAgainstTheRestartedDecode) {

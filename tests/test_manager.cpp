@@ -143,7 +143,8 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
 
     // The first member decides the mode; an unknown MAC still sets it.
     EXPECT_EQ(1, mgr->AddDevice(0, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
-    EXPECT_EQ(266, mgr->AddDevice(g2, "127.0.0.9", "zz:99", AV_CHANNEL_FRONT_LEFT, 1));
+    EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND,
+              mgr->AddDevice(g2, "127.0.0.9", "zz:99", AV_CHANNEL_FRONT_LEFT, 1));
     EXPECT_EQ(0, mgr->GetDeviceCountInGroup(g2));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.3", b.c_str(), AV_CHANNEL_FRONT_LEFT, 0));
@@ -174,48 +175,56 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
 
     // Channel role updates.
     EXPECT_EQ(1, mgr->UpdateDeviceChannelType(0, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
-    EXPECT_EQ(266, mgr->UpdateDeviceChannelType(g1, "127.0.0.9", "zz:99", AV_CHANNEL_CENTER));
-    EXPECT_EQ(267, mgr->UpdateDeviceChannelType(g2, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
+    EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND,
+              mgr->UpdateDeviceChannelType(g1, "127.0.0.9", "zz:99", AV_CHANNEL_CENTER));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
+              mgr->UpdateDeviceChannelType(g2, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
     EXPECT_EQ(0, mgr->UpdateDeviceChannelType(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
     EXPECT_EQ(AV_CHANNEL_CENTER, mgr->GetDeviceTypeInGroup(g1, 0));
 
     // Service flag: kept even though the group has no stream to tell.
-    EXPECT_EQ(267, mgr->SetDeviceEnableInGroup(g2, "127.0.0.2", a.c_str(), 0));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
+              mgr->SetDeviceEnableInGroup(g2, "127.0.0.2", a.c_str(), 0));
     EXPECT_EQ(0, mgr->SetDeviceEnableInGroup(g1, "127.0.0.2", a.c_str(), 1));
-    EXPECT_EQ(265, mgr->SetDeviceEnableInGroup(g1, "127.0.0.2", a.c_str(), 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->SetDeviceEnableInGroup(g1, "127.0.0.2", a.c_str(), 0));
     EXPECT_EQ(0, mgr->IsDeviceServiceInGroup(g1, 0));
 
     // Controls of a group without a stream.
-    EXPECT_EQ(265, mgr->Stop(g1, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g1, 0));
     EXPECT_EQ(1, mgr->Stop(0, 0));
-    EXPECT_EQ(265, mgr->Pause(g1));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Pause(g1));
     EXPECT_EQ(1, mgr->Pause(0));
-    EXPECT_EQ(265, mgr->Resume(g1));
-    EXPECT_EQ(272, mgr->seekTo(0, 10));
-    EXPECT_EQ(265, mgr->seekTo(g1, 10));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Resume(g1));
+    EXPECT_EQ(PLURAFON_ERR_SEEK_GROUP_ID, mgr->seekTo(0, 10));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->seekTo(g1, 10));
     EXPECT_EQ(1, mgr->stopPlayer(g1));
-    EXPECT_EQ(267, mgr->SetReceiverUITypeAll(0, 1));
-    EXPECT_EQ(265, mgr->SetReceiverUITypeAll(g1, 1));
-    EXPECT_EQ(266, mgr->SetReceiverUIType("127.0.0.9", "zz:99", 1));
-    EXPECT_EQ(267, mgr->SetReceiverUIType("127.0.0.2", a.c_str(), 1));  // not playing
-    EXPECT_EQ(266, mgr->ReceiverDeviceVolumeControl("127.0.0.9", "zz:99", 5));
-    EXPECT_EQ(267, mgr->ReceiverDeviceVolumeControl("127.0.0.2", a.c_str(), 5));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND, mgr->SetReceiverUITypeAll(0, 1));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->SetReceiverUITypeAll(g1, 1));
+    EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND, mgr->SetReceiverUIType("127.0.0.9", "zz:99", 1));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
+              mgr->SetReceiverUIType("127.0.0.2", a.c_str(), 1));  // not playing
+    EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND,
+              mgr->ReceiverDeviceVolumeControl("127.0.0.9", "zz:99", 5));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
+              mgr->ReceiverDeviceVolumeControl("127.0.0.2", a.c_str(), 5));
     EXPECT_EQ(0, mgr->ReceiverVolumeControl(g1, 5));
-    EXPECT_EQ(267, mgr->DevicePlay(g2, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));
-    EXPECT_EQ(265, mgr->DevicePlay(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));
+    EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
+              mgr->DevicePlay(g2, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER,
+              mgr->DevicePlay(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));
     EXPECT_EQ(DEVICE_STATE_PLAY, mgr->GetDeviceStateInGroup(g1, 0));  // kept on failure
     EXPECT_EQ(0, mgr->DevicePlay(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));  // already
 
     // Removing members: ReceiverOut removes, then finds no stream.
     EXPECT_EQ(1, mgr->DeleteDevice(0, "127.0.0.2", a.c_str()));
     EXPECT_EQ(0, mgr->DeleteDevice(g1, "127.0.0.9", "zz:99"));
-    EXPECT_EQ(265, mgr->ReceiverOut(g1, "127.0.0.3", b.c_str()));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->ReceiverOut(g1, "127.0.0.3", b.c_str()));
     EXPECT_EQ(2, mgr->GetDeviceCountInGroup(g1));
     EXPECT_STREQ(c.c_str(), mgr->GetDeviceMacInGroup(g1, 1));
     EXPECT_EQ(1, mgr->ReceiverOut(0, "127.0.0.3", b.c_str()));
 
     // Renaming and deleting: a deleted group's id is unknown afterwards.
-    EXPECT_EQ(272, mgr->ChangeGroupName(0, "x"));
+    EXPECT_EQ(PLURAFON_ERR_SEEK_GROUP_ID, mgr->ChangeGroupName(0, "x"));
     EXPECT_EQ(0, mgr->ChangeGroupName(g2, "Kitchen"));
     EXPECT_EQ(g2, mgr->GetGroupIDByName("Kitchen"));
     EXPECT_EQ(0, mgr->DeleteGroup(g1));
@@ -425,27 +434,32 @@ TEST_F(Manager, GroupFileThroughAFreshManager) {
 TEST_F(Manager, OpenChecksTheGroupBeforeAnyStreamer) {
     const std::string wav = std::string(SONVARA_FIXTURES_DIR) + "/wav16_stereo_44k.wav";
     int g = mgr->CreateGroup("G");
-    EXPECT_EQ(100, mgr->Open(g, "/tmp/song.txt", "t", "text/plain", 2, 44100, 5, 0, 0));
-    EXPECT_EQ(100, mgr->Open(g, "/nonexistent.wav", "t", "audio/x-wav", 2, 44100, 5, 0, 0));
-    EXPECT_EQ(259, mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS,
+              mgr->Open(g, "/tmp/song.txt", "t", "text/plain", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS,
+              mgr->Open(g, "/nonexistent.wav", "t", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_PLAY_DEVICE,
+              mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
 
     // 31 members fail even with one in service; 30 pass that check.
     for (int i = 0; i < 31; i++) {
         std::string mac = AddReceiver(i);
         ASSERT_EQ(0, mgr->AddDevice(g, "", mac.c_str(), AV_CHANNEL_PARTY, i == 0));
     }
-    EXPECT_EQ(260, mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_TOO_MANY_DEVICE,
+              mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
     ASSERT_EQ(0, mgr->DeleteDevice(g, "", "aa:30"));
     // Nobody able to play: the states are set all the same.
-    EXPECT_EQ(265, mgr->SetDeviceEnableInGroup(g, "127.0.0.2", "aa:0", 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->SetDeviceEnableInGroup(g, "127.0.0.2", "aa:0", 0));
     PlurafonMgr::dlna_notify((intptr_t)mgr, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.3", 0);
-    EXPECT_EQ(265, mgr->SetDeviceEnableInGroup(g, "127.0.0.3", "aa:1", 1));
-    EXPECT_EQ(259, mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->SetDeviceEnableInGroup(g, "127.0.0.3", "aa:1", 1));
+    EXPECT_EQ(PLURAFON_ERR_NO_PLAY_DEVICE,
+              mgr->Open(g, wav.c_str(), "t", "audio/x-wav", 2, 44100, 5, 0, 0));
     EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 0));  // out of service
     EXPECT_EQ(DEVICE_STATE_OFF, mgr->GetDeviceStateInGroup(g, 1));      // in service, gone
     EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 2));
     EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(265, mgr->Stop(g, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g, 0));
 }
 
 TEST_F(Manager, ContentQueriesAndTheirCache) {
@@ -468,9 +482,9 @@ TEST_F(Manager, ContentQueriesAndTheirCache) {
     std::string mp3 = fixtures + "/sine_mono_22k.mp3";
     EXPECT_EQ(22050, mgr->GetContentSampleRate(mp3.c_str()));
     EXPECT_EQ(1, mgr->GetContentChannel(mp3.c_str()));
-    EXPECT_EQ(100, mgr->IsContentValid("/tmp/a.ogg"));
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValid("/tmp/a.ogg"));
     EXPECT_EQ(1, mgr->IsContentValid("/tmp/noextension"));
-    EXPECT_EQ(100, mgr->IsContentValidFromMime(mp3.c_str(), "audio/ogg"));
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValidFromMime(mp3.c_str(), "audio/ogg"));
     EXPECT_EQ(0, mgr->IsContentValidFromMime(mp3.c_str(), "audio/mpeg"));
 
     events.Clear();

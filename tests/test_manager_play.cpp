@@ -163,8 +163,9 @@ TEST_F(Play, OpenControlAndStopOneGroup) {
     EXPECT_EQ(g, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
 
     // A playing group can't be opened again or deleted.
-    EXPECT_EQ(261, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
-    EXPECT_EQ(273, mgr->DeleteGroup(g));
+    EXPECT_EQ(PLURAFON_ERR_ALREADY_PLAY,
+              mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_PLAYING, mgr->DeleteGroup(g));
     ASSERT_TRUE(events.WaitFor("Progress " + std::to_string(g) + " ", 2));
 
     // What a receiver tells the stream reaches the application.
@@ -213,8 +214,8 @@ TEST_F(Play, OpenControlAndStopOneGroup) {
     EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 0));
     EXPECT_EQ(DEVICE_STATE_STANDBY, mgr->GetDeviceStateInGroup(g, 1));
     EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(265, mgr->Stop(g, 0));
-    EXPECT_EQ(265, mgr->Pause(g));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Pause(g));
     EXPECT_EQ(0, mgr->DeleteGroup(g));
 }
 
@@ -244,8 +245,8 @@ TEST_F(Play, WiFiLossStopsEveryPlayingGroup) {
     ASSERT_EQ(0, mgr->Open(g2, wav.c_str(), "B", "audio/x-wav", 2, 44100, 5, 0, 0));
     for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
     ASSERT_EQ(0, mgr->DisconnectedWiFi());
-    EXPECT_EQ(265, mgr->Stop(g1, 0));
-    EXPECT_EQ(265, mgr->Stop(g2, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g1, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g2, 0));
     EXPECT_EQ(DEVICE_STATE_OFF, mgr->GetDeviceStateInGroup(g1, 0));
     EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
 }

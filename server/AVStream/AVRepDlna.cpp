@@ -21,6 +21,7 @@
 
 #include <new>
 
+#include "ContentFile.h"
 #include "MP3Parser.h"
 
 char CAVRepDlna::mguid[AV_GUID_LEN];
@@ -77,13 +78,6 @@ int _wait_readable(int sock, int timeoutMs) {
     int r = poll(&pfd, 1, timeoutMs);
     if (r < 0 && errno == EINTR) return 0;
     return r < 0 ? -1 : (r > 0 ? 1 : 0);
-}
-
-uint32_t _le32(const unsigned char* p) {
-    return (uint32_t)p[0] | ((uint32_t)p[1] << 8) | ((uint32_t)p[2] << 16) | ((uint32_t)p[3] << 24);
-}
-unsigned int _le16(const unsigned char* p) {
-    return (unsigned int)p[0] | ((unsigned int)p[1] << 8);
 }
 
 // Parses "host:port" into a heap host text; 0, 1 malformed, 4 no memory.
@@ -652,23 +646,23 @@ int CAVRepDlna::GetContentInfo(char* path, AV_CONTENT_INFO* out) {
     if (strncmp(dot, ".wav", 4) == 0 || strncmp(dot, ".WAV", 4) == 0) {
         return GetWaveInfo(path, out);
     }
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }
 
 int CAVRepDlna::GetContentInfoFromMime(char* path, char* mime, AV_CONTENT_INFO* out) {
     if (mime && strncmp(mime, "audio/mpeg", 10) == 0) return GetMp3Info(path, out);
     if (mime && strncmp(mime, "audio/x-wav", 11) == 0) return GetWaveInfo(path, out);
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }
 
 int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
     long handle = path ? PAL_FileOpen(path, FOPEN_READ, 0) : 0;
-    if (handle <= 0) return -2;
+    if (handle <= 0) return AV_READ_NOT_OPENED;
     MP3Parser* parser = new (std::nothrow) MP3Parser(handle);
     if (!parser) {
         PAL_FileClose(handle);
-        return -2;
+        return AV_READ_NOT_OPENED;
     }
     int channels = 0;
     int rate = 0;
@@ -687,7 +681,7 @@ int CAVRepDlna::GetMp3Info(char* path, AV_CONTENT_INFO* out) {
 int CAVRepDlna::GetWaveInfo(char* path, AV_CONTENT_INFO* out) {
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
     long handle = Wav_FileOpen(path);
-    if (handle < 0) return -2;
+    if (handle < 0) return AV_READ_NOT_OPENED;
     Wav_FileClose(handle);
     if (out) {
         out->NumChannels = m_ContentInfo.NumChannels;
@@ -698,45 +692,25 @@ int CAVRepDlna::GetWaveInfo(char* path, AV_CONTENT_INFO* out) {
 
 long CAVRepDlna::Wav_FileOpen(char* path) {
     long handle = path ? PAL_FileOpen(path, FOPEN_READ, 0) : 0;
-    if (handle <= 0) return -7;
+    if (handle <= 0) return AV_DLNA_WAV_NOT_OPENED;
     if (_wav_find_samples(handle) != 0) {
         PAL_FileClose(handle);
-        return -7;
+        return AV_DLNA_WAV_NOT_OPENED;
     }
     return handle;
 }
 
-// Checks the canonical header and leaves the handle at the sample data;
-// fills m_ContentInfo. 0 or -7.
+// Checks the head with the content probe, the streamer's own check, and
+// leaves the handle at the sample data; fills m_ContentInfo. 0 or -7.
 int CAVRepDlna::_wav_find_samples(long handle) {
-    unsigned char hdr[36];
-    if (PAL_FileRead(handle, hdr, sizeof(hdr)) != (long)sizeof(hdr)) return -7;
-    if (memcmp(hdr, "RIFF", 4) != 0 || memcmp(hdr + 8, "WAVE", 4) != 0 ||
-        memcmp(hdr + 12, "fmt ", 4) != 0) {
-        return -7;
-    }
-    unsigned int format = _le16(hdr + 20);
-    if (format == 0xFFFE) {
-        // Extensible: past the rest of fmt, then chunk by chunk to "data".
-        uint32_t fmtSize = _le32(hdr + 16);
-        if (fmtSize < 16) return -7;
-        if (PAL_FileSeek(handle, (long long)fmtSize - 16, FSEEK_CURRENT) < 0) return -7;
-        for (;;) {
-            unsigned char chunk[8];
-            if (PAL_FileRead(handle, chunk, sizeof(chunk)) != (long)sizeof(chunk)) break;
-            if (memcmp(chunk, "data", 4) == 0) break;
-            if (PAL_FileSeek(handle, (long long)_le32(chunk + 4), FSEEK_CURRENT) < 0) break;
-        }
-    } else if (format == 1) {
-        // Plain PCM: the chunk after fmt is taken to be "data".
-        if (PAL_FileSeek(handle, 8, FSEEK_CURRENT) < 0) return -7;
-    } else {
-        return -7;
-    }
-    unsigned int bytesPerSample = _le16(hdr + 34) / 8;
-    if (bytesPerSample != 1 && bytesPerSample != 2) return -7;
-    m_ContentInfo.SampleRate = _le32(hdr + 24);
-    m_ContentInfo.NumChannels = hdr[22];
+    WaveFormat fmt;
+    long n = 0;
+    uint32_t dataStart = 0;
+    if (ContentWaveReadHead(handle, &fmt, &n) != WAVE_PROBE_OK ||
+        !ContentWaveSeekSamples(handle, fmt, &dataStart))
+        return AV_DLNA_WAV_NOT_OPENED;
+    m_ContentInfo.SampleRate = fmt.sampleRate;
+    m_ContentInfo.NumChannels = fmt.numChannels;
     return 0;
 }
 

@@ -1,5 +1,5 @@
 // CAVStreamer construction, reset, the streamer state machine and the release
-// of receiver sessions.
+// of receiver sessions with the hand-over of the reference role.
 //
 // Allocates nothing. Runs on the caller's thread (construction, state) and on
 // the control-server thread and the caller's thread (session release).
@@ -215,6 +215,19 @@ int CAVStreamer::_receiver_count_add(int delta) {
 
 int CAVStreamer::_receiver_count() {
     return __atomic_load_n(&m_AVReceiverInfo.nAVReceiverCnt, __ATOMIC_SEQ_CST);
+}
+
+// Session index becomes the reference receiver, and the only one: a release
+// may have handed the role on while the ready count (which every release
+// lowers) fell back, so that the next CHANNEL report counts as the first.
+// Takes each session's lock in turn, never two at once.
+void CAVStreamer::_take_reference(int index) {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PAL_MutexLock(s._lpmutex, 1);
+        s.bRefRcv = i == index && s.bActive;
+        PAL_MutexUnLock(s._lpmutex);
+    }
 }
 
 int CAVStreamer::ResetAcceptWaitReceiverInfo(const char* ip) {

@@ -166,21 +166,6 @@ typedef struct _RTP_PACKET {
     uint32_t unSsrc;
 } RTP_PACKET;
 
-// The fixed 36-byte head of a WAV file, taken in one read (little-endian).
-typedef struct _wav_header {
-    uint32_t riff_id;
-    uint32_t riff_sz;
-    uint32_t riff_fmt;
-    uint32_t fmt_id;
-    uint32_t fmt_sz;
-    uint16_t audio_format;
-    uint16_t num_channels;
-    uint32_t sample_rate;
-    uint32_t byte_rate;
-    uint16_t block_align;
-    uint16_t bits_per_sample;
-} wav_header;
-
 class CAVStreamer {
 public:
     CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId);
@@ -343,9 +328,15 @@ public:
     // changed by several threads, each under a different session lock.
     int _receiver_count_add(int delta);
     int _receiver_count();
+    void _take_reference(int index);
 
     // Resets session index to free, keeping its mutex.
     void _session_clear(int index);
+
+    // Control-server thread steps that the request fuzzing drives too: send
+    // what a session's queue holds, close released connections.
+    bool _flush_session(int index);
+    void _close_stale_sockets();
 
 private:
     bool m_bTimeSyncOn;          // this streamer holds a TimeSyncInitiator_StartSync
@@ -394,8 +385,6 @@ private:
     void _accept_receiver(bool* rtpStarted);
     unsigned int _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
-    void _close_stale_sockets();
-    bool _flush_session(int index);
     void _drop_session(int index, const char* why);
     unsigned int _check_sessions();
     void _release_closed(int index, int sock);

@@ -45,6 +45,23 @@ typedef enum _TAV_RET {
     TAV_CALLVOIDMETHOD_ERROR = 17,
 } TAV_RET;
 
+// Result numbers beside TAV_RET, each returned by one layer.
+#define AV_ERR_WRITE_FAILED 18          // a command could not be written to the receiver
+#define AV_ERR_NO_CONNECTION 19         // the receiver has no control connection
+#define AV_ERR_CONTENT_OPEN 66          // AVStreamerInit: the content cannot be opened
+#define AV_ERR_CONTENT_UNSUPPORTED 100  // no reader for the extension or the MIME type
+#define AV_ERR_INIT_REFUSED 263         // AVStreamerInit refused in this state
+#define AV_ERR_OPEN_REFUSED 264         // AVStreamerOpen refused in this state
+#define AV_ERR_RECEIVER_NOT_FOUND 268   // no receiver with that address
+#define AV_ERR_RECEIVER_NOT_ACTIVE 269  // leave for an unknown or inactive address
+#define AV_ERR_NO_FREE_SLOT 270         // a join with every receiver slot taken
+#define AV_ERR_SERVER_INIT 271          // the control server could not be set up
+#define AV_ERR_WAV_SEEK 275             // the WAV reader could not move to the time
+// The content readers' negative results.
+#define AV_READ_NOT_OPENED (-2)  // file not opened or not a usable WAV; MP3 end of stream
+#define AV_READ_DECODE_FAILED (-3)
+#define AV_DLNA_WAV_NOT_OPENED (-7)  // discovery's WAV open
+
 typedef enum _AV_CHANNEL_TYPE {
     AV_CHANNEL_NA = 0,
     AV_CHANNEL_FRONT_LEFT = 1,

@@ -10,48 +10,33 @@
 // caller's thread for the info queries and at init; no locks (the callers
 // never overlap on one streamer).
 //
-// Files come from the user's phone: the WAV head is checked before any
-// length from it is used, a chunk walk ends at the first failed read, and
-// formats the streamer cannot send as 16-bit PCM are refused at open (see
-// Wav_FileOpen).
+// Files come from the user's phone: the WAV head is checked by the content
+// probe (ContentFile.h), the same check discovery's content information
+// makes, before any length from it is used; formats the receivers cannot
+// take are refused at open.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <new>
 
 #include "AVStreamer.h"
+#include "ContentFile.h"
 #include "MP3Parser.h"
 #include "MediaBuffer.h"
 
 namespace {
 
-// "RIFF", "WAVE", "fmt " and "data" as little-endian 32-bit words.
-const uint32_t kRiff = 0x46464952u;
-const uint32_t kWave = 0x45564157u;
-const uint32_t kFmt = 0x20746D66u;
-const uint32_t kData = 0x61746164u;
-const uint16_t kWavePcm = 1;
-const uint16_t kWaveExtensible = 0xFFFE;
-const uint32_t kMaxWaveRate = 384000;
-
-const int kWavHeaderSize = 36;
-static_assert(sizeof(wav_header) == kWavHeaderSize, "wav_header is the file's 36-byte head");
-
 const unsigned kMp3ScanSize = 10240;
 const unsigned kMp3SeekSearchSize = 8192;
 
-// MPEG-1 Layer III bit rates in bit/s by index (0 and 15: none), and the
-// MPEG-1 sampling rates by index (3: none).
+// MPEG-1 Layer III bit rate in bit/s by index (0 and 15: none), and the
+// MPEG-1 sampling rate by index (3: none).
 uint32_t mpeg1_l3_bitrate(uint32_t index) {
-    static const uint32_t kRates[16] = {0,      32000,  40000,  48000,  56000,  64000,
-                                        80000,  96000,  112000, 128000, 160000, 192000,
-                                        224000, 256000, 320000, 0};
-    return index < 16 ? kRates[index] : 0;
+    return (uint32_t)MpegBitrateKbps(3, 1, index) * 1000u;
 }
 
 uint32_t mpeg1_samplerate(uint32_t index) {
-    static const uint32_t kRates[4] = {44100, 48000, 32000, 0};
-    return index < 4 ? kRates[index] : 0;
+    return (uint32_t)MpegSampleRate(3, index);
 }
 
 // Float to unsigned 32 bits, saturating (a plain cast of an out-of-range
@@ -87,56 +72,27 @@ void release_mp3_reader(CAVStreamer* s) {
 
 long CAVStreamer::Wav_FileOpen(const char* szFilePath) {
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
-    if (fd < 1) return -2;
+    if (fd < 1) return AV_READ_NOT_OPENED;
 
-    wav_header hdr;
-    memset(&hdr, 0, sizeof hdr);
-    bool ok = PAL_FileRead(fd, &hdr, kWavHeaderSize) > 0;
-    if (ok) {
-        waveDataStartPos = kWavHeaderSize;
-        debug_UI("xxxbitrate byte rate %d", (int)hdr.byte_rate);
-        ok = hdr.riff_id == kRiff && hdr.riff_fmt == kWave && hdr.fmt_id == kFmt &&
-             (hdr.audio_format == kWavePcm || hdr.audio_format == kWaveExtensible);
+    WaveFormat fmt;
+    long n = 0;
+    const int probe = ContentWaveReadHead(fd, &fmt, &n);
+    if (n > 0) {
+        waveDataStartPos = WAVE_HEAD_LEN;
+        debug_UI("xxxbitrate byte rate %d", (int)fmt.byteRate);
     }
-    // Receivers take 8- or 16-bit PCM: other sample widths (24, 32 bits) are
-    // refused here for every channel role rather than sent as noise, and a
-    // format with no channels or no rate would stop the pacing arithmetic.
-    if (ok &&
-        ((hdr.num_channels & 0xFF) == 0 || hdr.sample_rate == 0 || hdr.sample_rate > kMaxWaveRate ||
-         (hdr.bits_per_sample != 8 && hdr.bits_per_sample != 16))) {
+    // Formats the receivers cannot take are refused here for every channel
+    // role rather than sent as noise (see ProbeWaveHead).
+    if (probe == WAVE_PROBE_UNPLAYABLE)
         debug_UI("wave format not playable: channels %u, samplerate %u, bits %u",
-                 (unsigned)hdr.num_channels, (unsigned)hdr.sample_rate,
-                 (unsigned)hdr.bits_per_sample);
-        ok = false;
-    }
-    if (ok && hdr.audio_format == kWavePcm) {
-        // A 16-byte fmt chunk followed directly by the data chunk header is
-        // taken on trust: no chunk is looked for.
-        PAL_FileSeek(fd, 8, FSEEK_CURRENT);
-        waveDataStartPos += 8;
-    } else if (ok) {
-        ok = hdr.fmt_sz >= 16 && PAL_FileSeek(fd, (long long)hdr.fmt_sz - 16, FSEEK_CURRENT) >= 0;
-        waveDataStartPos = kWavHeaderSize + hdr.fmt_sz - 16;
-        long nId = 4, nSize = 4;
-        while (ok && (nId & nSize) != 0) {
-            uint32_t id = 0, size = 0;
-            nId = PAL_FileRead(fd, &id, 4);
-            waveDataStartPos += 4;
-            nSize = PAL_FileRead(fd, &size, 4);
-            waveDataStartPos += 4;
-            // A failed read ends the walk like the end of the file.
-            if (id == kData || nId < 0 || nSize < 0) break;
-            PAL_FileSeek(fd, size, FSEEK_CURRENT);
-            waveDataStartPos += size;
-        }
-    }
-    if (!ok) {
+                 (unsigned)fmt.numChannels, (unsigned)fmt.sampleRate, (unsigned)fmt.bitsPerSample);
+    if (probe != WAVE_PROBE_OK || !ContentWaveSeekSamples(fd, fmt, &waveDataStartPos)) {
         PAL_FileClose(fd);
-        return -2;
+        return AV_READ_NOT_OPENED;
     }
-    m_ContentInfo.NumChannels = (uint8_t)(hdr.num_channels & 0xFF);
-    m_ContentInfo.SampleRate = hdr.sample_rate;
-    m_AVMusicInfo.BytesPerSample = (uint8_t)(hdr.bits_per_sample >> 3);
+    m_ContentInfo.NumChannels = fmt.numChannels;
+    m_ContentInfo.SampleRate = fmt.sampleRate;
+    m_AVMusicInfo.BytesPerSample = fmt.bytesPerSample;
     debug_UI("wave info: start: %u, # of channels: %u, samplerate: %u, BytesPerSample : %u",
              waveDataStartPos, (unsigned)m_ContentInfo.NumChannels, m_ContentInfo.SampleRate,
              (unsigned)m_AVMusicInfo.BytesPerSample);
@@ -170,7 +126,7 @@ int CAVStreamer::wav_seek(long _fd, unsigned int _skipTimeSec) {
                                                 m_AVMusicInfo.NumChannels;
     if (PAL_FileSeek(_fd, pos, FSEEK_START) < 0) {
         debug_UI("[wav_seek] PAL_FileSeek fail");
-        return 275;
+        return AV_ERR_WAV_SEEK;
     }
     return 0;
 }
@@ -181,7 +137,7 @@ long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
     memset(&m_Mp3Inst, 0, sizeof m_Mp3Inst);
     release_mp3_reader(this);
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
-    if (fd < 1) return -2;
+    if (fd < 1) return AV_READ_NOT_OPENED;
 
     m_pMP3Parser = new (std::nothrow) MP3Parser(fd);
     if (m_pMP3Parser != nullptr) m_pMp3Decoder = new (std::nothrow) MP3Decoder();
@@ -199,7 +155,8 @@ long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
 
 long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize) {
     (void)nFD;  // the parser reads through its own copy of the handle
-    if (m_pMP3Parser == nullptr || m_pMp3Decoder == nullptr || pDest == nullptr) return -2;
+    if (m_pMP3Parser == nullptr || m_pMp3Decoder == nullptr || pDest == nullptr)
+        return AV_READ_NOT_OPENED;
     MP3DEC_DATA& d = m_Mp3Inst.audiodata;
     // An Info/Xing frame decodes to no samples; it is passed over so that a
     // read always hands out one frame of PCM (no PCM means the end).
@@ -208,7 +165,7 @@ long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize)
         const int rc = m_pMP3Parser->read(&frame);
         const uint32_t options = m_pMP3Parser->mOptions;
         m_pMP3Parser->clearSeekTo();
-        if (rc != 0 || frame == nullptr) return -2;
+        if (rc != 0 || frame == nullptr) return AV_READ_NOT_OPENED;
 
         d.src = static_cast<unsigned char*>(frame->data());
         d.srcSize = (unsigned int)frame->range_length();
@@ -218,7 +175,7 @@ long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize)
         // says it has less is believed.
         d.dstSize = unSize < AV_MP3_BUF_SIZE ? (unsigned int)unSize : AV_MP3_BUF_SIZE;
         if (options & 1u) m_pMp3Decoder->MP3Dec_Reset();
-        if (!m_pMp3Decoder->MP3Dec_Decode(&d)) return -3;
+        if (!m_pMp3Decoder->MP3Dec_Decode(&d)) return AV_READ_DECODE_FAILED;
         const MP3FILE_INFO info = m_pMp3Decoder->MP3Dec_GetInfo();
         m_ContentInfo.NumChannels = (uint8_t)info.num_channels;
         m_ContentInfo.SampleRate = (uint32_t)info.samplingRate;
@@ -322,7 +279,7 @@ int CAVStreamer::GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
     int ret = 0;
     const long fd = Mp3ToPcm_FileOpen(pUri);
     if (fd < 1) {
-        ret = -2;
+        ret = AV_READ_NOT_OPENED;
     } else {
         const long n = Mp3ToPcm_FileRead(fd, work, kMp3ScanSize);
         Mp3ToPcm_FileClose(fd);
@@ -339,10 +296,10 @@ int CAVStreamer::GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
 
 int CAVStreamer::GetContentInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
     const char* ext = pUri != nullptr ? strrchr(pUri, '.') : nullptr;
-    if (ext == nullptr || pAVContentInfo == nullptr) return 100;
+    if (ext == nullptr || pAVContentInfo == nullptr) return AV_ERR_CONTENT_UNSUPPORTED;
     if (strncmp(ext, ".mp3", 4) == 0 || strncmp(ext, ".MP3", 4) == 0)
         return GetMp3Info(pUri, pAVContentInfo);
     if (strncmp(ext, ".wav", 4) == 0 || strncmp(ext, ".WAV", 4) == 0)
         return GetWaveInfo(pUri, pAVContentInfo);
-    return 100;
+    return AV_ERR_CONTENT_UNSUPPORTED;
 }

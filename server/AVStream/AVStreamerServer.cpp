@@ -522,9 +522,10 @@ int CAVStreamer::OnTcpCmdRead(int index) {
         debug_UI("[AVStreamer m_groupId : %d] CHANNEL", m_groupId);
         PAL_MutexLock(s._lpmutex, 1);
         s.uwClientSyncPort = header_u16(req, "SyncPort:");
-        if (++nAVRcvReadyCnt == 1) s.bRefRcv = true;
+        const bool ref = ++nAVRcvReadyCnt == 1;
         s.ServerState = AV_STREAMER_STATE_SEARCH;
         PAL_MutexUnLock(s._lpmutex);
+        if (ref) _take_reference(index);
         ReceiverAddStart(index);
         return 1;
     }

@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "ContentProbe.h"
+
 std::string fixture_path(const char* name) {
     return std::string(SONVARA_FIXTURES_DIR "/") + name;
 }
@@ -53,27 +55,6 @@ TempFile::~TempFile() {
     remove(path.c_str());
 }
 
-namespace {
-
-// Frame size in bytes, 0 when the four bytes are not a header we know.
-size_t frame_bytes(const unsigned char* h) {
-    static const int l3v1[15] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
-    static const int l2v1[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
-    static const int l3v2[15] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
-    static const int rates[3] = {44100, 48000, 32000};
-    if (h[0] != 0xFF || (h[1] & 0xE0) != 0xE0) return 0;
-    const int version = (h[1] >> 3) & 3, layer = (h[1] >> 1) & 3;
-    const int bri = h[2] >> 4, sri = (h[2] >> 2) & 3, pad = (h[2] >> 1) & 1;
-    if (version == 1 || layer == 0 || bri == 0 || bri == 15 || sri == 3) return 0;
-    const int rate = rates[sri] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
-    if (version == 3 && layer == 3) return (12000 * 32 * bri / rate + pad) * 4;
-    if (version == 3) return 144000 * (layer == 2 ? l2v1 : l3v1)[bri] / rate + pad;
-    if (layer == 1) return 72000 * l3v2[bri] / rate + pad;
-    return 0;
-}
-
-}  // namespace
-
 std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& file) {
     std::vector<MpegFrameRef> frames;
     size_t pos = 0;
@@ -83,7 +64,8 @@ std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& fi
                      (file[pos + 8] & 0x7F) << 7 | (file[pos + 9] & 0x7F));
     }
     while (pos + 4 <= file.size()) {
-        const size_t n = frame_bytes(&file[pos]);
+        MpegFrame f;
+        const size_t n = ProbeMpegBytes(&file[pos], &f) ? f.frameSize : 0;
         if (n == 0 || pos + n > file.size()) break;
         frames.push_back({pos, n});
         pos += n;

@@ -90,6 +90,7 @@ void ReceiverConfigDefaults(ReceiverConfig* cfg, const char* address) {
     cfg->keepPcm = true;
     cfg->pcmLimitBytes = 64u << 20;
     cfg->timeSync = true;
+    NetLabDefaults(&cfg->net);
     cfg->replyTimeoutMs = 5000;
 }
 
@@ -288,6 +289,8 @@ int ReceiverEmulator::Impl::Start(unsigned short* rtpPort) {
         tc.port = cfg->timeSyncPort;
         tc.clock = impl_clock;
         tc.clockCtx = this;
+        tc.lab = cfg->net;
+        tc.measureError = true;
         if (clock.Start(tc) != 0) _error("time sync: cannot open its sockets");
     }
     if (!ok) {
@@ -921,6 +924,11 @@ ReceiverReport ReceiverEmulator::Impl::Report() {
     TimeSyncClientStats st = clock.Stats();
     r.clockSynced = cfg->timeSync && st.haveEstimate;
     r.clockOffsetUs = st.lastOffsetUs;
+    r.clockErrorCount = st.errors.count;
+    r.clockErrorP50Us = st.errors.p50Us;
+    r.clockErrorP95Us = st.errors.p95Us;
+    r.clockErrorMaxUs = st.errors.maxUs;
+    r.clockConvergeMs = st.errors.convergeUs < 0 ? -1 : st.errors.convergeUs / 1000;
     std::sort(sorted.begin(), sorted.end());
     r.marginCount = (unsigned int)sorted.size();
     r.marginMinMs = sorted.empty() ? 0 : sorted.front() / 1000.0;
@@ -1014,6 +1022,11 @@ std::string ReceiverEmulator::Impl::Json() {
                 {"device_type", (double)r.deviceType},
                 {"clock_synced", r.clockSynced ? 1.0 : 0.0},
                 {"clock_offset_us", (double)r.clockOffsetUs},
+                {"clock_error_count", (double)r.clockErrorCount},
+                {"clock_error_p50_us", (double)r.clockErrorP50Us},
+                {"clock_error_p95_us", (double)r.clockErrorP95Us},
+                {"clock_error_max_us", (double)r.clockErrorMaxUs},
+                {"clock_converge_ms", (double)r.clockConvergeMs},
                 {"margin_count", (double)r.marginCount},
                 {"margin_min_ms", r.marginMinMs},
                 {"margin_median_ms", r.marginMedianMs},

@@ -46,6 +46,7 @@ struct ReceiverConfig {
     bool timeSync;                 // run the time-synchronisation client
     long long clockOffsetUs;       // artificial offset of this receiver's own clock
     double clockDriftPpm;          // artificial drift of this receiver's own clock
+    NetLabConfig net;              // impairments on the time-sync datagrams (none)
     unsigned int replyTimeoutMs;   // a handshake step fails after this long
 };
 
@@ -109,6 +110,12 @@ struct ReceiverReport {
     // Clock.
     bool clockSynced;
     long long clockOffsetUs;  // estimated master - own clock
+    // Error of that estimate against the truth (this host's boot clock: the
+    // master's when the sender runs on this host), estimate minus truth over
+    // the steady part (from 3 s after the first announcement), in us.
+    unsigned int clockErrorCount;
+    long long clockErrorP50Us, clockErrorP95Us, clockErrorMaxUs;  // signed / |e| / |e|
+    long long clockConvergeMs;  // first announcement to within 100 us; -1 not yet
     // Play-out margin: RTP timestamp minus the master clock at arrival, ms
     // (how early a packet came). p99: 99 % of packets came at least this early.
     unsigned int marginCount;

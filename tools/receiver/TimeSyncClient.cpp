@@ -1,10 +1,6 @@
 // Receiver side of the time-synchronisation protocol (see TimeSyncClient.h).
 //
-// Estimation: every exchange gives (t1, t2, t3, t4); its offset is
-// ((t2 - t1) + (t3 - t4)) / 2 and its delay (t4 - t1) - (t3 - t2). Queueing
-// only ever adds delay, so exchanges near the smallest delay of the window are
-// the trustworthy ones; a straight line fitted through them (offset against
-// local time) gives both the offset and the drift of the master.
+// The estimate itself is the ClockEstimator's; this file does the I/O.
 #include "TimeSyncClient.h"
 
 #include <arpa/inet.h>
@@ -14,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 
 #include "PAL_Clock.h"
 #include "RxSocket.h"
@@ -22,17 +17,13 @@
 
 namespace {
 
-// A sample is kept for the fit when its delay is within this of the best.
-long long delay_margin(long long minDelay) {
-    return std::max(20LL, minDelay / 2);
-}
-
 // Least announcements-driven request spacing, so a flood of announcements
 // cannot make us flood the master.
 const long long kMinRequestGapUs = 5000;
-
-// A change of the offset beyond this is a step of the master's clock.
-const double kStepUs = 20000;
+// How often the error against the truth is sampled when that is measured.
+const long long kErrorSampleUs = 50000;
+// What a datagram in the lab is.
+enum { kTagRequest = 1, kTagResponse = 2, kTagAnnounce = 3 };
 
 }  // namespace
 
@@ -44,20 +35,12 @@ void TimeSyncClientDefaults(TimeSyncClientConfig* cfg, const char* ownAddr) {
     cfg->fastIntervalMs = 20;
     cfg->fastCount = 50;
     cfg->steadyIntervalMs = 1000;
+    NetLabDefaults(&cfg->lab);
+    cfg->settleUs = 3000000;
 }
 
 TimeSyncClient::TimeSyncClient()
-    : m_groupSock(-1),
-      m_reqSock(-1),
-      m_exit(false),
-      m_nSamples(0),
-      m_next(0),
-      m_reqId(0),
-      m_lastT1(0),
-      m_have(false),
-      m_refLocal(0),
-      m_a(0),
-      m_b(0) {
+    : m_groupSock(-1), m_reqSock(-1), m_exit(false), m_reqId(0), m_lastT1(0), m_answered(false) {
     memset(&m_cfg, 0, sizeof(m_cfg));
     memset(m_master, 0, sizeof(m_master));
     memset(&m_stats, 0, sizeof(m_stats));
@@ -81,6 +64,10 @@ int TimeSyncClient::Start(const TimeSyncClientConfig& cfg) {
         Stop();
         return -1;
     }
+    tsw_stamp_arrivals(m_reqSock);
+    tsw_stamp_arrivals(m_groupSock);
+    m_lab.Configure(m_cfg.lab);
+    m_errors.Reset();
     m_exit = false;
     m_thread = std::thread(&TimeSyncClient::_thread_main, this);
     return 0;
@@ -105,9 +92,7 @@ long long TimeSyncClient::LocalNowUs() const {
 
 bool TimeSyncClient::LocalToMasterUs(long long localUs, long long* masterUs) {
     std::lock_guard<std::mutex> g(m_lock);
-    if (!m_have) return false;
-    *masterUs = localUs + (long long)(m_a + m_b * (double)(localUs - m_refLocal));
-    return true;
+    return m_est.ToMaster(localUs, masterUs);
 }
 
 bool TimeSyncClient::MasterNowUs(long long* masterUs) {
@@ -115,22 +100,28 @@ bool TimeSyncClient::MasterNowUs(long long* masterUs) {
 }
 
 TimeSyncClientStats TimeSyncClient::Stats() {
+    long long local = LocalNowUs(), master = 0;
     std::lock_guard<std::mutex> g(m_lock);
     TimeSyncClientStats s = m_stats;
-    s.haveEstimate = m_have;
-    s.lastOffsetUs = m_have ? (long long)(m_a + m_b * (double)(LocalNowUs() - m_refLocal)) : 0;
-    s.driftPpm = m_b * 1e6;
+    ClockEstimatorStatus e = m_est.Status();
+    s.haveEstimate = m_est.ToMaster(local, &master);
+    s.lastOffsetUs = s.haveEstimate ? master - local : 0;
+    s.rejected = e.rejected;
+    s.clockSteps = e.restarts;
+    s.minDelayUs = e.minDelayUs;
+    s.boundUs = e.boundUs;
+    s.driftPpm = e.driftPpm;
+    s.errors = m_errors.Summary();
     return s;
 }
 
 void TimeSyncClient::_thread_main() {
     long long nextOwn = LocalNowUs();
-    long long lastSent = 0;
+    long long nextSample = nextOwn;
     while (!m_exit) {
         long long now = LocalNowUs();
         if (now >= nextOwn) {
             _send_request();
-            lastSent = now;
             unsigned int sent;
             {
                 std::lock_guard<std::mutex> g(m_lock);
@@ -139,134 +130,159 @@ void TimeSyncClient::_thread_main() {
             bool fast = sent < m_cfg.fastCount;
             nextOwn = now + 1000LL * (fast ? m_cfg.fastIntervalMs : m_cfg.steadyIntervalMs);
         }
-        long long waitMs = (nextOwn - now) / 1000;
+        _deliver_due(now);
+        if (m_cfg.measureError && now >= nextSample) {
+            _sample_error();
+            nextSample = now + kErrorSampleUs;
+        }
+        // Sleep until the next request, lab delivery or error sample is due
+        // (at most 100 ms, so that Stop is seen promptly).
+        long long due = nextOwn, labDue = m_lab.NextDue();
+        if (labDue >= 0 && labDue < due) due = labDue;
+        if (m_cfg.measureError && nextSample < due) due = nextSample;
+        long long waitMs = (due - now + 999) / 1000;
         struct pollfd pfd[2] = {{m_groupSock, POLLIN, 0}, {m_reqSock, POLLIN, 0}};
         int r = poll(pfd, 2, (int)std::max(0LL, std::min(waitMs, 100LL)));
         if (r <= 0) continue;
-        if (pfd[1].revents & POLLIN) _read_response();
-        if (pfd[0].revents & POLLIN) {
-            _read_announce();
-            // An announcement asks every receiver to measure now.
-            long long t = LocalNowUs();
-            if (t - lastSent >= kMinRequestGapUs) {
-                _send_request();
-                lastSent = t;
-            }
-        }
+        if (pfd[1].revents & POLLIN) _read(m_reqSock, kTagResponse);
+        if (pfd[0].revents & POLLIN) _read(m_groupSock, kTagAnnounce);
     }
 }
 
 void TimeSyncClient::_send_request() {
-    struct sockaddr_in to;
     TswRequest req;
     {
         std::lock_guard<std::mutex> g(m_lock);
-        if (!m_master[0] || !rx_sockaddr(m_master, m_cfg.port, &to)) return;
+        if (!m_master[0]) return;
         req.id = ++m_reqId;
         m_stats.requests++;
     }
     unsigned char buf[TSW_REQUEST_LEN];
     req.t1 = LocalNowUs();
+    m_lastSent = req.t1;
     {
         std::lock_guard<std::mutex> g(m_lock);
         m_lastT1 = req.t1;
+        m_answered = false;
     }
     tsw_put_request(buf, &req);
-    sendto(m_reqSock, buf, sizeof(buf), 0, (struct sockaddr*)&to, sizeof(to));
+    if (m_lab.Active()) {
+        m_lab.Push(kTagRequest, 0, buf, sizeof(buf), req.t1);
+    } else {
+        _transmit(buf, sizeof(buf));
+    }
 }
 
-void TimeSyncClient::_read_response() {
-    unsigned char buf[128];
-    ssize_t n = recv(m_reqSock, buf, sizeof(buf), 0);
-    long long t4 = LocalNowUs();
-    if (n < 0) return;
-    TswResponse res;
-    std::lock_guard<std::mutex> g(m_lock);
-    if (tsw_get_response(buf, (size_t)n, &res) != 0 || res.id > m_reqId || t4 < res.t1 ||
-        res.t3 < res.t2) {
-        m_stats.malformed++;
-        return;
+void TimeSyncClient::_transmit(const unsigned char* buf, size_t len) {
+    struct sockaddr_in to;
+    {
+        std::lock_guard<std::mutex> g(m_lock);
+        if (!rx_sockaddr(m_master, m_cfg.port, &to)) return;
     }
-    // Only the answer to our latest request counts: a late answer to an
-    // older one would carry a queueing delay we can no longer bound. On a
-    // busy phone that is normal, not a fault of the master.
-    if (res.id != m_reqId || res.t1 != m_lastT1) {
-        m_stats.stale++;
-        return;
-    }
-    Sample s;
-    s.delay = (t4 - res.t1) - (res.t3 - res.t2);
-    s.offset = ((res.t2 - res.t1) + (res.t3 - t4)) / 2;
-    s.local = res.t1 + (t4 - res.t1) / 2;
-    m_stats.responses++;
-    _add_sample_l(s);
+    sendto(m_reqSock, buf, len, 0, (struct sockaddr*)&to, sizeof(to));
 }
 
-void TimeSyncClient::_read_announce() {
+// Sends a request the lab held back for heldUs. Its t1 becomes the time it
+// would have left to arrive now through the lab's delay: the thread waking
+// late then does not lengthen the forward trip more than the backward one
+// (whose t4 is the exact due time).
+void TimeSyncClient::_transmit_late(unsigned char* buf, size_t len, long long heldUs) {
+    TswRequest req;
+    if (tsw_get_request(buf, len, &req) != 0) return;
+    req.t1 = LocalNowUs() - heldUs;
+    tsw_put_request(buf, &req);
+    {
+        std::lock_guard<std::mutex> g(m_lock);
+        if (req.id == m_reqId) m_lastT1 = req.t1;
+    }
+    _transmit(buf, len);
+}
+
+// Reads one datagram with its arrival time; through the lab when it is on.
+void TimeSyncClient::_read(int sock, int tag) {
     unsigned char buf[128];
     struct sockaddr_in from;
     socklen_t fromLen = sizeof(from);
-    ssize_t n = recvfrom(m_groupSock, buf, sizeof(buf), 0, (struct sockaddr*)&from, &fromLen);
+    long long age = 0;
+    ssize_t n = tsw_recv_stamped(sock, buf, sizeof(buf), &from, &fromLen, &age);
+    long long arrived = LocalNowUs() - age;  // when it came, not when we got to it
     if (n < 0) return;
-    TswAnnounce a;
+    if (m_lab.Active()) {
+        m_lab.Push(tag, from.sin_addr.s_addr, buf, (size_t)n, arrived);
+    } else {
+        _on_datagram(tag, from.sin_addr.s_addr, buf, (size_t)n, arrived);
+    }
+}
+
+// Sends or takes in whatever the lab has let through by now.
+void TimeSyncClient::_deliver_due(long long now) {
+    unsigned char buf[NetLab::kMaxBytes];
+    int tag;
+    unsigned int addr;
+    size_t len;
+    long long due, held;
+    while (m_lab.Pop(now, &tag, &addr, buf, &len, &due, &held)) {
+        if (tag == kTagRequest) {
+            _transmit_late(buf, len, held);
+        } else {
+            _on_datagram(tag, addr, buf, len, due);  // it "arrived" when it fell due
+        }
+    }
+}
+
+void TimeSyncClient::_on_datagram(int tag, unsigned int fromAddr, const unsigned char* buf,
+                                  size_t n, long long arrived) {
+    if (tag == kTagResponse) {
+        _on_response(buf, n, arrived);
+        return;
+    }
+    _on_announce(buf, n, fromAddr);
+    // An announcement asks every receiver to measure now.
+    if (LocalNowUs() - m_lastSent >= kMinRequestGapUs) _send_request();
+}
+
+void TimeSyncClient::_on_response(const unsigned char* buf, size_t n, long long t4) {
+    TswResponse res;
     std::lock_guard<std::mutex> g(m_lock);
-    if (tsw_get_announce(buf, (size_t)n, &a) != 0) {
+    if (tsw_get_response(buf, n, &res) != 0 || res.id > m_reqId) {
+        m_stats.malformed++;
+        return;
+    }
+    // Only the first answer to our latest request counts: a late answer to
+    // an older one, or a copy, would carry a queueing delay we can no longer
+    // bound. On a busy phone that is normal, not a fault of the master.
+    if (res.id != m_reqId || res.t1 != m_lastT1 || m_answered) {
+        m_stats.stale++;
+        return;
+    }
+    m_answered = true;
+    if (m_est.AddExchange(res.t1, res.t2, res.t3, t4) == CE_REJECTED) return;
+    m_stats.responses++;
+}
+
+void TimeSyncClient::_on_announce(const unsigned char* buf, size_t n, unsigned int fromAddr) {
+    TswAnnounce a;
+    long long truth = PAL_GetBootTimeUsec();
+    std::lock_guard<std::mutex> g(m_lock);
+    if (tsw_get_announce(buf, n, &a) != 0) {
         m_stats.malformed++;
         return;
     }
     m_stats.announces++;
+    if (m_cfg.measureError) m_errors.Start(truth, m_cfg.settleUs);
     struct in_addr addr;
-    addr.s_addr = a.masterAddr != 0 ? a.masterAddr : from.sin_addr.s_addr;
+    addr.s_addr = a.masterAddr != 0 ? a.masterAddr : fromAddr;
     char text[INET_ADDRSTRLEN] = {0};
     if (inet_ntop(AF_INET, &addr, text, sizeof(text)))
         rx_copy_text(m_master, sizeof(m_master), text);
 }
 
-void TimeSyncClient::_add_sample_l(const Sample& s) {
-    // A master that restarted with another clock: forget the old line. A
-    // jump this large cannot be queueing, which is bounded by the delay.
-    double predicted = m_a + m_b * (double)(s.local - m_refLocal);
-    if (m_have && std::abs((double)s.offset - predicted) > kStepUs + (double)s.delay) {
-        m_nSamples = 0;
-        m_next = 0;
-        m_b = 0;
-        m_stats.minDelayUs = -1;
-        m_stats.clockSteps++;
-    }
-    m_samples[m_next] = s;
-    m_next = (m_next + 1) % kMaxSamples;
-    if (m_nSamples < kMaxSamples) m_nSamples++;
-    if (m_stats.minDelayUs < 0 || s.delay < m_stats.minDelayUs) m_stats.minDelayUs = s.delay;
-    _refit_l();
-}
-
-void TimeSyncClient::_refit_l() {
-    long long minDelay = m_samples[0].delay;
-    for (int i = 1; i < m_nSamples; i++) minDelay = std::min(minDelay, m_samples[i].delay);
-    long long limit = minDelay + delay_margin(minDelay);
-    // Centre on the newest sample so the line is most exact where it is used.
-    long long ref = m_samples[(m_next + kMaxSamples - 1) % kMaxSamples].local;
-    double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
-    long long first = 0, last = 0;
-    for (int i = 0; i < m_nSamples; i++) {
-        const Sample& s = m_samples[i];
-        if (s.delay > limit) continue;
-        double x = (double)(s.local - ref), y = (double)s.offset;
-        if (n == 0 || s.local < first) first = s.local;
-        if (n == 0 || s.local > last) last = s.local;
-        n++;
-        sx += x;
-        sy += y;
-        sxx += x * x;
-        sxy += x * y;
-    }
-    double b = m_b;
-    double den = n * sxx - sx * sx;
-    // A slope needs a spread of samples; before that keep the last one.
-    if (n >= 8 && last - first >= 200000 && den > 0) b = (n * sxy - sx * sy) / den;
-    if (b > 1e-3 || b < -1e-3) b = 0;  // no real clock drifts by 0.1 %
-    m_a = (sy - b * sx) / n;
-    m_b = b;
-    m_refLocal = ref;
-    m_have = true;
+// Estimate minus truth now. The truth is this host's boot-time clock, which
+// is the master's clock when the sender runs on the same machine.
+void TimeSyncClient::_sample_error() {
+    long long local = LocalNowUs();
+    long long truth = PAL_GetBootTimeUsec();
+    long long master = 0;
+    std::lock_guard<std::mutex> g(m_lock);
+    if (m_est.ToMaster(local, &master)) m_errors.Add(truth, master - truth);
 }

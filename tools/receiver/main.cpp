@@ -55,6 +55,7 @@ const char kHelp[] =
     "                      with DESCRIBE requests\n"
     "  --no-timesync       do not synchronise the clock\n"
     "  --clock-offset-us N give the own clock an artificial offset\n"
+    "  --clock-drift-ppm N and an artificial drift (parts per million, +-1000)\n"
     "  --quiet             no status line\n"
     "  --help              this text\n"
     "\n"
@@ -90,6 +91,17 @@ struct RunOptions {
     bool join, quiet, refuseConnect, noByeAck, floodDescribe, stopAtSetup;
 };
 
+// The lab's options (the clock's drift and the impairments of the
+// time-sync datagrams): 1 applied, 0 not one of them, -1 bad value.
+int apply_lab_option(ReceiverConfig* cfg, const char* opt, const char* val) {
+    if (strcmp(opt, "--clock-drift-ppm") != 0) return NetLabOption(&cfg->net, opt, val);
+    char* end = nullptr;
+    double v = strtod(val, &end);
+    if (!val[0] || *end || !(v >= -1000 && v <= 1000)) return -1;
+    cfg->clockDriftPpm = v;
+    return 1;
+}
+
 // Applies one option that takes a value; false on a bad one.
 bool apply_option(ReceiverConfig* cfg, RunOptions* run, const char* opt, const char* val) {
     long long v = 0;
@@ -119,6 +131,8 @@ bool apply_option(ReceiverConfig* cfg, RunOptions* run, const char* opt, const c
     for (int i = 0; i < (int)(sizeof(numbers) / sizeof(numbers[0])); i++) {
         if (strcmp(opt, numbers[i].name) == 0) which = i;
     }
+    int lab = apply_lab_option(cfg, opt, val);
+    if (lab != 0) return lab > 0;
     if (strcmp(opt, "--json") == 0) {
         run->json = val;
         return true;
@@ -203,6 +217,7 @@ int main(int argc, char** argv) {
         const char* opt = argv[i];
         if (strcmp(opt, "--help") == 0 || strcmp(opt, "-h") == 0) {
             fputs(kHelp, stdout);
+            fputs(kNetLabHelp, stdout);
             return 0;
         }
         if (apply_flag(&cfg, &run, opt)) continue;

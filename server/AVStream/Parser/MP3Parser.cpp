@@ -11,41 +11,12 @@
 #include <string.h>
 #include <new>
 
+#include "ContentProbe.h"
 #include "MediaBuffer.h"
 #include "PAL_Clock.h"
 #include "PAL_File.h"
 
 namespace {
-
-const int kBitrateL1V1[15] = {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448};
-const int kBitrateL1V2[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256};
-const int kBitrateL2V1[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
-const int kBitrateL3V1[15] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
-const int kBitrateL23V2[15] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
-const int kSampleRates[3] = {44100, 48000, 32000};
-
-// Header fields, by their bit positions in the big-endian word.
-inline unsigned version_of(unsigned long h) {
-    return (h >> 19) & 3;
-}  // 3 = MPEG-1
-inline unsigned layer_of(unsigned long h) {
-    return (h >> 17) & 3;
-}  // 3 = Layer I
-inline unsigned bitrate_index_of(unsigned long h) {
-    return (h >> 12) & 15;
-}
-inline unsigned rate_index_of(unsigned long h) {
-    return (h >> 10) & 3;
-}
-inline bool mono_of(unsigned long h) {
-    return ((h >> 6) & 3) == 3;
-}
-
-// Sampling rate of a header whose version and rate index are valid.
-int sample_rate_of(unsigned long h) {
-    const unsigned v = version_of(h);
-    return kSampleRates[rate_index_of(h)] >> (v == 3 ? 0 : v == 2 ? 1 : 2);
-}
 
 // Reads exactly n bytes at pos; false on a short read or an error.
 bool read_exact(long nfd, long long pos, void* dst, unsigned long n) {
@@ -87,36 +58,13 @@ bool confirmed(long nfd, unsigned long candidate, long long pos, unsigned long s
 
 bool get_mp3_frame_size(unsigned long header, unsigned long* frame_size, int* out_sampling_rate,
                         int* out_channels, int* out_bitrate) {
-    if (frame_size) *frame_size = 0;
-    if (out_sampling_rate) *out_sampling_rate = 0;
-    if (out_channels) *out_channels = 0;
-    if (out_bitrate) *out_bitrate = 0;
-
-    const unsigned version = version_of(header), layer = layer_of(header);
-    const unsigned bri = bitrate_index_of(header);
-    if ((header & 0xFFE00000ul) != 0xFFE00000ul || version == 1 || layer == 0 || bri == 0 ||
-        bri == 15 || rate_index_of(header) == 3)
-        return false;
-
-    const int rate = sample_rate_of(header);
-    const int padding = (header >> 9) & 1;
-    const bool v1 = version == 3;
-    int bitrate;
-    long size;
-    if (layer == 3) {
-        bitrate = (v1 ? kBitrateL1V1 : kBitrateL1V2)[bri];
-        size = (12000L * bitrate / rate + padding) * 4;
-    } else {
-        // MPEG-2/2.5 Layer II takes 72000 like Layer III: the frame walk and
-        // the time keeping both go by these sizes.
-        bitrate = v1 ? (layer == 2 ? kBitrateL2V1 : kBitrateL3V1)[bri] : kBitrateL23V2[bri];
-        size = (v1 ? 144000L : 72000L) * bitrate / rate + padding;
-    }
-    if (frame_size) *frame_size = static_cast<unsigned long>(size);
-    if (out_sampling_rate) *out_sampling_rate = rate;
-    if (out_bitrate) *out_bitrate = bitrate;
-    if (out_channels) *out_channels = mono_of(header) ? 1 : 2;
-    return true;
+    MpegFrame f;
+    const bool ok = header <= 0xFFFFFFFFul && ProbeMpegHeader((uint32_t)header, &f);
+    if (frame_size) *frame_size = f.frameSize;
+    if (out_sampling_rate) *out_sampling_rate = f.sampleRate;
+    if (out_channels) *out_channels = f.channels;
+    if (out_bitrate) *out_bitrate = f.bitrateKbps;
+    return ok;
 }
 
 bool Resync(long nfd, unsigned long match_header, long* inout_pos, unsigned long* out_header) {
@@ -152,12 +100,14 @@ bool parse_xing_header(long nfd, long first_frame_pos, long* byte_number, char* 
 
     unsigned long header = 0;
     if (!read_header(nfd, first_frame_pos, &header)) return false;
-    const unsigned version = version_of(header), layer = layer_of(header);
-    if (layer == 0 || version == 1 || rate_index_of(header) == 3) return false;
+    // The bit rate is not looked at: a free-format first frame may carry
+    // the table too.
+    const unsigned version = (header >> 19) & 3, layer = (header >> 17) & 3;
+    const int rate = MpegSampleRate(version, (header >> 10) & 3);
+    if (layer == 0 || rate == 0) return false;
 
     const bool v1 = version == 3;
-    long long pos = (long long)first_frame_pos +
-                    (v1 ? (mono_of(header) ? 21 : 36) : (mono_of(header) ? 13 : 21));
+    long long pos = (long long)first_frame_pos + MpegXingOffset(version, ((header >> 6) & 3) == 3);
     unsigned char b[4];
     if (!read_exact(nfd, pos, b, 4) || (memcmp(b, "Xing", 4) != 0 && memcmp(b, "Info", 4) != 0))
         return false;
@@ -171,7 +121,7 @@ bool parse_xing_header(long nfd, long first_frame_pos, long* byte_number, char* 
         pos += 4;
         const long long frames = U32_AT(b);
         const long long samples = layer == 3 ? 384 : (layer == 2 || v1) ? 1152 : 576;
-        if (duration) *duration = frames * samples * 1000000LL / sample_rate_of(header);
+        if (duration) *duration = frames * samples * 1000000LL / rate;
     }
     if (flags & 2) {
         if (!read_exact(nfd, pos, b, 4)) return false;
