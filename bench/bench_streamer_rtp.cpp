@@ -29,6 +29,7 @@
 
 #include "AVStreamer.h"
 #include "RxSocket.h"
+#include "bench_floor.h"
 
 namespace {
 
@@ -170,17 +171,7 @@ double floor_run(int n, const std::vector<unsigned short>& ports, double seconds
     unsigned char pkt[1412] = {0};  // first byte 0: the receivers keep it apart
     for (int i = 12; i < 1412; i++) pkt[i] = (unsigned char)(1 + i % 200);
     double c0 = process_cpu_s();
-    unsigned int start = PAL_GetClock();
-    unsigned long long sent = 0;
-    while (PAL_GetClock() - start < seconds * 1000) {
-        unsigned long long due = sent * 1000 / 176400;
-        if (PAL_GetClock() - start >= due) {
-            for (int i = 0; i < n; i++)
-                sendto(socks[i], pkt, sizeof(pkt), 0, (struct sockaddr*)&to[i], sizeof(to[i]));
-            sent += 1400;
-        }
-        PAL_ThreadSleep(2);
-    }
+    unsigned long long sent = bench_floor_loop(socks.data(), to.data(), n, pkt, seconds);
     double cpu = process_cpu_s() - c0;
     for (int s : socks) close(s);
     *audioS = sent / kByteRate;

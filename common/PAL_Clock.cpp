@@ -44,6 +44,25 @@ void PAL_ThreadSleep(unsigned int ms) {
     }
 }
 
+void PAL_ThreadSleepUntil(unsigned int clockMs) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long long nowMs = (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    int ahead = (int)(clockMs - (unsigned int)nowMs);
+    if (ahead <= 0) return;
+    // The first nanosecond at which the millisecond clock reads clockMs.
+    long long target = nowMs + ahead;
+    struct timespec ts;
+    ts.tv_sec = (time_t)(target / 1000);
+    ts.tv_nsec = (long)(target % 1000) * 1000000L;
+#if defined(__linux__) || defined(__ANDROID__)
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+    }
+#else
+    PAL_ThreadSleep((unsigned int)ahead);
+#endif
+}
+
 unsigned int PAL_rand(unsigned int limit) {
     if (limit == 0) return 0;
     pthread_mutex_lock(&g_rand_lock);

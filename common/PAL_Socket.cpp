@@ -186,8 +186,28 @@ int PAL_SockWrite(int sock, int type, const void* data, int len, const char* add
     if (sock < 0 || len < 0 || (!data && len)) return -1;
     if (type == PAL_SOCK_TCP) return _tcp_send_all(sock, static_cast<const char*>(data), len);
     if (type != PAL_SOCK_UDP) return -1;
+    PAL_SOCK_DEST dest;
+    if (PAL_SockDestSet(&dest, addr, port) != 0) return -1;
+    return PAL_SockWriteDest(sock, data, len, &dest);
+}
+
+int PAL_SockDestSet(PAL_SOCK_DEST* dest, const char* addr, unsigned short port) {
+    if (!dest) return -1;
+    memset(dest, 0, sizeof(*dest));
     struct sockaddr_in sa;
     if (!addr || !addr[0] || _make_addr(addr, port, &sa) != 0) return -1;
+    dest->addr = sa.sin_addr.s_addr;
+    dest->port = sa.sin_port;
+    return 0;
+}
+
+int PAL_SockWriteDest(int sock, const void* data, int len, const PAL_SOCK_DEST* dest) {
+    if (sock < 0 || len < 0 || (!data && len) || !dest) return -1;
+    struct sockaddr_in sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = dest->addr;
+    sa.sin_port = dest->port;
     ssize_t n;
     do {
         n = sendto(sock, data, (size_t)len, MSG_NOSIGNAL, (struct sockaddr*)&sa, sizeof(sa));

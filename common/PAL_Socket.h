@@ -63,6 +63,19 @@ SONVARA_COMMON_API int PAL_SockRecvFrom(int sock, void* buf, int len, char* from
 SONVARA_COMMON_API int PAL_SockWrite(int sock, int type, const void* data, int len,
                                      const char* addr, unsigned short port);
 
+// A UDP destination resolved once, for a sender that writes to the same
+// receiver many times a second (address and port in network byte order).
+typedef struct _PAL_SOCK_DEST {
+    unsigned int addr;
+    unsigned short port;
+} PAL_SOCK_DEST;
+// Resolves dotted IPv4 text and a port into *dest: 0, or -1 (dest zeroed)
+// for a missing or malformed address.
+SONVARA_COMMON_API int PAL_SockDestSet(PAL_SOCK_DEST* dest, const char* addr, unsigned short port);
+// One UDP datagram to a resolved destination. Bytes sent, or -1.
+SONVARA_COMMON_API int PAL_SockWriteDest(int sock, const void* data, int len,
+                                         const PAL_SOCK_DEST* dest);
+
 SONVARA_COMMON_API int PAL_SockClose(int sock);
 // blocking = 1 makes the socket blocking, 0 non-blocking. 0 or -1.
 SONVARA_COMMON_API int PAL_SetBlockingMode(int sock, int blocking);

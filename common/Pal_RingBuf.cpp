@@ -2,8 +2,8 @@
 //
 // Owns: the record and its storage (one allocation each, made at create).
 // Threads: one writer, one reader, and Reset / SetSync / SetTimeStamp from
-// any third thread. m_lock guards the indices, the fill level, the stamp and
-// the read count; it is held for the copy too, which keeps a Reset from
+// any third thread. m_lock guards the indices, the fill level, the stamp,
+// the read count and the armed wake; it is held for the copy too, which keeps a Reset from
 // landing in the middle of a read or write (copies are a few KB of memory,
 // never I/O).
 #include "Pal_RingBuf.h"
@@ -22,6 +22,8 @@ struct PAL_RINGBUF_T {
     unsigned long m_used;      // bytes held
     unsigned int m_timeStamp;  // content position (s) of the first byte read after stamping
     unsigned long m_readSize;  // bytes read since the stamp was set or the buffer reset
+    PAL_SEM* m_roomSem;        // armed wake (Pal_RingBufNotifyRoom), null when none
+    unsigned long m_roomWanted;
 };
 
 namespace {
@@ -53,6 +55,16 @@ T _get_locked(PAL_RINGBUF* rb, T none, GET get) {
     return value;
 }
 
+// After a read or reset: the armed wake, disarmed, when the free space now
+// reaches what its writer wants; null otherwise. Signalled by the caller
+// once the lock is released.
+PAL_SEM* _take_room_wake_l(PAL_RINGBUF* rb) {
+    PAL_SEM* sem = rb->m_roomSem;
+    if (!sem || rb->m_capacity - rb->m_used < rb->m_roomWanted) return nullptr;
+    rb->m_roomSem = nullptr;
+    return sem;
+}
+
 }  // namespace
 
 PAL_RINGBUF* Pal_RingBufCreate(unsigned long capacity) {
@@ -70,6 +82,8 @@ PAL_RINGBUF* Pal_RingBufCreate(unsigned long capacity) {
     rb->m_used = 0;
     rb->m_timeStamp = 0;
     rb->m_readSize = 0;
+    rb->m_roomSem = nullptr;
+    rb->m_roomWanted = 0;
     return rb;
 }
 
@@ -114,7 +128,9 @@ int Pal_RingBufRead(PAL_RINGBUF* rb, void* dst, unsigned long n) {
         rb->m_readSize += n;
         rc = 0;
     }
+    PAL_SEM* wake = _take_room_wake_l(rb);
     pthread_mutex_unlock(&rb->m_lock);
+    if (wake) PAL_SemSignal(wake, 1);
     return rc;
 }
 
@@ -124,7 +140,23 @@ void Pal_RingBufReset(PAL_RINGBUF* rb) {
     rb->m_readPos = 0;
     rb->m_used = 0;
     rb->m_readSize = 0;
+    PAL_SEM* wake = _take_room_wake_l(rb);
     pthread_mutex_unlock(&rb->m_lock);
+    if (wake) PAL_SemSignal(wake, 1);
+}
+
+int Pal_RingBufNotifyRoom(PAL_RINGBUF* rb, unsigned long room, PAL_SEM* sem) {
+    if (!rb) return -1;
+    pthread_mutex_lock(&rb->m_lock);
+    rb->m_roomSem = nullptr;
+    int rc = sem ? 1 : -1;
+    if (sem && rb->m_capacity - rb->m_used < room) {
+        rb->m_roomSem = sem;
+        rb->m_roomWanted = room;
+        rc = 0;
+    }
+    pthread_mutex_unlock(&rb->m_lock);
+    return rc;
 }
 
 void Pal_RingBufSetTimeStamp(PAL_RINGBUF* rb, unsigned int ts) {

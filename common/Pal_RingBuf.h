@@ -7,10 +7,12 @@
 // position even right after a seek.
 // Threads: one writer thread and one reader thread at once, plus Reset /
 // SetSync from a third thread; a small internal mutex guards the indices.
+// A writer waiting for room is woken by the reader (Pal_RingBufNotifyRoom).
 #ifndef PAL_RINGBUF_H
 #define PAL_RINGBUF_H
 
 #include "PAL_Export.h"
+#include "PAL_Sync.h"
 
 extern "C" {
 
@@ -33,6 +35,15 @@ SONVARA_COMMON_API int Pal_RingBufRead(PAL_RINGBUF* rb, void* dst, unsigned long
 
 // Empties the buffer and restarts the read count; the stamp is kept.
 SONVARA_COMMON_API void Pal_RingBufReset(PAL_RINGBUF* rb);
+
+// Lets a writer sleep until there is room instead of polling: arms a
+// one-shot wake, so that the first read or reset that leaves at least room
+// bytes free signals sem once (PAL_SemSignal(sem, 1), from the reading
+// thread, after the buffer's lock is released) and disarms. 1 when that
+// much is free already (nothing armed), 0 when armed, -1 for a null buffer
+// or semaphore. Arming again replaces the previous wake; the semaphore must
+// outlive the buffer or be disarmed with Pal_RingBufNotifyRoom(rb, 0, null).
+SONVARA_COMMON_API int Pal_RingBufNotifyRoom(PAL_RINGBUF* rb, unsigned long room, PAL_SEM* sem);
 
 // A value other than the current stamp is stored and restarts the read
 // count; the same value changes nothing.

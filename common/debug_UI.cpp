@@ -19,6 +19,8 @@
 #include <android/log.h>
 #endif
 
+#include "PAL_Clock.h"
+
 namespace {
 
 const int kLineMax = 1024;
@@ -56,15 +58,9 @@ void _emit(char* line, size_t len) {
 #endif
 }
 
-}  // namespace
-
-void debug_UI(const char* fmt, ...) {
-    if (!fmt) return;
+void _vlog(const char* fmt, va_list ap) {
     char line[kLineMax + 1];  // + 1 keeps room for the line end
-    va_list ap;
-    va_start(ap, fmt);
     int n = vsnprintf(line, kLineMax, fmt, ap);
-    va_end(ap);
     if (n < 0) return;
     size_t len = strlen(line);
     while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) line[--len] = 0;
@@ -72,6 +68,34 @@ void debug_UI(const char* fmt, ...) {
     pthread_mutex_lock(&g_sinkLock);
     if (g_sink) g_sink(line, g_sinkCtx);
     pthread_mutex_unlock(&g_sinkLock);
+}
+
+}  // namespace
+
+void debug_UI(const char* fmt, ...) {
+    if (!fmt) return;
+    va_list ap;
+    va_start(ap, fmt);
+    _vlog(fmt, ap);
+    va_end(ap);
+}
+
+void debug_UI_Rate(DEBUG_UI_RATE* rate, const char* fmt, ...) {
+    if (!rate || !fmt) return;
+    unsigned int now = PAL_GetClock();
+    if (rate->m_started && now - rate->m_since < 1000) {
+        rate->m_held++;
+        return;
+    }
+    if (rate->m_held > 0)
+        debug_UI("(%u more of the next line in %u ms)", rate->m_held, now - rate->m_since);
+    rate->m_started = 1;
+    rate->m_since = now;
+    rate->m_held = 0;
+    va_list ap;
+    va_start(ap, fmt);
+    _vlog(fmt, ap);
+    va_end(ap);
 }
 
 void debug_UI_SetSink(DEBUG_UI_SINK sink, void* ctx) {

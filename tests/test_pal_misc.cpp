@@ -79,6 +79,19 @@ TEST(NicInfo, OverrideAndLoopbackFallback) {
     EXPECT_STREQ("", gmasterip);
 }
 
+TEST(Clock, SleepUntilWakesAtTheDeadlineNeverBefore) {
+    for (int i = 0; i < 5; i++) {
+        unsigned int deadline = PAL_GetClock() + 7 + i;
+        PAL_ThreadSleepUntil(deadline);
+        EXPECT_GE((int)(PAL_GetClock() - deadline), 0);
+    }
+    // Deadlines already passed, also across the clock's wrap, return at once.
+    unsigned int start = PAL_GetClock();
+    PAL_ThreadSleepUntil(start - 5);
+    PAL_ThreadSleepUntil(start + 0x80000001u);
+    EXPECT_LT(PAL_GetClock() - start, 1000u);
+}
+
 TEST(DebugUi, OneWholeLinePerCallToTheSink) {
     CAPTURE cap;
     debug_UI_SetSink(capture_line, &cap);
@@ -86,14 +99,33 @@ TEST(DebugUi, OneWholeLinePerCallToTheSink) {
     debug_UI("DeleteGroup--- Ret %u\n", 259u);
     std::string longText(5000, 'q');
     debug_UI("%s", longText.c_str());
+    // A fault met on every packet: the first line, then only a count once a
+    // second (the line's text unchanged).
+    DEBUG_UI_RATE rate = {0, 0, 0};
+    unsigned int start = PAL_GetClock();
+    int calls = 0;
+    while (cap.lines.size() < 6 && PAL_GetClock() - start < 10000) {
+        debug_UI_Rate(&rate, "nRcv : %d, Pal_RingBufRead Error", calls++ % 3);
+        PAL_ThreadSleep(2);
+    }
     debug_UI_SetSink(nullptr, nullptr);
     debug_UI("not captured");
 
-    ASSERT_EQ(3u, cap.lines.size());
+    ASSERT_GE(cap.lines.size(), 6u);
     EXPECT_EQ("[AVStreamer m_groupId : 3] ServerOpen() Start", cap.lines[0]);
     EXPECT_EQ("DeleteGroup--- Ret 259", cap.lines[1]);
     EXPECT_GT(cap.lines[2].size(), 500u);
     EXPECT_LT(cap.lines[2].size(), 5000u);
+    EXPECT_EQ("nRcv : 0, Pal_RingBufRead Error", cap.lines[3]);
+    // However slow the machine, at most one count and one line per second.
+    unsigned int held = 0;
+    EXPECT_LE(cap.lines.size(), 3u + 1u + 2u * ((PAL_GetClock() - start) / 1000u));
+    for (size_t i = 4; i + 1 < cap.lines.size(); i += 2) {
+        EXPECT_EQ(1, sscanf(cap.lines[i].c_str(), "(%u more of the next line in", &held))
+            << cap.lines[i];
+        EXPECT_NE(std::string::npos, cap.lines[i + 1].find(", Pal_RingBufRead Error"));
+    }
+    EXPECT_GT(held, 0u);
 }
 
 // Run only as a child of the next test (the log target is chosen once per

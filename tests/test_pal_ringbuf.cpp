@@ -82,6 +82,33 @@ TEST(RingBuf, StampAndReadCountFollowTheSeekRules) {
     ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 100));
     ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 100));
     EXPECT_EQ(88300ul, Pal_RingBufGetReadSize(rb));
+
+    // A wake for room fires once, on the read or reset that makes the room.
+    PAL_SEM* room = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&room, 0));
+    EXPECT_EQ(1, Pal_RingBufNotifyRoom(rb, 4096, room));  // already empty
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 2500, room));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // 2096 free: not yet
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // 3096 free
+    EXPECT_EQ(0, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // disarmed: no second wake
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 4000, room));
+    Pal_RingBufReset(rb);
+    EXPECT_EQ(0, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 4000, room));
+    EXPECT_EQ(-1, Pal_RingBufNotifyRoom(rb, 0, nullptr));  // disarms
+    Pal_RingBufReset(rb);
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    PAL_SemDelete(room);
     Pal_RingBufClose(rb);
 }
 
@@ -91,6 +118,11 @@ TEST(RingBuf, WriterAndReaderThreadsKeepTheStreamIntact) {
     PAL_RINGBUF* rb = Pal_RingBufCreate(kCapacity);
     ASSERT_NE(nullptr, rb);
 
+    // The writer sleeps until the reader made room, as the music source does;
+    // a lost wake would show as a time-out (the reader never stops reading).
+    PAL_SEM* room = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&room, 0));
+    std::atomic<int> lostWakes{0};
     std::thread writer([&] {
         std::vector<unsigned char> chunk(4608);  // one decoded MP3 frame of stereo PCM
         unsigned long long pos = 0;
@@ -100,8 +132,9 @@ TEST(RingBuf, WriterAndReaderThreadsKeepTheStreamIntact) {
             for (unsigned long i = 0; i < n; i++) chunk[i] = stream_byte(pos + i);
             if (Pal_RingBufWrite(rb, chunk.data(), n) == 0) {
                 pos += n;
-            } else {
-                std::this_thread::yield();
+            } else if (Pal_RingBufNotifyRoom(rb, n, room) == 0 &&
+                       PAL_SemTimedWait(room, 10000) != 0) {
+                lostWakes++;
             }
         }
     });
@@ -118,6 +151,8 @@ TEST(RingBuf, WriterAndReaderThreadsKeepTheStreamIntact) {
         got += n;
     }
     writer.join();
+    PAL_SemDelete(room);
+    EXPECT_EQ(0, lostWakes.load());
     EXPECT_EQ(0ull, mismatches);
     EXPECT_EQ(0ul, Pal_RingBufUsed(rb));
     EXPECT_EQ((unsigned long)kTotal, Pal_RingBufGetReadSize(rb));

@@ -104,6 +104,18 @@ TEST(PalSocket, UnicastDatagramsReportTheirSource) {
     EXPECT_STREQ("127.0.0.3", fromIp);
     EXPECT_EQ(9090, fromPort);
 
+    // A destination resolved once carries the same datagram; a bad address
+    // resolves to nothing that can be sent to.
+    PAL_SOCK_DEST dest;
+    ASSERT_EQ(0, PAL_SockDestSet(&dest, kPhone, 15000));
+    ASSERT_EQ(1412, PAL_SockWriteDest(tx, dgram.data(), 1412, &dest));
+    ASSERT_EQ(1, poll(pfds, 2, 5000));
+    got = (pfds[0].revents & POLLIN) ? rx : rx2;
+    ASSERT_EQ(1412, PAL_SockRead(got, PAL_SOCK_UDP, in.data(), (int)in.size()));
+    EXPECT_EQ(0, memcmp(in.data(), dgram.data(), 1412));
+    EXPECT_EQ(-1, PAL_SockDestSet(&dest, "127.0.0.300", 15000));
+    EXPECT_EQ(-1, PAL_SockDestSet(&dest, nullptr, 15000));
+
     // Non-blocking with nothing queued: -1 at once.
     ASSERT_EQ(0, PAL_SetBlockingMode(rx, 0));
     EXPECT_EQ(-1, PAL_SockRead(rx, PAL_SOCK_UDP, in.data(), 10));

@@ -50,9 +50,9 @@ static unsigned long converted_length(int conv, long n, unsigned c) {
     }
 }
 
-// The work buffers. The filters read up to twice the chunk (16-bit samples
-// are counted per byte) and write up to four times it (a mono chunk doubled),
-// so both are sized for the largest chunk with room to spare.
+// The work buffers, sized for the largest chunk with room to spare: a filter
+// may read one sample beyond the chunk (a party receiver of a mono source)
+// and writes up to twice it (a mono chunk doubled).
 struct MusicSrcBuffers {
     char origin[2 * AV_MP3_BUF_SIZE + 64];
     char divide[4 * AV_MP3_BUF_SIZE];
@@ -73,7 +73,8 @@ const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* div
                                          divide);
             return divide;
         case CONV_16BIT:
-            PcmChannelFilter2Channel((short*)origin, (unsigned long)n / c, (unsigned short)c, type,
+            // Only the frames that make up *len bytes (4 bytes each).
+            PcmChannelFilter2Channel((short*)origin, (*len + 3) / 4, (unsigned short)c, type,
                                      (short*)divide);
             return divide;
         case CONV_PARTY_MULTI:

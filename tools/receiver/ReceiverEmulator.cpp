@@ -133,6 +133,7 @@ public:
     std::vector<ReceiverCommand> cmds;
     std::vector<unsigned char> pcm;
     std::vector<long long> margins;  // us
+    std::vector<long long> lates;    // us, arrival against the packet's place in the schedule
     bool refuseConnect, stopReading, answerBye, answerDiscovery, dropRequested;
     bool floodDescribe, stopAtSetup;
     unsigned int lastJoinTs;
@@ -855,6 +856,8 @@ void ReceiverEmulator::Impl::_on_rtp() {
         }
         if (!(buf[1] & 0x80) && rep.badMarker++ == 0) _error_l("RTP marker bit clear");
         long long ext = seq;
+        long long bps = (long long)(rep.sdpRate ? rep.sdpRate : 44100) * 2 *
+                        ((rep.sdpBits ? rep.sdpBits : 16) / 8);
         if (m_haveSeq) {
             unsigned short diff = (unsigned short)(seq - (unsigned short)m_extSeq);
             if (diff == 0 || diff >= 0x8000) {
@@ -873,8 +876,6 @@ void ReceiverEmulator::Impl::_on_rtp() {
             }
             m_expectGap = false;
             // Timestamps are the sequence's position on the sender's clock.
-            long long bps = (long long)(rep.sdpRate ? rep.sdpRate : 44100) * 2 *
-                            ((rep.sdpBits ? rep.sdpBits : 16) / 8);
             long long expect =
                 (long long)rep.firstTimestamp + (ext - m_firstExtSeq) * kRtpPayloadLen * 1000 / bps;
             long long off = (long long)(int)(ts - (unsigned int)expect);
@@ -897,6 +898,11 @@ void ReceiverEmulator::Impl::_on_rtp() {
             long long masterMs = master / 1000;
             long long diffMs = (int)(ts - (unsigned int)masterMs);
             margins.push_back(diffMs * 1000 - master % 1000);
+            // The packet's due time to the microsecond: the first timestamp
+            // plus the sequence's position (a timestamp alone is cut to ms).
+            long long sinceFirstMs = (int)((unsigned int)masterMs - rep.firstTimestamp);
+            lates.push_back(sinceFirstMs * 1000 + master % 1000 -
+                            (ext - m_firstExtSeq) * kRtpPayloadLen * 1000000LL / bps);
         }
         keep = cfg->keepPcm && pcm.size() + kRtpPayloadLen <= cfg->pcmLimitBytes;
         if (keep) pcm.insert(pcm.end(), payload, payload + kRtpPayloadLen);
@@ -914,12 +920,13 @@ bool ReceiverEmulator::Impl::WaitFor(unsigned int timeoutMs, bool (Impl::*pred)(
 }
 
 ReceiverReport ReceiverEmulator::Impl::Report() {
-    std::vector<long long> sorted;
+    std::vector<long long> sorted, late;
     ReceiverReport r;
     {
         std::lock_guard<std::mutex> g(lock);
         r = rep;
         sorted = margins;
+        late = lates;
     }
     TimeSyncClientStats st = clock.Stats();
     r.clockSynced = cfg->timeSync && st.haveEstimate;
@@ -934,6 +941,11 @@ ReceiverReport ReceiverEmulator::Impl::Report() {
     r.marginMinMs = sorted.empty() ? 0 : sorted.front() / 1000.0;
     r.marginMedianMs = percentile_sorted(sorted, 0.5) / 1000.0;
     r.marginP99Ms = percentile_sorted(sorted, 0.01) / 1000.0;  // 99 % arrive at least this early
+    std::sort(late.begin(), late.end());
+    long long onTime = late.empty() ? 0 : late.front();
+    r.latenessMedianMs = (percentile_sorted(late, 0.5) - onTime) / 1000.0;
+    r.latenessP99Ms = (percentile_sorted(late, 0.99) - onTime) / 1000.0;
+    r.latenessMaxMs = late.empty() ? 0 : (late.back() - onTime) / 1000.0;
     return r;
 }
 
@@ -1030,7 +1042,10 @@ std::string ReceiverEmulator::Impl::Json() {
                 {"margin_count", (double)r.marginCount},
                 {"margin_min_ms", r.marginMinMs},
                 {"margin_median_ms", r.marginMedianMs},
-                {"margin_p99_ms", r.marginP99Ms}};
+                {"margin_p99_ms", r.marginP99Ms},
+                {"lateness_median_ms", r.latenessMedianMs},
+                {"lateness_p99_ms", r.latenessP99Ms},
+                {"lateness_max_ms", r.latenessMaxMs}};
     for (const auto& n : nums) json_num(&s, n.key, n.v);
     json_text(&s, "sdp_title", r.sdpTitle);
     json_text(&s, "start_role", r.startRole);
@@ -1114,6 +1129,10 @@ ReceiverReport ReceiverEmulator::Report() {
 }
 std::string ReceiverEmulator::ReportJson() {
     return m->Json();
+}
+
+ClockErrorLog ReceiverEmulator::ClockErrors() {
+    return m->clock.ErrorLog();
 }
 
 std::vector<ReceiverCommand> ReceiverEmulator::Commands() {

@@ -120,6 +120,10 @@ struct ReceiverReport {
     // (how early a packet came). p99: 99 % of packets came at least this early.
     unsigned int marginCount;
     double marginMinMs, marginMedianMs, marginP99Ms;
+    // Lateness: arrival (master clock) minus the packet's due time from its
+    // sequence number, taken relative to the earliest packet, ms. Shows how
+    // steadily the sender paces, whatever its fixed delay.
+    double latenessMedianMs, latenessP99Ms, latenessMaxMs;
     // The last errors, oldest first (cut to 127 bytes each).
     enum { kMaxErrors = 16 };
     int nErrors;
@@ -145,6 +149,7 @@ public:
     bool WaitForDisconnect(unsigned int timeoutMs);
 
     ReceiverReport Report();
+    ClockErrorLog ClockErrors();  // the clock's error against the truth, in full
     std::vector<ReceiverCommand> Commands();
     std::vector<unsigned char> Pcm();  // payloads in arrival order
     // The kept PCM as a 2-channel WAV file at the SDP's rate and sample size.
