@@ -15,6 +15,7 @@
 #include "ReceiverProcess.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
+#include "tool_path.h"
 
 namespace {
 
@@ -589,7 +590,7 @@ std::string run_output(const std::string& cmd, int* status) {
 }
 
 TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
-    std::string cmd = receiver_command();
+    std::string cmd = tool_path("sonvara-receiver");
     ASSERT_EQ(0, access(cmd.c_str(), X_OK)) << cmd << " is missing: build the whole tree";
     int status = -1;
     std::string help = run_output(cmd + " --help", &status);
