@@ -19,13 +19,6 @@ protected:
         ASSERT_TRUE(
             WaitUntil([&] { return st->m_AVRcvSessInfo.nAVRcvSessCnt == (char)ips.size(); }));
     }
-    // Makes session i's connection fail every write, until restored.
-    int BreakSession(int i) {
-        return Locked(i, [&] { return Sess(i).hTcpClientSock.exchange(1 << 20); });
-    }
-    void RestoreSession(int i, int sock) {
-        Locked(i, [&] { return Sess(i).hTcpClientSock.exchange(sock); });
-    }
 };
 
 // All datagrams that arrive on fd within ms.
@@ -179,18 +172,16 @@ TEST_F(StreamerCommands, PlaybackCommandsFollowTheStateTableAndBroadcastRules) {
     EXPECT_FALSE(st->_bpause);
 
     st->SetStreamState(STREAM_STATE_OPEN);
-    int sock = BreakSession(1);
-    st->AVStreamerPause();  // a failed send does not stop the others
-    expectAll("PAUSE\r\n\r\n", {0, 2});
+    st->AVStreamerPause();
+    expectAll("PAUSE\r\n\r\n", {0, 1, 2});
     EXPECT_EQ(STREAM_STATE_PAUSE, st->GetStreamState());
     EXPECT_TRUE(st->_bpause);
     st->AVStreamerPause();  // not allowed twice
     expectAll("", {});
-    st->AVStreamerResume();  // the broadcast ends at the failing session
-    expectAll("RESUME\r\n\r\n", {0});
+    st->AVStreamerResume();
+    expectAll("RESUME\r\n\r\n", {0, 1, 2});
     EXPECT_EQ(STREAM_STATE_RESUME, st->GetStreamState());
     EXPECT_FALSE(st->_bpause);
-    RestoreSession(1, sock);
 
     // The seek waits for the music source's acknowledgement, played here.
     std::thread source([&] {
@@ -225,4 +216,30 @@ TEST_F(StreamerCommands, PlaybackCommandsFollowTheStateTableAndBroadcastRules) {
     EXPECT_EQ(3, st->m_AVRcvSessInfo.nAVRcvSessCnt);  // sessions stay until they answer
     st->AVStreamerSeek(1);                            // refused after stop
     expectAll("", {});
+}
+
+// Discovery's EXIT handling takes a receiver out of its stream (a leave that
+// waits for BYE_ACK) while the application closes that stream: the two meet
+// on the session mutexes, the queue and the connection, in every order.
+TEST_F(StreamerCommands, CloseRacingAnExitOfAPlayingMemberIsSafe) {
+#if defined(__SANITIZE_THREAD__)
+    const int kRounds = 500;
+#else
+    const int kRounds = 50;  // the ThreadSanitizer build runs the full 500
+#endif
+    for (int round = 0; round < kRounds; round++) {
+        CAVStreamer* s = new CAVStreamer(&EventLog::Notify, &events, 42);
+        PrepareStreamer(s, {{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}});
+        s->m_unSearchBaseClock = NowMs();
+        ASSERT_EQ(0, OpenServer(s, kTcpPort, kRtpPort));
+        ScriptedReceiver rx("127.0.0.2");
+        ASSERT_TRUE(rx.Connect(kTcpPort));
+        ASSERT_EQ(5u, rx.Handshake().size());
+        ASSERT_TRUE(WaitUntil([&] { return s->m_bStreamReady.load(); }));
+        std::thread exitPath([&] { s->AVStreamerReceiverOut("127.0.0.2"); });
+        if (round % 2) PAL_ThreadSleep(round % 7);
+        CloseServer(s);
+        exitPath.join();
+        delete s;
+    }
 }
