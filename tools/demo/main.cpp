@@ -24,7 +24,7 @@ void usage() {
             "  CONTENT  the .mp3/.wav file the sender played\n"
             "  DIR      holds speakers.tsv: name<TAB>role<TAB>received.wav<TAB>report.json\n"
             "           (paths relative to DIR; role as on the wire: Front_Left, ..., Party)\n"
-            "Prints, per speaker, packets, gaps, silent packets, clock offset, play-out\n"
+            "Prints, per speaker, packets, gaps, silent packets, clock error, play-out\n"
             "margin and whether the audio equals what its role should get; exits 1 when\n"
             "any speaker's audio differs or is missing.\n"
             "--seek: the sender was asked to seek to SEC (an MP3 decode restarts there).\n"
@@ -64,14 +64,18 @@ bool check_speaker(const DemoPcm& content, const DemoPcm* afterSeek, const std::
                    const Speaker& sp, std::string* row) {
     char cells[200];
     std::string json;
-    double packets = -1, gaps = -1, silent = -1, offsetUs = 0, synced = 0, mMin = 0, mMed = 0;
+    double packets = -1, gaps = -1, silent = -1, synced = 0, mMin = 0, mMed = 0;
+    double errN = 0, errP50 = 0, errP95 = 0, errMax = 0;
     bool haveReport = DemoReadSmallFile(in_dir(dir, sp.json).c_str(), kMaxReportBytes, &json) &&
                       DemoJsonNumber(json, "packets", &packets);
     if (haveReport) {
         DemoJsonNumber(json, "seq_gaps", &gaps);
         DemoJsonNumber(json, "silent_packets", &silent);
         DemoJsonNumber(json, "clock_synced", &synced);
-        DemoJsonNumber(json, "clock_offset_us", &offsetUs);
+        DemoJsonNumber(json, "clock_error_count", &errN);
+        DemoJsonNumber(json, "clock_error_p50_us", &errP50);
+        DemoJsonNumber(json, "clock_error_p95_us", &errP95);
+        DemoJsonNumber(json, "clock_error_max_us", &errMax);
         DemoJsonNumber(json, "margin_min_ms", &mMin);
         DemoJsonNumber(json, "margin_median_ms", &mMed);
     }
@@ -101,16 +105,20 @@ bool check_speaker(const DemoPcm& content, const DemoPcm* afterSeek, const std::
     char name[25];
     snprintf(name, sizeof(name), "%s", sp.name.c_str());
     if (haveReport) {
-        char clock[24];
-        if (synced != 0) {
-            snprintf(clock, sizeof(clock), "%+.2f ms", offsetUs / 1000.0);
-        } else {
+        // The speaker's estimate of the shared clock minus the truth (the
+        // emulators share the phone's machine, so the truth is known).
+        char clock[40];
+        if (synced == 0) {
             snprintf(clock, sizeof(clock), "not synced");
+        } else if (errN == 0) {
+            snprintf(clock, sizeof(clock), "synced, run too short");
+        } else {
+            snprintf(clock, sizeof(clock), "%+.0f/%.0f/%.0f", errP50, errP95, errMax);
         }
-        snprintf(cells, sizeof(cells), "%-24s %-12s %7.0f %5.0f %6.0f %12s %7.1f/%-7.1f ", name,
+        snprintf(cells, sizeof(cells), "%-24s %-12s %7.0f %5.0f %6.0f %21s %7.1f/%-7.1f ", name,
                  sp.role.c_str(), packets, gaps, silent, clock, mMin, mMed);
     } else {
-        snprintf(cells, sizeof(cells), "%-24s %-12s %7s %5s %6s %12s %15s ", name, sp.role.c_str(),
+        snprintf(cells, sizeof(cells), "%-24s %-12s %7s %5s %6s %21s %15s ", name, sp.role.c_str(),
                  "-", "-", "-", "no report", "-");
     }
     *row = std::string(cells) + audio;
@@ -167,7 +175,7 @@ int main(int argc, char** argv) {
     }
     std::string table =
         "Speaker                  Role         Packets  Gaps Silent "
-        "Clock offset  Margin min/med  Audio\n";
+        "Clock error us p50/p95/max  Margin min/med  Audio\n";
     char line[1024];
     int speakers = 0, good = 0;
     while (speakers < kMaxSpeakers && fgets(line, sizeof(line), list) != nullptr) {

@@ -11,23 +11,25 @@
 //
 // How (docs/time-sync-protocol.md has the full rules and error bounds):
 // every exchange bounds the true offset (master minus local) between
-// t3 - t4 and t2 - t1, because neither one-way delay can be negative. Over a
-// window of the last CE_WINDOW exchanges the drift (rate difference) is a
-// least-squares line through the offsets of the exchanges whose round trip is
-// within a margin of the window's smallest (the delay filter); the bounds of
-// all exchanges, carried to the newest one along that drift and widened by
-// its uncertainty, are intersected (the region most of them agree on, so a
+// t3 - t4 and t2 - t1, because neither one-way delay can be negative, and
+// the exchanges with the least delays bind hardest (the delay filter is
+// built in: a slow exchange's loose bounds bind nothing). Over a window of
+// the last CE_WINDOW exchanges the drift (rate difference) is the slope that
+// leaves the most room between all the bounds (a minimax fit); the bounds,
+// carried to the newest exchange along that drift and widened by its
+// uncertainty, are put to a vote (the region most of them agree on, so a
 // lone wrong exchange is outvoted), and the target offset is the middle of
 // that region. The clock handed out steps to the target only while
 // acquiring; after that it slews towards it at a bounded rate, so it never
-// runs backwards. A target beyond CE_STEP_US from the clock handed out is a
-// master whose clock jumped: the estimate restarts (and steps).
+// runs backwards. Exchanges beyond CE_STEP_US from the clock handed out are
+// a master whose clock jumped once two agree: the estimate restarts (and
+// steps).
 #ifndef CLOCKESTIMATOR_H
 #define CLOCKESTIMATOR_H
 
 enum {
-    CE_WINDOW = 64,  // exchanges kept
-    CE_ACQUIRE = 8,  // exchanges during which the clock may step
+    CE_WINDOW = 128,  // exchanges kept
+    CE_ACQUIRE = 8,   // exchanges during which the clock may step
 };
 
 // A target further than this from the clock handed out is a jump of the

@@ -199,6 +199,12 @@ void ClockErrorLog::Add(long long nowUs, long long errUs) {
     if (mag > m_max) m_max = mag;
 }
 
+void ClockErrorLog::Merge(const ClockErrorLog& other) {
+    for (int i = 0; i <= 2 * kRangeUs; i++) m_hist[i] += other.m_hist[i];
+    m_count += other.m_count;
+    if (other.m_max > m_max) m_max = other.m_max;
+}
+
 ClockErrorSummary ClockErrorLog::Summary() const {
     ClockErrorSummary s;
     memset(&s, 0, sizeof(s));

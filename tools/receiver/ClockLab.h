@@ -105,6 +105,9 @@ public:
     void Start(long long nowUs, long long settleUs);
     bool Started() const { return m_start >= 0; }
     void Add(long long nowUs, long long errUs);
+    // Adds another receiver's steady-part samples (a summary over many);
+    // the times stay this log's own.
+    void Merge(const ClockErrorLog& other);
     ClockErrorSummary Summary() const;
 
 private:

@@ -1109,6 +1109,10 @@ std::string ReceiverEmulator::ReportJson() {
     return m->Json();
 }
 
+ClockErrorLog ReceiverEmulator::ClockErrors() {
+    return m->clock.ErrorLog();
+}
+
 std::vector<ReceiverCommand> ReceiverEmulator::Commands() {
     std::lock_guard<std::mutex> g(m->lock);
     return m->cmds;

@@ -149,6 +149,7 @@ public:
     bool WaitForDisconnect(unsigned int timeoutMs);
 
     ReceiverReport Report();
+    ClockErrorLog ClockErrors();  // the clock's error against the truth, in full
     std::vector<ReceiverCommand> Commands();
     std::vector<unsigned char> Pcm();  // payloads in arrival order
     // The kept PCM as a 2-channel WAV file at the SDP's rate and sample size.

@@ -22,6 +22,8 @@ namespace {
 const long long kMinRequestGapUs = 5000;
 // How often the error against the truth is sampled when that is measured.
 const long long kErrorSampleUs = 50000;
+// Longest a pair of clock reads for one error sample may take.
+const long long kSampleReadUs = 20;
 // What a datagram in the lab is.
 enum { kTagRequest = 1, kTagResponse = 2, kTagAnnounce = 3 };
 
@@ -33,8 +35,8 @@ void TimeSyncClientDefaults(TimeSyncClientConfig* cfg, const char* ownAddr) {
     rx_copy_text(cfg->groupAddr, sizeof(cfg->groupAddr), "224.1.2.4");
     cfg->port = 1235;
     cfg->fastIntervalMs = 20;
-    cfg->fastCount = 50;
-    cfg->steadyIntervalMs = 1000;
+    cfg->fastCount = 150;
+    cfg->steadyIntervalMs = 250;
     NetLabDefaults(&cfg->lab);
     cfg->settleUs = 3000000;
 }
@@ -113,6 +115,11 @@ TimeSyncClientStats TimeSyncClient::Stats() {
     s.driftPpm = e.driftPpm;
     s.errors = m_errors.Summary();
     return s;
+}
+
+ClockErrorLog TimeSyncClient::ErrorLog() {
+    std::lock_guard<std::mutex> g(m_lock);
+    return m_errors;
 }
 
 void TimeSyncClient::_thread_main() {
@@ -280,8 +287,17 @@ void TimeSyncClient::_on_announce(const unsigned char* buf, size_t n, unsigned i
 // Estimate minus truth now. The truth is this host's boot-time clock, which
 // is the master's clock when the sender runs on the same machine.
 void TimeSyncClient::_sample_error() {
-    long long local = LocalNowUs();
-    long long truth = PAL_GetBootTimeUsec();
+    // The two clocks are read back to back; a read that lost the core in
+    // between would measure the wait, not the estimate: read again.
+    long long before = 0, local = 0, after = 0;
+    for (int i = 0; i < 3; i++) {
+        before = PAL_GetBootTimeUsec();
+        local = LocalNowUs();
+        after = PAL_GetBootTimeUsec();
+        if (after - before <= kSampleReadUs) break;
+    }
+    if (after - before > kSampleReadUs) return;
+    long long truth = before + (after - before) / 2;
     long long master = 0;
     std::lock_guard<std::mutex> g(m_lock);
     if (m_est.ToMaster(local, &master)) m_errors.Add(truth, master - truth);

@@ -31,8 +31,8 @@ struct TimeSyncClientConfig {
     TimeSyncLocalClock clock;  // null = PAL_GetBootTimeUsec
     void* clockCtx;
     unsigned int fastIntervalMs;    // request pace while acquiring (20)
-    unsigned int fastCount;         // requests sent at the fast pace (50)
-    unsigned int steadyIntervalMs;  // request pace afterwards (1000)
+    unsigned int fastCount;         // requests sent at the fast pace (150: 3 s)
+    unsigned int steadyIntervalMs;  // request pace afterwards (250)
     NetLabConfig lab;               // impairments on every datagram (none)
     // Sample the estimate's error against this host's boot clock (right
     // when the master runs on this host), from the first announcement on;
@@ -75,6 +75,7 @@ public:
     bool MasterNowUs(long long* masterUs);
     bool LocalToMasterUs(long long localUs, long long* masterUs);
     TimeSyncClientStats Stats();
+    ClockErrorLog ErrorLog();  // a copy of the error log (when measured)
 
 private:
     void _thread_main();

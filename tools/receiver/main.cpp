@@ -69,7 +69,8 @@ const char kHelp[] =
     "The status line shows packets received, the play position taken from the\n"
     "RTP timestamps, and how early packets arrive before their play-out time.\n"
     "At the end the report (packets, gaps, silent packets, commands, handshake\n"
-    "errors, clock offset, play-out margin) is printed as JSON.\n";
+    "errors, clock offset and its error against this machine's clock, play-out\n"
+    "margin) is printed as JSON.\n";
 
 bool parse_number(const char* text, long long lo, long long hi, long long* out) {
     char* end = nullptr;
