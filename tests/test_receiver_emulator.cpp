@@ -14,6 +14,7 @@
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
+#include "tool_path.h"
 
 namespace {
 
@@ -576,15 +577,6 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
 
 namespace {
 
-// The command next to this test executable's directory: build/tools/.
-std::string receiver_command() {
-    char self[512] = {0};
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
-}
-
 std::string run_output(const std::string& cmd, int* status) {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
@@ -597,7 +589,7 @@ std::string run_output(const std::string& cmd, int* status) {
 }
 
 TEST(ReceiverCommand, HelpBadOptionsAndAJsonReportAsAChildProcess) {
-    std::string cmd = receiver_command();
+    std::string cmd = tool_path("sonvara-receiver");
     ASSERT_EQ(0, access(cmd.c_str(), X_OK)) << cmd << " is missing: build the whole tree";
     int status = -1;
     std::string help = run_output(cmd + " --help", &status);

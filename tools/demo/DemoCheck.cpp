@@ -8,6 +8,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <new>
 
 #include "AVStreamerDef.h"
@@ -435,4 +436,118 @@ bool DemoReadSmallFile(const char* path, size_t maxBytes, std::string* out) {
     fclose(f);
     out->resize(n);
     return n <= maxBytes;
+}
+
+namespace {
+
+bool frame_eq(const unsigned char* a, const unsigned char* b, int fb) {
+    return memcmp(a, b, (size_t)fb) == 0;
+}
+
+bool frame_silent(const unsigned char* a, int fb) {
+    for (int i = 0; i < fb; i++) {
+        if (a[i] != 0) return false;
+    }
+    return true;
+}
+
+// Where played frames [i, i+n) appear in the reference from frame `from`
+// within `reach` frames; -1 when nowhere.
+long long find_run(const unsigned char* ref, size_t nRef, const unsigned char* p, size_t n,
+                   size_t from, size_t reach, int fb) {
+    for (size_t j = from; j + n <= nRef && j < from + reach; j++) {
+        if (memcmp(ref + j * fb, p, n * (size_t)fb) == 0) return (long long)j;
+    }
+    return -1;
+}
+
+}  // namespace
+
+void DemoComparePlayed(const std::vector<unsigned char>& reference,
+                       const std::vector<unsigned char>& played, int frameBytes,
+                       DemoPlayMatch* out) {
+    memset(out, 0, sizeof(*out));
+    out->startFrame = -1;
+    const int fb = frameBytes > 0 ? frameBytes : 4;
+    const size_t nR = reference.size() / fb, nP = played.size() / fb;
+    const unsigned char* R = reference.data();
+    const unsigned char* P = played.data();
+    out->referenceFrames = nR;
+    // The start: the first audible reference frames, found in the played
+    // stream (what comes before them in the reference is silence).
+    size_t j0 = 0;
+    while (j0 < nR && frame_silent(R + j0 * fb, fb)) j0++;
+    const size_t key = std::min<size_t>(16, nR - j0);
+    if (key == 0) return;
+    long long at = find_run(P, nP, R + j0 * fb, key, 0, nP, fb);
+    if (at < 0 || (size_t)at < j0) return;
+    out->startFrame = at - (long long)j0;
+    // Longer jumps (an underrun, a clock step) are looked for this far ahead;
+    // a stream that differs for this many frames is not looked at further.
+    const size_t kReach = 1 << 18, kGiveUp = 4096;
+    size_t i = (size_t)at, j = j0;
+    out->matched = j0;  // the leading silence is where it belongs
+    size_t quiet = 0;   // silent frames not yet followed by audio (the end's do not count)
+    while (i < nP && j < nR && out->differing < kGiveUp) {
+        const unsigned char* p = P + i * fb;
+        if (!frame_silent(p, fb)) {
+            out->silence += quiet;
+            quiet = 0;
+        }
+        if (frame_eq(p, R + j * fb, fb)) {
+            out->matched++;
+            i++;
+            j++;
+        } else if (frame_silent(p, fb)) {
+            quiet++;
+            i++;
+        } else if (i > 0 && frame_eq(p, p - fb, fb)) {
+            out->inserted++;
+            i++;
+        } else if (j + 1 < nR && frame_eq(p, R + (j + 1) * fb, fb)) {
+            out->dropped++;
+            j++;
+        } else {
+            size_t n = std::min<size_t>(8, nP - i);
+            long long to = find_run(R, nR, p, n, j + 2, kReach, fb);
+            if (to >= 0) {
+                out->skipped += (size_t)to - j;
+                j = (size_t)to;
+            } else {
+                out->differing++;
+                i++;
+                j++;
+            }
+        }
+    }
+    out->referenceReached = j;
+}
+
+bool DemoPlayedToTheEnd(const DemoPlayMatch& m, int frameBytes) {
+    const size_t perPacket = DEMO_PACKET_BYTES / (size_t)(frameBytes > 0 ? frameBytes : 4);
+    return m.referenceReached >= m.referenceFrames / perPacket * perPacket;
+}
+
+long long DemoStartLateUs(long long startUs, unsigned int firstTimestampMs, long long streamFrame,
+                          int rate) {
+    long long sinceStampUs =
+        (long long)(int)((unsigned int)(startUs / 1000) - firstTimestampMs) * 1000 + startUs % 1000;
+    return sinceStampUs - (rate > 0 ? streamFrame * 1000000LL / rate : 0);
+}
+
+bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us) {
+    bool found = false;
+    size_t pos = 0;
+    while (pos < startLog.size() && rate > 0) {
+        size_t end = startLog.find('\n', pos);
+        if (end == std::string::npos) end = startLog.size();
+        std::string line = startLog.substr(pos, std::min<size_t>(end - pos, 80));
+        long long startUs = 0, before = 0;
+        if (sscanf(line.c_str(), "start %lld %lld", &startUs, &before) == 2 && before <= frame) {
+            *us = startUs + (frame - before) * 1000000LL / rate;
+            found = true;
+        }
+        pos = end + 1;
+    }
+    return found;
 }

@@ -85,6 +85,41 @@ void DemoCompareAny(const std::vector<const std::vector<unsigned char>*>& refs,
 // One line a person can read: "bit-exact", "bit-exact from 0.32 s", ...
 std::string DemoDescribe(const DemoMatch& m, int rate, int frameBytes);
 
+// How what a speaker played (the frames a --play receiver wrote to its
+// device) lines up with its role's reference: the silence before the start,
+// the scheduler's single-frame corrections and its jumps are told apart from
+// wrong audio. Frames are compared whole.
+struct DemoPlayMatch {
+    long long startFrame;     // played frame where reference frame 0 sits, -1 = not found
+    size_t matched;           // frames equal to the reference in place
+    unsigned int inserted;    // frames repeated (one at a time)
+    unsigned int dropped;     // single reference frames left out
+    size_t skipped;           // reference frames left out by longer jumps
+    size_t silence;           // silent frames inside the stream (gaps, held back)
+    size_t differing;         // frames nothing explains
+    size_t referenceFrames;   // size of the reference
+    size_t referenceReached;  // reference frames up to where the played stream ends
+};
+// The played stream reaches the reference's end: all of it but a last part
+// smaller than one packet, which is never sent.
+bool DemoPlayedToTheEnd(const DemoPlayMatch& m, int frameBytes);
+void DemoComparePlayed(const std::vector<unsigned char>& reference,
+                       const std::vector<unsigned char>& played, int frameBytes,
+                       DemoPlayMatch* out);
+
+// When played frame `frame` left the speaker, from the clock-paced device's
+// start log ("start <boot us> <frames before>" lines, see AlsaClockPcm.cpp)
+// at `rate`. False when the log has no start before that frame.
+bool DemoPlayedFrameTime(const std::string& startLog, long long frame, int rate, long long* us);
+
+// How long after its due time (us, master clock) a played content started:
+// startUs is when its first frame left; it was due at the received stream's
+// first time stamp (ms) plus its place in that stream (streamFrame frames:
+// silent packets may come first). The time stamp is the exact time rounded
+// down to the millisecond, so an exact start gives 0 to 1000 us.
+long long DemoStartLateUs(long long startUs, unsigned int firstTimestampMs, long long streamFrame,
+                          int rate);
+
 // A number from a flat JSON report ("key": 12.5); false if absent.
 bool DemoJsonNumber(const std::string& json, const char* key, double* out);
 

@@ -27,6 +27,9 @@ void usage() {
             "Prints, per speaker, packets, gaps, silent packets, clock error, play-out\n"
             "margin and whether the audio equals what its role should get; exits 1 when\n"
             "any speaker's audio differs or is missing.\n"
+            "With <speaker>.played.wav and <speaker>.starts beside a speaker's WAV (the demo's\n"
+            "--play) it also checks what the speaker played: its role's audio apart from the\n"
+            "corrections it reported, started on the shared clock, all within 1 ms.\n"
             "--seek: the sender was asked to seek to SEC (an MP3 decode restarts there).\n"
             "--info prints the content's channels, rate, bytes per sample and seconds\n"
             "as the sender reads it.\n");
@@ -125,6 +128,67 @@ bool check_speaker(const DemoPcm& content, const DemoPcm* afterSeek, const std::
     return ok;
 }
 
+// What a --play speaker wrote to its (file) device: <name>.played.wav and
+// the device's start log <name>.starts beside its received <name>.wav.
+// Empty when the speaker did not play; else one row, with *startUs the
+// shared-clock time its content's first frame left, 0 when unknown.
+std::string played_row(const DemoPcm& content, const std::string& dir, const Speaker& sp, bool* ok,
+                       long long* startUs) {
+    *ok = false;
+    *startUs = 0;
+    std::string base = in_dir(dir, sp.wav);
+    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".wav") == 0)
+        base.resize(base.size() - 4);
+    DemoPcm played;
+    std::string err, json, starts;
+    if (DemoLoadReceived((base + ".played.wav").c_str(), &played, &err) != 0) return "";
+    std::vector<unsigned char> reference;
+    int role = DemoRoleFromName(sp.role.c_str());
+    const int frameBytes = 2 * content.bytesPerSample;
+    char cells[300];
+    if (role < 0 || DemoRoleFilter(content, role, &reference) != 0)
+        return sp.name + ": no reference";
+    DemoPlayMatch m;
+    DemoComparePlayed(reference, played.bytes, frameBytes, &m);
+    double ins = -1, drop = -1, resyncs = -1, firstTs = -1;
+    DemoReadSmallFile(in_dir(dir, sp.json).c_str(), kMaxReportBytes, &json);
+    DemoJsonNumber(json, "play_inserted", &ins);
+    DemoJsonNumber(json, "play_dropped", &drop);
+    DemoJsonNumber(json, "play_resyncs", &resyncs);
+    DemoJsonNumber(json, "first_timestamp", &firstTs);
+    // Where the content begins in the received stream says when it was due.
+    DemoPcm received;
+    DemoPlayMatch inStream;
+    inStream.startFrame = -1;
+    if (DemoLoadReceived(in_dir(dir, sp.wav).c_str(), &received, &err) == 0) {
+        DemoComparePlayed(reference, received.bytes, frameBytes, &inStream);
+    }
+    long long offUs = 0;
+    bool timed = m.startFrame >= 0 && firstTs >= 0 && inStream.startFrame >= 0 &&
+                 DemoReadSmallFile((base + ".starts").c_str(), 1 << 16, &starts) &&
+                 DemoPlayedFrameTime(starts, m.startFrame, content.rate, startUs);
+    if (timed) {
+        offUs = DemoStartLateUs(*startUs, (unsigned int)firstTs, inStream.startFrame, content.rate);
+    } else {
+        *startUs = 0;
+    }
+    // Counted corrections only; the stamp is the start rounded down to 1 ms.
+    const bool whole = DemoPlayedToTheEnd(m, frameBytes);
+    *ok = m.startFrame >= 0 && m.differing == 0 && whole && ins == m.inserted &&
+          drop == m.dropped && (resyncs > 0 || m.skipped + m.silence == 0) && timed &&
+          offUs > -1000 && offUs < 2000;
+    const char* verdict = m.startFrame < 0   ? "NOT FOUND"
+                          : m.differing != 0 ? "DIFFERS"
+                          : !whole           ? "part of it"
+                                             : "bit-exact";
+    snprintf(cells, sizeof(cells),
+             "%-24.24s %-12s %s: %u inserted, %u dropped (reported %.0f, %.0f), %zu jumped, "
+             "start %+.3f ms from its time stamp",
+             sp.name.c_str(), sp.role.c_str(), verdict, m.inserted, m.dropped, ins, drop, m.skipped,
+             timed ? offUs / 1000.0 : 0.0);
+    return cells;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -177,7 +241,9 @@ int main(int argc, char** argv) {
         "Speaker                  Role         Packets  Gaps Silent "
         "Clock error us p50/p95/max  Margin min/med  Audio\n";
     char line[1024];
-    int speakers = 0, good = 0;
+    int speakers = 0, good = 0, players = 0, goodPlayers = 0;
+    long long firstStart = 0, lastStart = 0;
+    std::string playedTable;
     while (speakers < kMaxSpeakers && fgets(line, sizeof(line), list) != nullptr) {
         Speaker sp;
         if (line[0] == '#' || !parse_line(line, &sp)) continue;
@@ -185,12 +251,31 @@ int main(int argc, char** argv) {
         speakers++;
         if (check_speaker(content, seekRef ? &afterSeek : nullptr, dir, sp, &row)) good++;
         table += row + "\n";
+        bool ok = false;
+        long long startUs = 0;
+        row = played_row(content, dir, sp, &ok, &startUs);
+        if (row.empty()) continue;
+        players++;
+        goodPlayers += ok ? 1 : 0;
+        playedTable += row + "\n";
+        if (startUs != 0 && (firstStart == 0 || startUs < firstStart)) firstStart = startUs;
+        if (startUs > lastStart) lastStart = startUs;
     }
     fclose(list);
-    char summary[120];
+    char summary[200];
     snprintf(summary, sizeof(summary), "%d of %d speakers got their role's audio bit-exact\n", good,
              speakers);
     table += summary;
+    if (players > 0) {
+        const long long spread = lastStart - firstStart;
+        snprintf(summary, sizeof(summary),
+                 "%d of %d speakers played it bit-exact apart from counted corrections, on "
+                 "time; starts %.3f ms apart\n",
+                 goodPlayers, players, spread / 1000.0);
+        table += "\nWhat each speaker played (--play, from its device's file):\n" + playedTable +
+                 summary;
+        if (goodPlayers < players || spread > 1000) good = -1;
+    }
     fputs(table.c_str(), stdout);
     FILE* out = fopen((dir + "/report.txt").c_str(), "w");
     if (out != nullptr) {

@@ -477,6 +477,7 @@ void ReceiverEmulator::Impl::_connect(const char* server, unsigned short port) {
         m_ctrlSock = sock;
     }
     if (cfg->timeSync) clock.SetMaster(server);
+    if (cfg->playSink) cfg->playSink->OnPlayEvent(RX_PLAY_NEW_STREAM);
     m_ctrlLen = 0;
     m_cseq = 0;
     m_haveSeq = false;  // a new connection is a new stream
@@ -508,6 +509,7 @@ void ReceiverEmulator::Impl::_close_ctrl(const char* why) {
     if (sock < 0) return;
     close(sock);
     m_ctrlLen = 0;
+    if (cfg->playSink) cfg->playSink->OnPlayEvent(RX_PLAY_STOP);
     std::lock_guard<std::mutex> g(lock);
     if (why && rep.handshake != RX_HS_PLAYING && rep.handshake != RX_HS_IDLE) {
         rep.handshakeErrors++;
@@ -668,12 +670,15 @@ void ReceiverEmulator::Impl::_send_request(const char* method, const char* extra
 void ReceiverEmulator::Impl::_on_reply(const std::string& msg) {
     const char* text = msg.c_str();
     int next = -1;
+    int sdpRate = 0, sdpBits = 0;
     {
         std::lock_guard<std::mutex> g(lock);
         switch (rep.handshake) {
             case RX_HS_WAIT_SDP:
                 _check_status_l(text, "DESCRIBE");
                 _parse_sdp_l(text);
+                sdpRate = rep.sdpRate;
+                sdpBits = rep.sdpBits;
                 next = RX_HS_WAIT_SETUP;
                 break;
             case RX_HS_WAIT_SETUP: {
@@ -701,6 +706,7 @@ void ReceiverEmulator::Impl::_on_reply(const std::string& msg) {
         }
         _step_l(next);
     }
+    if (sdpRate && sdpBits && cfg->playSink) cfg->playSink->OnPlayFormat(sdpRate, sdpBits);
     char extra[96];
     if (next == RX_HS_WAIT_SETUP) {
         snprintf(extra, sizeof(extra), "Transport: RTP/AVP;unicast;client_port=%u-%u\r\n",
@@ -798,6 +804,18 @@ void ReceiverEmulator::Impl::_on_command(const std::string& msg, long long local
     }
     if (startHandshake) _send_request("DESCRIBE", "");
     if (reply) SendCtrl(reply, (int)strlen(reply));
+    if (cfg->playSink) {
+        static const struct {
+            const char* keyword;
+            int event;
+        } plays[] = {{"SEEK", RX_PLAY_SEEK},
+                     {"PAUSE", RX_PLAY_PAUSE},
+                     {"RESUME", RX_PLAY_RESUME},
+                     {"BYE", RX_PLAY_STOP}};
+        for (const auto& p : plays) {
+            if (strcmp(keyword, p.keyword) == 0) cfg->playSink->OnPlayEvent(p.event);
+        }
+    }
 }
 
 void ReceiverEmulator::Impl::_on_rtp() {
@@ -888,6 +906,7 @@ void ReceiverEmulator::Impl::_on_rtp() {
     }
     if (m_wav && fwrite(payload, 1, kRtpPayloadLen, m_wav) == (size_t)kRtpPayloadLen)
         m_wavBytes += kRtpPayloadLen;
+    if (cfg->playSink) cfg->playSink->OnPlayPacket(seq, ts, payload, kRtpPayloadLen);
 }
 
 bool ReceiverEmulator::Impl::WaitFor(unsigned int timeoutMs, bool (Impl::*pred)(const void*) const,
@@ -1080,6 +1099,9 @@ void ReceiverEmulator::Stop() {
 }
 long long ReceiverEmulator::LocalNowUs() const {
     return m->Now();
+}
+bool ReceiverEmulator::MasterNowUs(long long* masterUs) {
+    return m_cfg.timeSync && m->clock.MasterNowUs(masterUs);
 }
 
 bool ReceiverEmulator::WaitForPackets(unsigned int n, unsigned int timeoutMs) {

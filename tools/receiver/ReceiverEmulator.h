@@ -28,6 +28,26 @@
 
 #include "TimeSyncClient.h"
 
+// Something that plays what the receiver gets (sonvara-receiver --play).
+// Called on the emulator's worker thread with none of its locks held; an
+// implementation must not block there (it only queues).
+enum ReceiverPlayEvent {
+    RX_PLAY_NEW_STREAM = 0,  // connected to a sender: a new stream begins
+    RX_PLAY_SEEK,            // SEEK: the stream jumped
+    RX_PLAY_PAUSE,           // PAUSE: stop at once
+    RX_PLAY_RESUME,          // RESUME
+    RX_PLAY_STOP,            // BYE or the connection closed: the stream is over
+};
+class ReceiverPlaySink {
+public:
+    virtual ~ReceiverPlaySink() {}
+    virtual void OnPlayFormat(int rate, int bits) = 0;  // from the SDP
+    virtual void OnPlayEvent(int event) = 0;            // ReceiverPlayEvent
+    // A well-formed RTP packet: sequence number, timestamp, 1400 payload bytes.
+    virtual void OnPlayPacket(unsigned short seq, unsigned int timestamp,
+                              const unsigned char* payload, int len) = 0;
+};
+
 struct ReceiverConfig {
     char address[20];  // own IPv4 address, e.g. "127.0.0.2"
     char mac[20];      // "aa:bb:cc:dd:ee:ff"
@@ -48,6 +68,7 @@ struct ReceiverConfig {
     double clockDriftPpm;          // artificial drift of this receiver's own clock
     NetLabConfig net;              // impairments on the time-sync datagrams (none)
     unsigned int replyTimeoutMs;   // a handshake step fails after this long
+    ReceiverPlaySink* playSink;    // null = nothing plays what arrives
 };
 
 // Fills every field with a usable default derived from the address (MAC
@@ -160,6 +181,9 @@ public:
     const ReceiverConfig& Config() const { return m_cfg; }
     // This receiver's own clock (with the artificial offset and drift).
     long long LocalNowUs() const;
+    // The master clock now as this receiver estimates it; false until the
+    // time-sync client has an estimate.
+    bool MasterNowUs(long long* masterUs);
 
     // Announcements and requests this receiver can make. The REQ_TS used is
     // returned (0 = now on the sender's style of millisecond clock).

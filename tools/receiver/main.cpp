@@ -2,17 +2,25 @@
 //
 // Parses the options into a ReceiverConfig, runs a ReceiverEmulator until
 // SIGINT/SIGTERM or the given duration, prints a status line every second and
-// the report as JSON at the end. Main thread only; the emulator runs its own.
+// the report as JSON at the end. With --play (built where ALSA is installed)
+// an AlsaOut plays the stream on a sound device. Main thread only; the
+// emulator and the player run their own.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <memory>
 #include <string>
 
+#include "NICInfo.h"
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
+#ifdef SONVARA_HAVE_ALSA
+#include "AlsaOut.h"
+#endif
 
 namespace {
 
@@ -31,17 +39,23 @@ const char kHelp[] =
     "sender without real speakers.\n"
     "\n"
     "Usage: sonvara-receiver --address A.B.C.D [options]\n"
+    "       sonvara-receiver --play [DEVICE] [options]\n"
     "\n"
     "Identity:\n"
-    "  --address IP        own IPv4 address; every socket is bound to it (required)\n"
-    "  --mac TEXT          MAC text (default 02:00:<address bytes>)\n"
+    "  --address IP        own IPv4 address; every socket is bound to it (required\n"
+    "                      unless --play: then the host's, as for SONVARA_IFACE below)\n"
+    "  --mac TEXT          MAC text (default 02:00:<address bytes>; with --play and no\n"
+    "                      --address, the interface's own)\n"
     "  --guid TEXT         GUID (default derived from the address)\n"
-    "  --name TEXT         device name, any UTF-8 (default \"Speaker <last byte>\")\n"
+    "  --name TEXT         device name, any UTF-8 (default \"Speaker <last byte>\"; with\n"
+    "                      --play and no --address, the host name)\n"
     "  --master N          MASTER value in the discovery answer, 0 = master (default 1)\n"
     "  --volume N          volume reported to the phone (default 7)\n"
     "  --sync-port N       SyncPort sent in CHANNEL (default 5000)\n"
     "  --rtp-port N        RTP port, RTCP is N+1 (default: any free pair)\n"
     "Behaviour:\n"
+    "  --play [DEVICE]     play the stream on an ALSA device (default \"default\") at the\n"
+    "                      time the phone's clock says: a real speaker\n"
     "  --wav FILE          write the received stream to FILE (2-channel WAV)\n"
     "  --duration SEC      stop after SEC seconds (default: until Ctrl-C)\n"
     "  --json FILE         write the final report there (default: standard output)\n"
@@ -66,6 +80,10 @@ const char kHelp[] =
     "    <the sender or demo here>; kill %1 %2; wait'\n"
     "\n"
     "On a real network give the address of one of this machine's interfaces.\n"
+    "As a speaker in the house (only on a network of your own): --play alone takes\n"
+    "the address and MAC of the interface named by SONVARA_IFACE, else of the first\n"
+    "one that is up, multicast-capable and not loopback, and the host name.\n"
+    "  sonvara-receiver --play --name \"Kitchen\"\n"
     "The status line shows packets received, the play position taken from the\n"
     "RTP timestamps, and how early packets arrive before their play-out time.\n"
     "At the end the report (packets, gaps, silent packets, commands, handshake\n"
@@ -87,6 +105,8 @@ struct RunOptions {
     long long dropAfterS;   // drop the control connection after this long (0 = never)
     std::string json;       // "" = standard output
     bool join, quiet, refuseConnect, noByeAck;
+    bool play;           // --play: to a sound device
+    std::string device;  // its ALSA name ("" = default)
 };
 
 // The lab's options (the clock's drift and the impairments of the
@@ -185,6 +205,42 @@ bool apply_flag(ReceiverConfig* cfg, RunOptions* run, const char* opt) {
     return true;
 }
 
+#ifdef SONVARA_HAVE_ALSA
+// The player's clock: this receiver's own time-sync estimate.
+class ReceiverClock : public PlayClock {
+public:
+    ReceiverEmulator* rx = nullptr;
+    bool MasterNowUs(long long* us) override { return rx && rx->MasterNowUs(us); }
+};
+#else
+// Without ALSA there is nothing to play on (--play is refused).
+class ReceiverClock {
+public:
+    ReceiverEmulator* rx = nullptr;
+};
+class AlsaOut {
+public:
+    AlsaOut(const char*, ReceiverClock*) {}
+    int Start() { return -1; }
+    void Stop() {}
+    std::string StatsJson() { return ""; }
+};
+#endif
+
+// Address, MAC and name of this host's interface for --play without --address.
+bool host_identity(ReceiverConfig* cfg, char* address, size_t size) {
+    char mac[20] = {0}, ip[20] = {0};
+    if (!GetNICInfo(mac, ip) || strcmp(ip, "127.0.0.1") == 0) return false;
+    rx_copy_text(address, size, ip);
+    ReceiverConfigDefaults(cfg, address);
+    rx_copy_text(cfg->mac, sizeof(cfg->mac), mac);
+    char host[244] = {0};
+    if (gethostname(host, sizeof(host) - 1) == 0 && host[0]) {
+        rx_copy_text(cfg->name, sizeof(cfg->name), host);
+    }
+    return true;
+}
+
 void print_status(ReceiverEmulator& rx) {
     ReceiverReport r = rx.Report();
     double position = r.packets ? (double)(r.lastTimestamp - r.firstTimestamp) / 1000.0 : 0.0;
@@ -203,18 +259,30 @@ void print_status(ReceiverEmulator& rx) {
 int main(int argc, char** argv) {
     ReceiverConfig cfg;
     const char* address = nullptr;
-    for (int i = 1; i + 1 < argc; i++) {
-        if (strcmp(argv[i], "--address") == 0) address = argv[i + 1];
+    bool play = false;
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--address") == 0 && i + 1 < argc) address = argv[i + 1];
+        if (strcmp(argv[i], "--play") == 0) play = true;
     }
-    ReceiverConfigDefaults(&cfg, address ? address : "");
+    char hostAddress[20] = {0};
+    if (!address && play && host_identity(&cfg, hostAddress, sizeof(hostAddress))) {
+        address = hostAddress;
+    } else {
+        ReceiverConfigDefaults(&cfg, address ? address : "");
+    }
     cfg.keepPcm = false;  // the stream goes to the WAV file, if any, not to memory
-    RunOptions run = {0, 0, 0, "", false, false, false, false};
+    RunOptions run = {0, 0, 0, "", false, false, false, false, false, ""};
     for (int i = 1; i < argc; i++) {
         const char* opt = argv[i];
         if (strcmp(opt, "--help") == 0 || strcmp(opt, "-h") == 0) {
             fputs(kHelp, stdout);
             fputs(kNetLabHelp, stdout);
             return 0;
+        }
+        if (strcmp(opt, "--play") == 0) {
+            run.play = true;
+            if (i + 1 < argc && strncmp(argv[i + 1], "--", 2) != 0) run.device = argv[++i];
+            continue;
         }
         if (apply_flag(&cfg, &run, opt)) continue;
         if (i + 1 >= argc ||
@@ -231,9 +299,32 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+#ifndef SONVARA_HAVE_ALSA
+    if (run.play) {
+        fprintf(stderr, "sonvara-receiver: built without ALSA, so it cannot --play\n");
+        return 2;
+    }
+#endif
+    if (run.play && !cfg.timeSync) {
+        fprintf(stderr, "sonvara-receiver: --play needs the clock: drop --no-timesync\n");
+        return 2;
+    }
+    ReceiverClock clock;
+    std::unique_ptr<AlsaOut> player;
+    if (run.play) {
+        player.reset(new AlsaOut(run.device.c_str(), &clock));
+#ifdef SONVARA_HAVE_ALSA
+        cfg.playSink = player.get();
+#endif
+    }
     ReceiverEmulator rx(cfg);
+    clock.rx = &rx;
     rx.SetRefuseConnect(run.refuseConnect);
     rx.SetAnswerBye(!run.noByeAck);
+    if (player && player->Start() != 0) {
+        fprintf(stderr, "sonvara-receiver: cannot start the player\n");
+        return 1;
+    }
     if (rx.Start() != 0) {
         ReceiverReport r = rx.Report();
         fprintf(stderr, "sonvara-receiver: %s\n",
@@ -261,7 +352,12 @@ int main(int argc, char** argv) {
     }
     if (!run.quiet) fputc('\n', stderr);
     rx.Stop();
-    std::string report = rx.ReportJson() + "\n";
+    std::string report = rx.ReportJson();
+    if (player) {
+        player->Stop();
+        report.insert(report.size() - 1, "," + player->StatsJson());
+    }
+    report += "\n";
     FILE* out = run.json.empty() ? stdout : fopen(run.json.c_str(), "w");
     if (!out) {
         fprintf(stderr, "sonvara-receiver: cannot write %s\n", run.json.c_str());

@@ -1,0 +1,208 @@
+// The play-out scheduler of sonvara-receiver --play on made-up streams: each
+// frame carries its own stream index, so the output tells exactly which frame
+// went out when. A simulated device consumes frames in real time; the clock
+// estimate and the device delay are what the scheduler is given.
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <vector>
+
+#include "PlayScheduler.h"
+
+namespace {
+
+const int kRate = 44100;
+const int kFpp = 350;  // frames per 1400-byte packet at 16-bit stereo
+
+// Packet n of a stream that starts at master millisecond startMs, as the
+// sender stamps it; frame i of the stream holds i + 1 (0 is silence).
+struct Stream {
+    unsigned short seq0;
+    unsigned int startMs;
+    uint32_t base;  // value of the stream's frame 0, minus 1
+    void Push(PlayScheduler* s, long long n) const {
+        uint32_t pcm[kFpp];
+        for (int i = 0; i < kFpp; i++) pcm[i] = base + (uint32_t)(n * kFpp + i) + 1;
+        unsigned int ts = startMs + (unsigned int)(n * kFpp * 4 * 1000 / (kRate * 4));
+        s->Push((unsigned short)(seq0 + n), ts, (const unsigned char*)pcm, sizeof(pcm));
+    }
+    void PushRange(PlayScheduler* s, long long from, long long to) const {
+        for (long long n = from; n < to; n++) Push(s, n);
+    }
+};
+
+// A device that plays from masterStartUs on, `delay` frames behind the
+// writer; `clockErrUs` is added to every clock reading handed over.
+struct Device {
+    explicit Device(long long startUs, long delayFrames = 441)
+        : masterStartUs(startUs), written(0), delay(delayFrames), clockErrUs(0) {}
+    long long masterStartUs;
+    long long written;
+    long delay;
+    long long clockErrUs;
+    std::vector<uint32_t> out;
+    void Write(PlayScheduler* s, int frames) {
+        long long now = masterStartUs + (written - delay) * 1000000LL / kRate + clockErrUs;
+        std::vector<uint32_t> buf((size_t)frames);
+        s->Fill(now, delay, (unsigned char*)buf.data(), frames);
+        out.insert(out.end(), buf.begin(), buf.end());
+        written += frames;
+    }
+};
+
+PlayScheduler* make() {
+    static PlayScheduler* s = new PlayScheduler();  // 1.4 MB: not on the stack
+    PlaySchedulerConfig cfg;
+    PlaySchedulerDefaults(&cfg, kRate, 4);
+    s->Configure(cfg);
+    return s;
+}
+
+}  // namespace
+
+TEST(PlayScheduler, StartsOnTheExactFrameAndFillsGapsWithSilence) {
+    PlayScheduler* s = make();
+    Stream st = {65530, 100000, 0};  // the sequence wraps after 6 packets
+    st.PushRange(s, 0, 3);
+    st.PushRange(s, 4, 40);  // packet 3 is lost
+    EXPECT_EQ(-1, s->Push(1, 1, (const unsigned char*)"x", 1));
+    // The device starts 10 ms (441 frames) before the stream is due.
+    Device d(100000000LL - 10000);
+    for (int i = 0; i < 20; i++) d.Write(s, 441);
+    for (int i = 0; i < 441; i++) ASSERT_EQ(0u, d.out[(size_t)i]) << i;
+    for (int i = 441; i < 441 + 3 * kFpp; i++) ASSERT_EQ((uint32_t)(i - 440), d.out[(size_t)i]);
+    for (int i = 441 + 3 * kFpp; i < 441 + 4 * kFpp; i++) ASSERT_EQ(0u, d.out[(size_t)i]);
+    for (size_t i = 441 + 4 * kFpp; i < d.out.size(); i++) ASSERT_EQ((uint32_t)(i - 440), d.out[i]);
+    const PlayStats& st1 = s->Stats();
+    EXPECT_EQ(100000000LL, st1.startMasterUs);
+    EXPECT_EQ(1u, st1.starts);
+    EXPECT_EQ(1u, st1.badPackets);
+    EXPECT_EQ(0u, st1.inserted + st1.dropped + st1.resyncs);
+
+    // Joining later: the first packet heard has a rounded-down timestamp;
+    // the following ones pin the sub-millisecond part, so the start is still
+    // on the right frame (packet 5 is due 39.68 ms after the stream's start).
+    s = make();
+    st.PushRange(s, 5, 60);
+    Device late(100039000LL, 0);
+    for (int i = 0; i < 4; i++) late.Write(s, 441);
+    size_t first = 0;
+    while (late.out[first] == 0) first++;
+    EXPECT_EQ((uint32_t)(5 * kFpp + 1), late.out[first]);
+    EXPECT_NEAR(0.68 * kRate / 1000, (double)first, 1.0);
+
+    // Starting after the stream's start: skips to the frame that is due.
+    s = make();
+    st.PushRange(s, 0, 60);
+    Device behind(100100000LL, 0);
+    behind.Write(s, 441);
+    EXPECT_EQ((uint32_t)(kRate / 10 + 1), behind.out[0]);
+}
+
+TEST(PlayScheduler, CorrectsSmallErrorsFrameByFrameAndJumpsOverLargeOnes) {
+    PlayScheduler* s = make();
+    Stream st = {7, 5000, 0};
+    Device d(5000000LL);
+    long long sent = 0;
+    auto run = [&](int periods) {
+        for (int i = 0; i < periods; i++) {
+            long long want = (d.written + 40 * 441) / kFpp + 1;  // ~400 ms ahead
+            st.PushRange(s, sent, want);
+            sent = want;
+            d.Write(s, 441);
+        }
+    };
+    run(50);
+    // The clock estimate moves by 1 ms: 44 frames are skipped, one at a
+    // time and at least 10 ms apart, and the stream is on time again.
+    d.clockErrUs = 1000;
+    run(300);
+    const PlayStats& r = s->Stats();
+    EXPECT_NEAR(44.0, (double)r.dropped - r.inserted, 3.0);
+    EXPECT_EQ(0u, r.resyncs);
+    long long lastCorrection = -100000;
+    for (size_t i = 1; i < d.out.size(); i++) {
+        uint32_t step = d.out[i] - d.out[i - 1];
+        ASSERT_TRUE(step == 1 || step == 2 || step == 0) << i << " step " << step;
+        if (step != 1) {
+            EXPECT_GE((long long)i - lastCorrection, kRate / 100) << i;
+            lastCorrection = (long long)i;
+        }
+    }
+    long long playing = (long long)d.out.size() - 1;
+    EXPECT_NEAR((double)(playing - d.delay) + 0.001 * kRate, (double)d.out.back() - 441 - 1, 12.0);
+
+    // A step of 50 ms back: silence until the stream is due again, nothing
+    // played twice; 30 ms forward: skipped at once.
+    unsigned int dropped = r.dropped, inserted = r.inserted;
+    size_t mark = d.out.size();
+    d.clockErrUs -= 50000;
+    run(10);
+    d.clockErrUs += 30000;
+    run(10);
+    EXPECT_EQ(2u, r.resyncs);
+    EXPECT_NEAR(80.0 * kRate / 1000, (double)r.resyncFrames, 2.0);
+    EXPECT_LE(r.dropped + r.inserted - dropped - inserted, 2u);
+    size_t zeros = 0;
+    uint32_t prev = d.out[mark - 1];
+    for (size_t i = mark; i < d.out.size(); i++) {
+        if (d.out[i] == 0) {
+            zeros++;
+            continue;
+        }
+        ASSERT_GT(d.out[i], prev) << i;
+        prev = d.out[i];
+    }
+    EXPECT_NEAR(50.0 * kRate / 1000, (double)zeros, 2.0);
+
+    // An underrun: the device lost 100 ms (its clock ran on while it was
+    // not fed); the stream continues at the frame due now.
+    d.masterStartUs += 100000;
+    run(2);
+    EXPECT_EQ(3u, r.resyncs);
+}
+
+TEST(PlayScheduler, PauseSeekAndNewStreamKeepTheRightPackets) {
+    PlayScheduler* s = make();
+    Stream st = {100, 20000, 0};
+    Device d(20000000LL);
+    st.PushRange(s, 0, 100);
+    for (int i = 0; i < 10; i++) d.Write(s, 441);
+    // PAUSE: what is queued is dropped, the stream goes silent at once.
+    s->Flush(false);
+    d.Write(s, 441);
+    EXPECT_EQ(0u, d.out.back());
+    // RESUME: sequence and timestamps ran on; packets 400.. play at their time.
+    st.PushRange(s, 400, 420);
+    while (d.written < 400 * kFpp + 2000) d.Write(s, 441);
+    size_t at = 400 * kFpp;
+    EXPECT_EQ(0u, d.out[at - 1]);
+    EXPECT_EQ((uint32_t)(400 * kFpp + 1), d.out[at]);
+    EXPECT_EQ(1u, s->Stats().anchors);
+
+    // SEEK: the new position's packets (after a jump) came before the
+    // command; they stay, the older ones go.
+    st.PushRange(s, 420, 440);
+    Stream after = {100, 20000, 1000000};
+    after.PushRange(s, 445, 450);
+    s->Flush(true);
+    while (d.written < 445 * kFpp + 10) d.Write(s, 441);
+    at = 445 * kFpp;
+    EXPECT_EQ(0u, d.out[at - 1]);
+    EXPECT_EQ((uint32_t)(1000000 + 445 * kFpp + 1), d.out[at]);
+
+    // The receiver was reset: a stream whose timestamps do not fit the
+    // timeline starts a new one, on its exact frame.
+    Stream fresh = {9, 25000, 5000000};
+    fresh.PushRange(s, 0, 50);
+    EXPECT_TRUE(s->Pending());
+    while (d.written < 5 * kRate + 10) d.Write(s, 441);
+    at = 5 * kRate;
+    EXPECT_EQ(0u, d.out[at - 1]);
+    EXPECT_EQ(5000001u, d.out[at]);
+    EXPECT_EQ(2u, s->Stats().anchors);
+    EXPECT_EQ(2u, s->Stats().starts);
+    while (d.written < 5 * kRate + 50 * kFpp) d.Write(s, 441);  // all of it played out
+    EXPECT_FALSE(s->Pending());
+}

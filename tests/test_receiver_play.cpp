@@ -1,0 +1,205 @@
+// sonvara-receiver --play end to end without a sound card: a real streamer
+// plays a noise WAV to two receiver processes (front left and front right),
+// each playing through ALSA's `default`, which its own configuration routes
+// to the `file` plugin over the clock-paced speaker (sonvara_clock). The
+// written files must hold each role's audio bit-exact apart from the frames
+// the scheduler reports it inserted or dropped (and, for the speaker whose
+// process is stopped for a while, the jump after its underrun), and the
+// content must start on the shared clock, within 1 ms, in both.
+#include <arpa/inet.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "DemoCheck.h"
+#include "PAL_Clock.h"
+#include "RxSocket.h"
+#include "RxWav.h"
+#include "TempDir.h"
+#include "TimeSyncInitiator.h"
+#include "streamer_harness.h"
+#include "tool_path.h"
+
+namespace {
+
+// Stereo 16-bit 44.1 kHz noise, different on each side: any misplaced frame shows.
+bool write_noise_wav(const std::string& path, int seconds) {
+    std::vector<int16_t> pcm((size_t)seconds * 44100 * 2);
+    uint32_t x = 12345;
+    for (int16_t& s : pcm) {
+        x = x * 1103515245u + 12345u;
+        s = (int16_t)(x >> 16);
+    }
+    return rx_wav_write(path.c_str(), 44100, 2, 16, pcm.data(), (uint32_t)(pcm.size() * 2)) == 0;
+}
+
+struct Speaker {
+    const char* address;
+    const char* role;
+    AV_CHANNEL_TYPE type;
+    std::string base;  // dir/<address>: .conf .wav (played) .net.wav (received) .starts .json
+    pid_t pid;
+};
+
+// A receiver process whose ALSA `default` is the file plugin over the
+// clock-paced speaker.
+pid_t start_speaker(Speaker* sp, const std::string& dir) {
+    sp->base = dir + "/" + sp->address;
+    FILE* conf = fopen((sp->base + ".conf").c_str(), "w");
+    if (!conf) return -1;
+    fprintf(conf,
+            "pcm_type.sonvara_clock { lib \"%s\" }\n"
+            "pcm.!default { type file file \"%s.wav\" format \"wav\"\n"
+            "  slave.pcm { type sonvara_clock log \"%s.starts\" } }\n",
+            tool_path("libasound_module_pcm_sonvara_clock.so").c_str(), sp->base.c_str(),
+            sp->base.c_str());
+    fclose(conf);
+    std::string cmd = tool_path("sonvara-receiver"), json = sp->base + ".json",
+                net = sp->base + ".net.wav", env = "ALSA_CONFIG_PATH=" + sp->base + ".conf";
+    pid_t pid = fork();
+    if (pid == 0) {
+        putenv(&env[0]);
+        execl(cmd.c_str(), cmd.c_str(), "--address", sp->address, "--name", sp->role, "--play",
+              "--json", json.c_str(), "--wav", net.c_str(), "--quiet", "--duration", "60",
+              (char*)nullptr);
+        _exit(127);
+    }
+    return pid;
+}
+
+// Waits until the receiver at `address` answers a discovery request.
+bool answers_discovery(const char* address) {
+    int sock = rx_udp_bind("127.0.0.1", 9093);
+    struct sockaddr_in to;
+    rx_sockaddr(address, 1234, &to);
+    const char req[] = "DEVICE 127.0.0.1:9093\r\nGUID: t\r\nREQ_TS: 1\r\n";
+    bool ok = false;
+    for (int i = 0; i < 100 && !ok && sock >= 0; i++) {
+        sendto(sock, req, sizeof(req) - 1, 0, (struct sockaddr*)&to, sizeof(to));
+        ok = rx_wait_readable(sock, 100) == 1;
+    }
+    if (sock >= 0) close(sock);
+    return ok;
+}
+
+void stop_speaker(pid_t pid) {
+    kill(pid, SIGTERM);
+    int status = 0;
+    for (int i = 0; i < 200; i++) {  // 10 s, then it is killed
+        if (waitpid(pid, &status, WNOHANG) == pid) return;
+        PAL_ThreadSleep(50);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+}
+
+double json_number(const std::string& json, const char* key) {
+    double v = -1;
+    EXPECT_TRUE(DemoJsonNumber(json, key, &v)) << key;
+    return v;
+}
+
+}  // namespace
+
+TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
+#ifndef SONVARA_HAVE_ALSA
+    GTEST_SKIP() << "sonvara-receiver was built without ALSA";
+#endif
+    TempDir dir("sonvara_play");
+    const std::string content = dir.path + "/noise.wav";
+    ASSERT_TRUE(write_noise_wav(content, 3));
+    ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
+                                          PAL_GetBootTimeUsec));
+    ASSERT_EQ(0, TimeSyncInitiator_Start());
+    Speaker sp[2] = {{"127.0.0.2", "Front_Left", AV_CHANNEL_FRONT_LEFT, "", -1},
+                     {"127.0.0.3", "Front_Right", AV_CHANNEL_FRONT_RIGHT, "", -1}};
+    AV_RECEIVER_INFO ri{};
+    for (Speaker& s : sp) {
+        s.pid = start_speaker(&s, dir.path);
+        ASSERT_GT(s.pid, 0);
+        AV_RECEIVER& r = ri.AVReceiver[(int)ri.nAVReceiverCnt++];
+        snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", s.address);
+        r.ChannelType = s.type;
+        r._volume = 5;
+        r.bActive = 1;
+    }
+    for (Speaker& s : sp) ASSERT_TRUE(answers_discovery(s.address)) << s.address;
+
+    EventLog events;
+    CAVStreamer st(&EventLog::Notify, &events, 42);
+    AV_MUSIC_INFO mi{};
+    snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s", content.c_str());
+    snprintf(mi.pMime, sizeof(mi.pMime), "audio/x-wav");
+    mi.NumChannels = 2;
+    mi.SampleRate = 44100;
+    ASSERT_EQ(0, st.AVStreamerInit(&ri, &mi, 0));
+    ASSERT_EQ(0, st.AVStreamerOpen(31554, 35000, "224.1.2.4:1234", 9, 0));
+    ASSERT_EQ(0, st.ReceiverSearch(&ri));
+    // Front right's machine stalls for 300 ms in the middle of the content:
+    // its device runs dry, restarts and the stream goes on at the due frame.
+    for (int i = 0; i < 200 && access((sp[1].base + ".starts").c_str(), F_OK) != 0; i++) {
+        PAL_ThreadSleep(50);
+    }
+    PAL_ThreadSleep(2000);
+    kill(sp[1].pid, SIGSTOP);
+    PAL_ThreadSleep(300);
+    kill(sp[1].pid, SIGCONT);
+    StreamerEvent e;
+    EXPECT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 30000, &e));
+    PAL_ThreadSleep(1500);  // the last packets are due a second after they were sent
+    st.AVStreamerClose();
+    for (Speaker& s : sp) stop_speaker(s.pid);
+    TimeSyncInitiator_Stop();
+    TimeSyncInitiator_Delete();
+
+    DemoPcm src;
+    std::string err;
+    ASSERT_EQ(0, DemoLoadContent(content.c_str(), &src, &err)) << err;
+    long long startUs[2] = {0, 0};
+    for (int k = 0; k < 2; k++) {
+        SCOPED_TRACE(sp[k].role);
+        std::string json, starts;
+        ASSERT_TRUE(DemoReadSmallFile((sp[k].base + ".json").c_str(), 1 << 20, &json));
+        ASSERT_TRUE(DemoReadSmallFile((sp[k].base + ".starts").c_str(), 1 << 16, &starts));
+        DemoPcm played;
+        ASSERT_EQ(0, DemoLoadReceived((sp[k].base + ".wav").c_str(), &played, &err)) << err;
+        std::vector<unsigned char> ref;
+        ASSERT_EQ(0, DemoRoleFilter(src, sp[k].type, &ref));
+        DemoPlayMatch m;
+        DemoComparePlayed(ref, played.bytes, 4, &m);
+        ASSERT_GE(m.startFrame, 0);
+        EXPECT_EQ(0u, m.differing);
+        EXPECT_TRUE(DemoPlayedToTheEnd(m, 4)) << m.referenceReached << " of " << m.referenceFrames;
+        EXPECT_EQ(json_number(json, "play_inserted"), (double)m.inserted);
+        EXPECT_EQ(json_number(json, "play_dropped"), (double)m.dropped);
+        // Jumps happen only when the machine stalls a player; they are
+        // counted too, and then account for what was skipped or held back.
+        if (k == 1) {
+            EXPECT_GE(json_number(json, "play_underruns"), 1.0);
+            EXPECT_LE(json_number(json, "play_underruns"), 3.0);  // restarted cleanly
+        }
+        if (json_number(json, "play_resyncs") == 0) {
+            EXPECT_EQ(0u, m.skipped + m.silence);
+        } else {
+            EXPECT_NEAR(json_number(json, "play_resync_frames"), (double)(m.skipped + m.silence),
+                        10.0 * json_number(json, "play_resyncs"));
+        }
+        // The content's first frame left at its time: the time stamp is that
+        // time rounded down to the millisecond, so the start must lie within
+        // 1 ms of [stamp, stamp + 1 ms). (On a busy machine the stream may
+        // begin with silent packets: the received stream says where it is.)
+        DemoPcm received;
+        ASSERT_EQ(0, DemoLoadReceived((sp[k].base + ".net.wav").c_str(), &received, &err)) << err;
+        DemoPlayMatch net;
+        DemoComparePlayed(ref, received.bytes, 4, &net);
+        ASSERT_GE(net.startFrame, 0);
+        ASSERT_TRUE(DemoPlayedFrameTime(starts, m.startFrame, 44100, &startUs[k]));
+        long long offUs = DemoStartLateUs(
+            startUs[k], (unsigned int)json_number(json, "first_timestamp"), net.startFrame, 44100);
+        EXPECT_GT(offUs, -1000) << "content started " << offUs << " us before its time stamp";
+        EXPECT_LT(offUs, 2000) << "content started " << offUs << " us after its time stamp";
+        printf("%s: start %+lld us after its time stamp, %u inserted, %u dropped, %.0f resyncs\n",
+               sp[k].role, offUs, m.inserted, m.dropped, json_number(json, "play_resyncs"));
+    }
+    EXPECT_LE(llabs(startUs[0] - startUs[1]), 1000) << "the two speakers started apart";
+    printf("the two speakers started %+lld us apart\n", startUs[1] - startUs[0]);
+}
