@@ -32,4 +32,20 @@ SONVARA_COMMON_API int PAL_SemTimedWait(PAL_SEM* s, unsigned int timeoutMs);
 SONVARA_COMMON_API int PAL_SemSignal(PAL_SEM* s, int count);
 }
 
+// Holds a mutex for one scope: the engine's one way to take a lock for a
+// block. A null mutex (its creation failed) is not taken and not released.
+class PalLock {
+public:
+    explicit PalLock(PAL_MUTEX* m) : m_mutex(m), m_held(PAL_MutexLock(m, 1) == 0) {}
+    ~PalLock() {
+        if (m_held) PAL_MutexUnLock(m_mutex);
+    }
+    PalLock(const PalLock&) = delete;
+    PalLock& operator=(const PalLock&) = delete;
+
+private:
+    PAL_MUTEX* m_mutex;
+    bool m_held;
+};
+
 #endif

@@ -159,8 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int first = _deliver(&st, sp[1], data + pos, len);
         const int second = _deliver(&st, sp[1], data + pos, len);
         JOIN_REQ req;
-        if (g_found.count == 1 && ParseJoinReq(g_found.text.c_str(), &req) == 0 &&
-            req.bHasTs)
+        if (g_found.count == 1 && ParseJoinReq(g_found.text.c_str(), &req) == 0 && req.bHasTs)
             fuzz_require(second == first);
         pos += len;
     }

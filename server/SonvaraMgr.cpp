@@ -42,6 +42,7 @@ PlurafonMgr::PlurafonMgr(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec)
       _lpSearchingLock(nullptr),
       _lpmydivice_info(nullptr),
       _lpjoin_req(nullptr),
+      _lpjoinmutex(nullptr),
       _init_status(0),
       m_groupIds(1),
       m_deviceHandles(1),
@@ -63,7 +64,7 @@ int PlurafonMgr::_init(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec) {
         return r;
     }
     if (!PAL_MutexCreate(&_lpmutex) || !PAL_MutexCreate(&_lpdevmutex) ||
-        !PAL_MutexCreate(&_lpSearchingLock)) {
+        !PAL_MutexCreate(&_lpSearchingLock) || !PAL_MutexCreate(&_lpjoinmutex)) {
         return PLURAFON_ERR_MUTEX;
     }
     r = ServiceDeviceInit();
@@ -111,6 +112,8 @@ PlurafonMgr::~PlurafonMgr() {
     if (_lpdevmutex) PAL_MutexDelete(_lpdevmutex);
     _lpmutex = _lpSearchingLock = _lpdevmutex = nullptr;
     _release_mcast_req(&_lpjoin_req);
+    PAL_MutexDelete(_lpjoinmutex);
+    _lpjoinmutex = nullptr;
     ServiceDeviceDeleteAll();
     ServiceDeviceClose();
     debug_UI("PlurafonMgr::~PlurafonMgr ---");

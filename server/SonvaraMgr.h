@@ -15,7 +15,8 @@
 // (sender_notify), the background search thread and the stop threads.
 // Locks, always in this order: _lpmutex (group list and group playback
 // state), _lpdevmutex (device list), then a registry's own mutex
-// (m_pDeviceList->pMutex). _lpSearchingLock guards the search state alone.
+// (m_pDeviceList->pMutex). _lpSearchingLock guards the search state alone,
+// _lpjoinmutex the list of JOIN requests seen.
 // The notifier is never called with a manager lock held.
 //
 // Sources: SonvaraMgr.cpp (lifecycle, device registry), SonvaraMgrGroup.cpp
@@ -28,7 +29,6 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <mutex>
 
 #include "AVRepDlna.h"
 #include "AVStreamerDef.h"
@@ -289,14 +289,14 @@ private:
     PAL_MUTEX* _lpSearchingLock;  // guards m_bSearching and m_searchtime
     LPDEVICE_INFO _lpmydivice_info;
     char mGuid[AV_GUID_LEN];
-    LPMCAST_REQ_NODE _lpjoin_req;  // JOIN requests seen; guarded by m_joinMutex
+    LPMCAST_REQ_NODE _lpjoin_req;  // JOIN requests seen; guarded by _lpjoinmutex
+    PAL_MUTEX* _lpjoinmutex;       // two streamers may report joins at once
     int _init_status;
 
     HandleTable m_groupIds;       // group id -> LPGROUP_INFO
     HandleTable m_deviceHandles;  // device handle -> LPDEVICE_INFO
     // The background search thread; released by the next search or the destructor.
     PAL_THREAD m_hSearchThread;
-    std::mutex m_joinMutex;  // guards _lpjoin_req: two streamers may report joins at once
 };
 
 #endif

@@ -6,7 +6,7 @@
 // search on its own (m_hSearchThread), sender_notify on the streamers'
 // threads, dlna_notify on discovery's receive thread. Locks: _lpmutex while
 // member states are looked at or changed (then _lpdevmutex, then a
-// registry's mutex); m_joinMutex for the JOIN list alone; _lpSearchingLock
+// registry's mutex); _lpjoinmutex for the JOIN list alone; _lpSearchingLock
 // for m_bSearching. The notifier is always called with no lock held, and no
 // lock is held across a call into a streamer.
 #include <stdlib.h>
@@ -242,7 +242,7 @@ void PlurafonMgr::_on_receiver_found(const char* ipText, const char* text, int h
     JOIN_REQ req;
     if (ParseJoinReq(text, &req) != 0) return;
     if (req.bHasTs) {
-        std::lock_guard<std::mutex> guard(m_joinMutex);
+        PalLock guard(_lpjoinmutex);
         if (!_is_new_join_l(&req)) return;
     }
     if (!req.mac[0] || !req.guid[0] || !req.name[0]) {
