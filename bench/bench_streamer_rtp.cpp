@@ -201,10 +201,7 @@ int run(int n, double seconds, Result* res) {
     st->m_AVMusicInfo.SampleRate = 44100;
     st->m_AVMusicInfo.NumChannels = 2;
     st->m_AVMusicInfo.BytesPerSample = 2;
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        st->_session_clear(i);
-        PAL_MutexCreate(&st->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
-    }
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) st->_session_clear(i);
     st->m_pMulticastIP = strdup("224.1.2.4");
     st->m_MulticastPort = 21234;
     snprintf(st->m_pMyIP, sizeof(st->m_pMyIP), "127.0.0.1");

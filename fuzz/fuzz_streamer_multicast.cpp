@@ -139,8 +139,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int sp[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sp) != 0) return 0;
     CAVStreamer st(_notify, nullptr, 1);
-    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-        PAL_MutexCreate(&st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
     for (int i = 0; i < kSessions; i++) {
         AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
         snprintf(s.pReceiverIP, sizeof(s.pReceiverIP), "127.0.0.%d", 2 + i);
@@ -162,10 +160,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (g_found.count == 1 && ParseJoinReq(g_found.text.c_str(), &req) == 0 && req.bHasTs)
             fuzz_require(second == first);
         pos += len;
-    }
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
-        st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
     }
     close(sp[0]);
     close(sp[1]);

@@ -1,7 +1,8 @@
 // Fuzzes receivers' control requests as the streamer's control server reads
 // them, as sequences across the session states: CHANNEL/START, DESCRIBE/SDP,
 // SETUP, PLAY, PAUSE, the clock reply, LEAVE/TEARDOWN/BYE_ACK and a closed
-// connection, with the table's fall-throughs and the replies written back.
+// connection, with the table's fall-throughs and the replies queued and sent
+// back as the control-server thread sends them.
 //
 // Input: requests split on the byte 0xFF (never in a request's text: it is
 // not UTF-8). The first byte of each is a control byte: its value modulo 3
@@ -48,8 +49,6 @@ void _notify(intptr_t, intptr_t msg, intptr_t a, intptr_t b, intptr_t, intptr_t)
 void _setup(CAVStreamer* st, int* peers) {
     static const AV_CHANNEL_TYPE kRoles[kReceivers] = {AV_CHANNEL_FRONT_LEFT,
                                                        AV_CHANNEL_FRONT_RIGHT, AV_CHANNEL_PARTY};
-    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-        PAL_MutexCreate(&st->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
     for (int i = 0; i < kReceivers; i++) {
         AV_RECEIVER& r = st->m_AVReceiverInfo.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.%d", 2 + i);
@@ -64,6 +63,9 @@ void _setup(CAVStreamer* st, int* peers) {
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) __builtin_trap();
         s.hTcpClientSock = sp[0];
         peers[i] = sp[1];
+        // The outgoing queue an accept gives a session; the streamer frees it.
+        s.pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
+        if (s.pOutQ == nullptr) __builtin_trap();
     }
     st->m_AVReceiverInfo.nAVReceiverCnt = kReceivers;
     st->m_AVRcvSessInfo.nAVRcvSessCnt = kReceivers;
@@ -126,7 +128,7 @@ void _serve(CAVStreamer* st, int index) {
         if (ioctl(sock, FIONREAD, &pending) != 0) return;
         // Nothing pending and not closed: not readable, nothing to do.
         if (pending == 0 && recv(sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return;
-        st->OnTcpCmdRead(index, nullptr);
+        st->OnTcpCmdRead(index);
     }
 }
 
@@ -161,13 +163,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         g_sender = sender;
         _serve(&st, index);
         _check_sessions(&st);
+        st._flush_session(index);
+        st._close_stale_sockets();
         _check_replies(peers[index]);
     }
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
         if (s.hTcpClientSock >= 0) close(s.hTcpClientSock);
-        PAL_MutexDelete(s._lpmutex);
-        s._lpmutex = nullptr;
     }
     for (int peer : peers) close(peer);
     return 0;

@@ -35,6 +35,16 @@ inline JNIEnv* jniAttachCurrentThread(JavaVM* vm) {
     return rc == JNI_OK ? env : nullptr;
 }
 
+// The calling thread's env for one call into Java: its own when the VM knows
+// the thread (the loading thread, or a Java thread calling back on its own
+// stack), else the thread is attached and *attached says the caller must
+// detach it afterwards. Null when neither works.
+inline JNIEnv* jniEnvForCall(JavaVM* vm, bool* attached) {
+    JNIEnv* env = jniGetEnv(vm);
+    *attached = env == nullptr;
+    return env != nullptr ? env : jniAttachCurrentThread(vm);
+}
+
 // Rewrites UTF-8 text into the VM's modified UTF-8: characters outside the
 // basic plane become surrogate pairs and every byte that does not start a
 // well-formed sequence becomes '?'. Receiver names and the like come from the

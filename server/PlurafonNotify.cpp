@@ -2,11 +2,13 @@
 // object (see PlurafonNotify.h for ownership and threads).
 //
 // Every event takes the same path: check its method id, find a JNIEnv for the
-// calling thread (the loading thread's own, or attach), convert the strings,
-// call the void Java method, clear anything the Java side threw, drop the
-// local string references (the loading thread may deliver many events inside
-// one native call, e.g. a blocking search), and detach a thread that was
-// attached for the call.
+// calling thread (its own when the VM already knows it: the loading thread or
+// any Java thread raising an event on its own stack; else attach it), convert
+// the strings, call the void Java method, clear anything the Java side threw,
+// drop the local string references (a thread may deliver many events inside
+// one native call, e.g. a blocking search), and detach only a thread that was
+// attached for the call: detaching a Java thread that is running Java code
+// would pull the VM out from under it.
 #include "PlurafonNotify.h"
 
 #include "JniHelper.h"
@@ -144,13 +146,12 @@ void PlurafonNotify::DeleteRef() {
 
 template <typename... Args>
 void PlurafonNotify::_call_java(jmethodID id, const char* vmMissingLine, Args... args) {
-    int tid = jniGetTid();
     if (_lpvm == nullptr) {
         debug_UI("%s", vmMissingLine);
         return;
     }
-    bool attached = tid != _vm_tid;
-    JNIEnv* env = attached ? jniAttachCurrentThread(_lpvm) : jniGetEnv(_lpvm);
+    bool attached = false;
+    JNIEnv* env = jniEnvForCall(_lpvm, &attached);
     if (env == nullptr) return;
 
     // A braced list is evaluated left to right: strings are made in

@@ -118,9 +118,12 @@ int PlurafonMgr::_stop_thread(void* arg) {
     int r = AVSenderStop(handle);
     if (r == 0) {
         debug_UI("check receiver +++");
-        // Give the receivers up to two seconds to leave.
+        // Give the receivers up to two seconds to leave: 40 rounds of 50 ms,
+        // and no more than two seconds however late the sleeps wake.
         int loop_cnt = 40;
-        while (loop_cnt > 0 && AVSenderIsStreamReceiverExist(handle)) {
+        unsigned int start = PAL_GetClock();
+        while (loop_cnt > 0 && AVSenderIsStreamReceiverExist(handle) &&
+               PAL_GetClock() - start < 2000) {
             PAL_ThreadSleep(50);
             loop_cnt--;
         }

@@ -224,14 +224,14 @@ static jstring _name_to_java(JNIEnv* env, const char* name) {
 
 // ---- the boot-time clock handed to the manager ------------------------------
 
-// Microseconds since boot from android.os.SystemClock.elapsedRealtime. The
-// loading thread uses its own env; any other thread is attached for the call
-// and detached after a successful one (on the failure paths it stays
+// Microseconds since boot from android.os.SystemClock.elapsedRealtime. A
+// thread the VM knows uses its own env; any other thread is attached for the
+// call and detached after a successful one (on the failure paths it stays
 // attached, as the engine has always done).
 static long long get_boottime_usec() {
     if (gJvm == nullptr) return 0;
-    bool attached = jniGetTid() != _vm_tid;
-    JNIEnv* env = attached ? jniAttachCurrentThread(gJvm) : jniGetEnv(gJvm);
+    bool attached = false;
+    JNIEnv* env = jniEnvForCall(gJvm, &attached);
     if (env == nullptr) return 0;
 
     long long usec = 0;

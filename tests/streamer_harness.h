@@ -125,8 +125,8 @@ struct RxSpec {
     int volume;
 };
 
-// Fills the streamer's receiver table and music description as init does,
-// and creates the session mutexes (no content file is opened).
+// Fills the streamer's receiver table and music description as init does
+// (no content file is opened).
 inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint32_t rate = 44100,
                             uint8_t channels = 2, uint8_t bytesPerSample = 2,
                             const char* title = "Test Song") {
@@ -146,11 +146,7 @@ inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint3
     s->m_AVMusicInfo.SampleRate = rate;
     s->m_AVMusicInfo.NumChannels = channels;
     s->m_AVMusicInfo.BytesPerSample = bytesPerSample;
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        s->_session_clear(i);
-        if (s->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr)
-            PAL_MutexCreate(&s->m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
-    }
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) s->_session_clear(i);
 }
 
 // Brings the control server up on the given ports, multicast on the group.

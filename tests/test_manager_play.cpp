@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ReceiverEmulator.h"
+#include "ReceiverProcess.h"
 #include "RecordingNotify.h"
 #include "SonvaraMgr.h"
 #include "TempDir.h"
@@ -53,6 +54,49 @@ std::unique_ptr<ReceiverEmulator> Receiver(int i) {
     return rx->Start() == 0 ? std::move(rx) : nullptr;
 }
 
+// The longest time, in ms, in which one of the receivers got no packet while
+// they are watched for ms. A late look by the watcher finds new packets and
+// counts no silence: only the receivers' own silence shows. Unloaded it is a
+// few packet times (8 ms each); the tests allow kMaxSilenceMs, far below the
+// seconds a receiver used to hold the stream up for, and far above what a
+// busy machine adds.
+const unsigned int kMaxSilenceMs = 1000;
+
+unsigned int LongestSilence(const std::vector<ReceiverEmulator*>& who, unsigned int ms) {
+    unsigned int start = PAL_GetClock(), longest = 0;
+    std::vector<unsigned int> count(who.size(), 0), since(who.size(), start);
+    while (PAL_GetClock() - start < ms) {
+        PAL_ThreadSleep(5);
+        unsigned int now = PAL_GetClock();
+        for (size_t k = 0; k < who.size(); k++) {
+            unsigned int c = who[k]->Report().packets;
+            if (c != count[k]) {
+                count[k] = c;
+                since[k] = now;
+            } else if (now - since[k] > longest) {
+                longest = now - since[k];
+            }
+        }
+    }
+    return longest;
+}
+
+// What a receiver got is the start of the file's audio, byte for byte (the
+// tone has equal channels, so every role gets the file's own frames).
+void ExpectFilePrefix(ReceiverEmulator* r, const std::string& wav) {
+    std::vector<unsigned char> got = r->Pcm();
+    FILE* f = fopen(wav.c_str(), "rb");
+    ASSERT_TRUE(f != nullptr);
+    std::vector<unsigned char> want(got.size());
+    fseek(f, 44, SEEK_SET);
+    want.resize(fread(want.data(), 1, want.size(), f));
+    fclose(f);
+    ASSERT_GT(got.size(), 0u);
+    ASSERT_EQ(want.size(), got.size()) << r->Config().address;
+    EXPECT_TRUE(want == got) << r->Config().address;
+    EXPECT_EQ(0u, r->Report().lostPackets) << r->Config().address;
+}
+
 class Play : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -63,14 +107,26 @@ protected:
     }
     void TearDown() override { mgr.reset(); }
 
-    // Emulators 0..n-1, found by a search.
-    void Receivers(int n) {
+    // Emulators 0..n-1, found by a search (with `others` receivers of the
+    // test's own).
+    void Receivers(int n, int others = 0) {
         for (int i = 0; i < n; i++) {
             rx.push_back(Receiver(i));
             ASSERT_TRUE(rx.back());
         }
-        ASSERT_EQ(0, mgr->SearchDevice(true));
-        ASSERT_EQ(n, events.Count("Device "));
+        // A receiver process may still be starting: search again for it (a
+        // search reports only the devices it finds anew).
+        for (int tries = 0; tries < 10; tries++) {
+            ASSERT_EQ(0, mgr->SearchDevice(true));
+            if (events.Count("Device ") >= n + others) break;
+        }
+        ASSERT_EQ(n + others, events.Count("Device "));
+    }
+    // Stop returns 0 within 3.5 s whatever the receivers do.
+    void StopPromptly(int g) {
+        unsigned int t0 = PAL_GetClock();
+        EXPECT_EQ(0, mgr->Stop(g, 0));
+        EXPECT_LT(PAL_GetClock() - t0, 3500u);
     }
     const char* Ip(int i) { return rx[i]->Config().address; }
     const char* Mac(int i) { return rx[i]->Config().mac; }
@@ -255,4 +311,70 @@ TEST_F(Play, EventsOfAWholePlayInOrder) {
     }
     EXPECT_GE(last, 1);
     EXPECT_EQ(0u, seen.back().find("ServiceStop " + std::to_string(g)));
+}
+
+TEST_F(Play, AFloodingReceiverThatStopsReadingIsDroppedWhileTheOthersPlayOn) {
+    Receivers(3);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = mgr->CreateGroup("Flood");
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(0), Mac(0), AV_CHANNEL_FRONT_LEFT, 1));
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 1));
+    ASSERT_EQ(0, mgr->AddDevice(g, Ip(2), Mac(2), AV_CHANNEL_PARTY, 1));
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(20, 15000));
+
+    rx[2]->SetFloodDescribe(true);
+    EXPECT_LT(LongestSilence({rx[0].get(), rx[1].get()}, 10000), kMaxSilenceMs);
+    EXPECT_TRUE(events.WaitFor("Reset " + std::to_string(g) + " " + Ip(2), 1, 5000));
+    EXPECT_EQ(0, events.Count("Reset " + std::to_string(g) + " " + Ip(0)));
+    // Controls still reach those that read.
+    EXPECT_EQ(0, mgr->ReceiverVolumeControl(g, 3));
+    EXPECT_TRUE(rx[1]->WaitForCommand("VOLUME", 5000));
+    StopPromptly(g);
+    for (int i : {0, 1}) ExpectFilePrefix(rx[i].get(), wav);
+}
+
+TEST_F(Play, AReceiverThatNeverPlaysDelaysTheOthersTwoSecondsAndIsDroppedAtFive) {
+    Receivers(3);
+    rx[2]->SetStopAtSetup(true);
+    std::string wav = MakeWav(dir.path, 20);
+    int g = Group("Stuck", {0, 1, 2});
+    unsigned int t0 = PAL_GetClock();
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
+    ASSERT_TRUE(rx[2]->WaitForHandshake(RX_HS_WAIT_PLAY, 5000));
+    // Nothing streams yet; a seek still comes back in time.
+    unsigned int t1 = PAL_GetClock();
+    EXPECT_EQ(0, mgr->seekTo(g, 2));
+    EXPECT_LT(PAL_GetClock() - t1, 3500u);
+    for (int i : {0, 1}) ASSERT_TRUE(rx[i]->WaitForPackets(1, 8000));
+    EXPECT_GE(PAL_GetClock() - t0, 1900u);  // the late-start point
+    ASSERT_TRUE(events.WaitFor("Reset " + std::to_string(g) + " " + Ip(2), 1, 10000));
+    EXPECT_GE(PAL_GetClock() - t0, 4900u);
+    EXPECT_TRUE(rx[2]->WaitForDisconnect(3000));
+    unsigned int before = rx[0]->Report().packets;
+    EXPECT_TRUE(rx[0]->WaitForPackets(before + 50, 5000));
+    t1 = PAL_GetClock();
+    EXPECT_EQ(0, mgr->seekTo(g, 4));
+    EXPECT_LT(PAL_GetClock() - t1, 3500u);
+    StopPromptly(g);
+}
+
+TEST_F(Play, AReceiverThatVanishesWithoutClosingHoldsUpNobody) {
+    const char* kGone = "127.0.0.9";
+    ReceiverProcess gone(kGone);
+    ASSERT_TRUE(gone.Started());
+    Receivers(2, 1);
+    ReceiverConfig cfg;
+    ReceiverConfigDefaults(&cfg, kGone);  // the process's own identity
+    std::string wav = MakeWav(dir.path, 20);
+    int g = Group("Gone", {0, 1});
+    ASSERT_EQ(0, mgr->AddDevice(g, kGone, cfg.mac, AV_CHANNEL_PARTY, 1));
+    ASSERT_EQ(0, mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
+    for (int i : {0, 1}) ASSERT_TRUE(rx[i]->WaitForPackets(50, 15000));
+    ASSERT_EQ(3, mgr->ServiceDeviceGetCntList());
+    ASSERT_EQ(0, gone.Signal(SIGSTOP));
+    EXPECT_LT(LongestSilence({rx[0].get(), rx[1].get()}, 3000), kMaxSilenceMs);
+    EXPECT_EQ(0, mgr->Pause(g));
+    EXPECT_EQ(0, mgr->Resume(g));
+    StopPromptly(g);
 }

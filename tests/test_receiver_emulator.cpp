@@ -12,6 +12,7 @@
 
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
+#include "ReceiverProcess.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
 #include "tool_path.h"

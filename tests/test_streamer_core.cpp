@@ -107,8 +107,6 @@ TEST(StreamerSessions, ReleaseShrinksTopOnlyAndHandsOverReference) {
     EXPECT_EQ(0, st.ResetAcceptWaitReceiverInfo("10.0.0.99"));
     EXPECT_EQ(4, st.m_AVReceiverInfo.nAVReceiverCnt);
     for (int i : {2, 4, 5, 7}) Pal_RingBufClose(st.m_AVRcvSessInfo.AVRcvSess[i].pFD);
-    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-        PAL_MutexDelete(st.m_AVRcvSessInfo.AVRcvSess[i]._lpmutex);
 }
 
 namespace {
@@ -501,6 +499,9 @@ TEST_F(StreamerCore, LateStartAfterTwoSecondsAndDropAfterFive) {
     ScriptedReceiver r1("127.0.0.2"), r2("127.0.0.3");
     ASSERT_TRUE(r1.Connect(kTcpPort));
     ASSERT_TRUE(r2.Connect(kTcpPort));
+    // Both play (one that connects but never plays is dropped as well).
+    ASSERT_EQ(5u, r1.Handshake().size());
+    ASSERT_EQ(5u, r2.Handshake(5003).size());
     ASSERT_TRUE(WaitUntil([&] { return st->m_hRtpSvrThrId.load() != nullptr; }, 10000));
     EXPECT_GE(NowMs() - search, 2000u);
     // The thread is started first, then the absent receiver loses its sync.

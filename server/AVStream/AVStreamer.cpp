@@ -4,10 +4,14 @@
 // Allocates nothing. Runs on the caller's thread (construction, state) and on
 // the control-server thread and the caller's thread (session release).
 // Locks: one session `_lpmutex` at a time; _receiver_release_l expects the
-// caller to hold the session's lock.
+// caller to hold the session's lock. The session mutexes are created with
+// the object and deleted with it.
 #include "AVStreamer.h"
 
+#include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 char CAVStreamer::mguid[AV_GUID_LEN];
 
@@ -26,8 +30,37 @@ static const unsigned char kStateActionTable[STREAM_STATE_MAX * STREAM_ACTION_MA
 
 CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     debug_UI("[AVStreamer] CAVStreamer groupId : %d", groupId);
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        s._lpmutex = nullptr;
+        s.pOutQ = nullptr;
+        s.hStaleSock = -1;
+    }
     AVStreamerSetDefault();
+    // The session mutexes live as long as the object: a close that races a
+    // late call from discovery (a receiver's EXIT) still finds them. A
+    // failed creation leaves nullptr, on which the platform's lock calls do
+    // nothing, and AVStreamerInit refuses to run.
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        if (!PAL_MutexCreate(&m_AVRcvSessInfo.AVRcvSess[i]._lpmutex))
+            m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
+    }
+    // The control server's wake-up pipe, non-blocking at both ends; made
+    // here so that no late caller can write to a descriptor already reused.
+    m_wakeFd[0] = m_wakeFd[1] = -1;
+    if (pipe(m_wakeFd) == 0) {
+        for (int fd : m_wakeFd) {
+            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+    } else {
+        m_wakeFd[0] = m_wakeFd[1] = -1;  // the control server then waits out its deadlines
+    }
+    m_pendingProgress = 0;
+    m_bProgressDue = false;
+    m_rtpOutSock = -1;
+    m_rtpOutPort = 0;
+    memset(m_rtpOutIp, 0, sizeof(m_rtpOutIp));
     m_unSyncSeqNum = 1;
     mp3FrameLen = 0.0f;
     mp3BitrateIdx = 15;  // invalid header values: format not known yet
@@ -46,6 +79,15 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
 
 CAVStreamer::~CAVStreamer() {
     debug_UI("[AVStreamer] CAVStreamer delete");
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        if (s._lpmutex != nullptr) PAL_MutexDelete(s._lpmutex);
+        s._lpmutex = nullptr;
+        free(s.pOutQ);
+        s.pOutQ = nullptr;
+    }
+    for (int fd : m_wakeFd)
+        if (fd >= 0) close(fd);
 }
 
 void CAVStreamer::_session_clear(int index) {
@@ -69,6 +111,10 @@ void CAVStreamer::_session_clear(int index) {
     s.uwAliveClock = 0;
     s.bIsPlayable = false;
     s.ReqTs = 0;
+    s.outHead = s.outTail = 0;
+    s.outProgressClock = 0;
+    s.outFault = AV_OUT_FAULT_NONE;
+    s.bReachedPlay = false;
 }
 
 void CAVStreamer::AVStreamerSetDefault() {
@@ -92,10 +138,7 @@ void CAVStreamer::AVStreamerSetDefault() {
     memset(&m_RtcpSvr, 0, sizeof(m_RtcpSvr));
     memset(&m_AVReceiverInfo, 0, sizeof(m_AVReceiverInfo));
     memset(&m_AVMusicInfo, 0, sizeof(m_AVMusicInfo));
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        _session_clear(i);
-        m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
-    }
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) _session_clear(i);
     m_AVRcvSessInfo.nAVRcvSessCnt = 0;
     memset(&m_Mp3Inst, 0, sizeof(m_Mp3Inst));
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
@@ -221,14 +264,14 @@ int CAVStreamer::_receiver_release_l(int index) {
              (int)m_AVRcvSessInfo.nAVRcvSessCnt);
     int top = index + 1;
     m_max_idx.compare_exchange_strong(top, index);
+    // No socket I/O under the lock: the control-server thread, the only one
+    // that sends on or closes control connections, closes it once woken. The
+    // RTP socket stays with the slot for its next receiver.
     int sock = s.hTcpClientSock;
     if (sock >= 0) {
         debug_UI("xxxcheck [ReceiverRelease] session index %d close __socket %d", index, sock);
-        PAL_SockClose(sock);
+        s.hStaleSock = sock;
         s.hTcpClientSock = -1;
-        // The next accept of this slot makes a fresh RTP socket.
-        if (s._rtp_sock >= 0) PAL_SockClose(s._rtp_sock);
-        s._rtp_sock = -1;
     }
     PAL_RINGBUF* rb = s.pFD;
     if (rb != nullptr) Pal_RingBufReset(rb);
@@ -252,6 +295,7 @@ int CAVStreamer::ReceiverRelease(int index) {
     // be counted out twice.
     if (m_AVRcvSessInfo.AVRcvSess[index].bActive) _receiver_release_l(index);
     PAL_MutexUnLock(m);
+    _wake_server();  // closes the connection
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d End", m_groupId, index);
     return 1;
 }

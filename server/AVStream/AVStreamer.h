@@ -10,17 +10,23 @@
 // facade), the music source thread (decodes and fills the ring buffers), the
 // control-server thread (accepts receivers and answers their requests) and
 // the RTP stream thread (paces and sends the ring buffers as RTP).
-// Locks: one mutex per session (`_lpmutex`), guarding that session and the
+// Locks: one mutex per session (`_lpmutex`, made with the object and deleted
+// with it), guarding that session, its outgoing queue's counts and the
 // receiver entry of the same index. No two session locks are ever held at
-// once and none is held across select() or a sleep. The session, receiver and
-// ready counters and m_max_idx change under whichever single session lock the
-// caller holds, so they are updated with atomic operations. Flags shared by
-// threads are std::atomic.
+// once, and none is held across a socket call, an event, poll() or a sleep:
+// what must be sent is queued under the lock and sent by the control-server
+// thread, the one writer and closer of every control connection; events are
+// raised once the lock is released. The session, receiver and ready counters
+// and m_max_idx change under whichever single session lock the caller holds,
+// so they are updated with atomic operations. Flags shared by threads are
+// std::atomic.
+// Waits: every wait is bounded (no-show at PLAY AV_ACCEPT_WAIT_MS, a stalled
+// control connection AV_OUT_STALL_MS, a seek AV_SEEK_WAIT_MS, a leave's BYE
+// 20 x 50 ms), so no receiver can hold up the application or the group.
 #ifndef AVSTREAMER_H
 #define AVSTREAMER_H
 
 #include <stdint.h>
-#include <sys/select.h>
 
 #include <atomic>
 
@@ -38,6 +44,14 @@ class MP3Parser;
 #define AV_CMD_BUF_SIZE 1400  // commands the sender writes to receivers
 #define AV_SEARCH_WAIT_MS 2000
 #define AV_ACCEPT_WAIT_MS 5000
+// A receiver's control connection never holds up the engine: what the sender
+// writes is queued (at most this much per session) and sent by the
+// control-server thread as the socket takes it. A receiver whose queue
+// overflows, or that has not taken a byte for AV_OUT_STALL_MS, is dropped.
+#define AV_OUT_QUEUE_SIZE 65536  // a power of two
+#define AV_OUT_STALL_MS 3000
+// A seek waits this long for the music source and the stream thread.
+#define AV_SEEK_WAIT_MS 3000
 
 // Streamer state, gated by canAction().
 typedef enum _STATE {
@@ -111,7 +125,24 @@ typedef struct _AV_RCV_SESS {
     std::atomic<bool> bIsPlayable;  // may be fed RTP
     uint32_t ReqTs;                 // REQ_TS of the receiver's last multicast JOIN
     PAL_MUTEX* _lpmutex;            // guards this session and receiver entry i
+    // Outgoing queue of the control connection. Any thread appends at
+    // outTail under the lock; only the control-server thread sends, from
+    // outHead, and it reads the queued bytes without the lock (appends never
+    // touch them). Allocated at the first accept, kept for reuse.
+    char* pOutQ;
+    uint32_t outHead;  // free-running byte counts
+    uint32_t outTail;
+    uint32_t outProgressClock;        // PAL_GetClock() of the last byte taken or first queued
+    std::atomic<uint8_t> outFault;    // AV_OUT_FAULT: why the session must be dropped
+    std::atomic<int32_t> hStaleSock;  // released connection the control server still closes
+    std::atomic<bool> bReachedPlay;   // asked to PLAY since it connected
 } AV_RCV_SESS;
+
+typedef enum _AV_OUT_FAULT {
+    AV_OUT_FAULT_NONE = 0,
+    AV_OUT_FAULT_OVERFLOW = 1,  // queue full: the receiver stopped reading
+    AV_OUT_FAULT_ERROR = 2,     // the connection failed under a write
+} AV_OUT_FAULT;
 
 typedef struct _AV_RCV_SESS_INFO {
     AV_RCV_SESS AVRcvSess[AV_MAX_RECEIVER];
@@ -195,7 +226,7 @@ public:
     int ServerOpen(unsigned short tcpPort, unsigned short rtpPort);
     int ServerListen();
     static int ServerListenThread(void* param);
-    int OnTcpCmdRead(int index, fd_set* readSet);
+    int OnTcpCmdRead(int index);
     int OnMulticastCmdRead();
     int SendResponse(int index, unsigned short cseq);
     int SendResSetup(int index, unsigned short cseq);
@@ -302,8 +333,22 @@ public:
     // Resets session index to free, keeping its mutex.
     void _session_clear(int index);
 
+    // Control-server thread steps that the request fuzzing drives too: send
+    // what a session's queue holds, close released connections.
+    bool _flush_session(int index);
+    void _close_stale_sockets();
+
 private:
-    bool m_bTimeSyncOn;  // this streamer holds a TimeSyncInitiator_StartSync
+    bool m_bTimeSyncOn;          // this streamer holds a TimeSyncInitiator_StartSync
+    int m_wakeFd[2];             // pipe: other threads wake the control server with a byte
+    uint32_t m_pendingProgress;  // progress found by SendRTP, raised after the pass
+    bool m_bProgressDue;
+    // The packet SendRTP made ready in m_pSendBuf, sent by the stream thread
+    // once the session lock is released (the RTP socket lives as long as
+    // the slot's thread does, so the descriptor stays valid).
+    int m_rtpOutSock;  // -1: nothing to send
+    uint16_t m_rtpOutPort;
+    char m_rtpOutIp[AV_IP_LEN];
 
     // Content and stream set-up (AVStreamerOpen.cpp).
     bool _is_mime(const char* mime);
@@ -320,11 +365,14 @@ private:
 
     void _notify(int code, intptr_t a, intptr_t b, intptr_t c, intptr_t d);
 
-    // One write of text on session index's control connection, under the
-    // session lock. On success the session's ServerState becomes newState
-    // unless that is negative.
+    // Queues text on session index's control connection and wakes the
+    // control server to send it. On success the session's ServerState
+    // becomes newState unless that is negative. A full queue marks the
+    // session for dropping and fails.
     enum { AV_WRITE_OK = 0, AV_WRITE_NO_CONN = 1, AV_WRITE_FAIL = 2 };
     int _session_write(int index, const char* text, int newState = -1);
+    int _queue_l(int index, const char* text, int len);
+    void _wake_server();
     // Index of the first active session at or after from whose address is
     // ip, or -1.
     int _find_session(const char* ip, int from);
@@ -335,11 +383,15 @@ private:
 
     // Control server steps (ServerListenThread).
     void _accept_receiver(bool* rtpStarted);
-    void _check_waiting_receivers(bool* rtpStarted);
+    unsigned int _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
+    void _drop_session(int index, const char* why);
+    unsigned int _check_sessions();
+    void _release_closed(int index, int sock);
 
     // RTP stream thread steps.
     void _serve_session_l(int index, unsigned char* reportFlag);
+    void _send_ready_packet(int index);
     void _line_up_session_l(int index);
     // Milliseconds of PCM that bytes of the sent stream play for (0 when the
     // music format is not known).

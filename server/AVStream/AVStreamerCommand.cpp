@@ -1,11 +1,12 @@
-// Receiver setting commands: DEVICETYPE, UITYPE, VOLUME and START, written on
-// a receiver's control connection, and the one writer every command to a
-// session goes through.
+// Receiver setting commands: DEVICETYPE, UITYPE, VOLUME and START, queued on
+// a receiver's control connection, and the one queue every text to a session
+// goes through (the control-server thread is its only sender).
 //
 // Allocates nothing (commands are formatted in stack buffers). Runs on the
 // caller's thread (sender facade) or the control-server thread.
-// Locks: the addressed session's `_lpmutex`, only around the write; scans
-// over sessions take each session's lock in turn.
+// Locks: the addressed session's `_lpmutex`, only around the append to its
+// outgoing queue (no socket I/O under it); scans over sessions take each
+// session's lock in turn.
 #include <stdio.h>
 #include <string.h>
 
@@ -15,19 +16,32 @@ static const char kRoleNames[8][20] = {"None",   "Front_Left", "Front_Right", "C
                                        "Woofer", "Rear_Left",  "Rear_Right",  "Party"};
 static const char kRuleLine[] = "====================================";
 
+int CAVStreamer::_queue_l(int index, const char* text, int len) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    if (s.hTcpClientSock < 0 || s.pOutQ == nullptr) return AV_WRITE_NO_CONN;
+    if (s.outFault != AV_OUT_FAULT_NONE) return AV_WRITE_FAIL;  // being dropped
+    uint32_t used = s.outTail - s.outHead;
+    if (len < 0 || (uint32_t)len > AV_OUT_QUEUE_SIZE - used) {
+        s.outFault = AV_OUT_FAULT_OVERFLOW;
+        return AV_WRITE_FAIL;
+    }
+    if (used == 0) s.outProgressClock = PAL_GetClock();  // the stall clock starts now
+    uint32_t at = s.outTail & (AV_OUT_QUEUE_SIZE - 1);
+    uint32_t first = AV_OUT_QUEUE_SIZE - at;
+    if (first > (uint32_t)len) first = (uint32_t)len;
+    memcpy(s.pOutQ + at, text, first);
+    memcpy(s.pOutQ, text + first, (uint32_t)len - first);
+    s.outTail += (uint32_t)len;
+    return AV_WRITE_OK;
+}
+
 int CAVStreamer::_session_write(int index, const char* text, int newState) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    int ret = AV_WRITE_OK;
     PAL_MutexLock(s._lpmutex, 1);
-    int sock = s.hTcpClientSock;
-    if (sock < 0) {
-        ret = AV_WRITE_NO_CONN;
-    } else if (PAL_SockWrite(sock, PAL_SOCK_TCP, text, (int)strlen(text), nullptr, 0) == -1) {
-        ret = AV_WRITE_FAIL;
-    } else if (newState >= 0) {
-        s.ServerState = (uint8_t)newState;
-    }
+    int ret = _queue_l(index, text, (int)strlen(text));
+    if (ret == AV_WRITE_OK && newState >= 0) s.ServerState = (uint8_t)newState;
     PAL_MutexUnLock(s._lpmutex);
+    if (ret != AV_WRITE_NO_CONN) _wake_server();  // to send, or to drop the session
     return ret;
 }
 
@@ -44,22 +58,14 @@ int CAVStreamer::_find_session(const char* ip, int from) {
 }
 
 int CAVStreamer::_send_comman_packet(int index, const char* text) {
-    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    int ret = 0;
-    PAL_MutexLock(s._lpmutex, 1);
-    int sock = s.hTcpClientSock;
-    if (sock < 0) {
-        ret = 19;
-    } else {
-        debug_UI("%s", text);
-        int res = PAL_SockWrite(sock, PAL_SOCK_TCP, text, (int)strlen(text), nullptr, 0);
-        if (res == -1) {
-            debug_UI("_send_comman_packet fail(idx %d) ret %d", index, res);
-            ret = 18;
-        }
+    debug_UI("%s", text);
+    int res = _session_write(index, text);
+    if (res == AV_WRITE_NO_CONN) return 19;
+    if (res == AV_WRITE_FAIL) {
+        debug_UI("_send_comman_packet fail(idx %d) ret %d", index, -1);
+        return 18;
     }
-    PAL_MutexUnLock(s._lpmutex);
-    return ret;
+    return 0;
 }
 
 int CAVStreamer::ReceiverUpdateChannelType(const char* ip, int type) {

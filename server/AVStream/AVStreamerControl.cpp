@@ -5,8 +5,9 @@
 //
 // Allocates nothing. Runs on the caller's thread (the sender facade) while
 // the control-server, RTP and music source threads run.
-// Locks: each session's `_lpmutex` in turn, never two; the leave wait and the
-// seek wait hold none.
+// Locks: each session's `_lpmutex` in turn, never two, only to read the
+// session or queue a command (the control-server thread sends it); the leave
+// wait and the seek wait hold none. Every wait here is bounded.
 #include <stdio.h>
 #include <string.h>
 
@@ -122,9 +123,8 @@ int CAVStreamer::_receiver_leave_l(int nIndex) {
     debug_UI("[AVStreamer m_groupId : %d] Leave[%d]========", m_groupId, nIndex);
     debug_UI("%s", kBye);
     debug_UI("%s", kRuleLine);
-    int res = 0;
-    int sock = s.hTcpClientSock;
-    if (sock >= 0) res = PAL_SockWrite(sock, PAL_SOCK_TCP, kBye, (int)strlen(kBye), nullptr, 0);
+    // Queued only: the caller wakes the control server once unlocked.
+    int res = _queue_l(nIndex, kBye, (int)strlen(kBye)) == AV_WRITE_FAIL ? -1 : 0;
     s.bIsPlayable = false;
     s.bIsSync = 0;
     return res;
@@ -135,6 +135,7 @@ int CAVStreamer::ReceiverLeave(int nIndex) {
     PAL_MutexLock(m, 1);
     _receiver_leave_l(nIndex);
     PAL_MutexUnLock(m);
+    _wake_server();
     return 1;
 }
 
@@ -156,14 +157,22 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
         debug_UI("AVStreamerReceiverOut--- Ret %d", 269);
         return 269;
     }
+    _wake_server();
     // The control server releases the session when the BYE is acknowledged.
     // It sets BYE and releases under one hold of the session lock, so BYE
     // read under the lock means the release (and its count) is done.
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    // 20 rounds of 50 ms, and no more than a second however late the sleeps
+    // wake.
     int check_try = 20;
+    unsigned int start = PAL_GetClock();
     for (;;) {
         PAL_ThreadSleep(50);
         if (--check_try == 0) break;
+        if (PAL_GetClock() - start >= 1000) {
+            check_try = 0;
+            break;
+        }
         PAL_MutexLock(s._lpmutex, 1);
         bool bye = s.ServerState == AV_STREAMER_STATE_BYE;
         PAL_MutexUnLock(s._lpmutex);
@@ -192,7 +201,17 @@ void CAVStreamer::AVStreamerSeek(int offset) {
     _bseek_complete = false;
     bSeekReqMusicSrcT = true;
     debug_UI("xxxseek [AVStreamerSeek] bSeekReqMusicSrcT = TRUE set");
-    while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) PAL_ThreadSleep(2);
+    // Bounded: the application must get its call back whatever the receivers
+    // do. At the bound the receivers are told to seek anyway; the music source
+    // still carries the request out when it next runs.
+    unsigned int start = PAL_GetClock();
+    while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) {
+        if (PAL_GetClock() - start > AV_SEEK_WAIT_MS) {
+            debug_UI("xxxseek [AVStreamerSeek] no completion within %d ms", AV_SEEK_WAIT_MS);
+            break;
+        }
+        PAL_ThreadSleep(2);
+    }
     debug_UI("xxxseek complete empties ring buffers");
     ReceiverSeekRequest();
     debug_UI("xxxseek [AVStreamer m_groupId : %d] AVStreamerSeek() End", m_groupId);
@@ -270,15 +289,10 @@ void CAVStreamer::AVSenderStopNotify() {
     static const char kQuit[] = "QUIT_SENDER\r\n\r\n";
     debug_UI("[AVStreamer m_groupId : %d] AVSenderStopNotify() Start", m_groupId);
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
-        int sock = s.hTcpClientSock;
-        if (s.bActive && sock >= 0) {
-            debug_UI("QUIT_SENDER AVRcvSess[%d]==============", i);
-            int res = PAL_SockWrite(sock, PAL_SOCK_TCP, kQuit, (int)strlen(kQuit), nullptr, 0);
-            if (res == -1) debug_UI("[AVStreamer] Send AVSenderStopNotify nRes = %d", res);
-        }
-        PAL_MutexUnLock(s._lpmutex);
+        if (!m_AVRcvSessInfo.AVRcvSess[i].bActive) continue;
+        debug_UI("QUIT_SENDER AVRcvSess[%d]==============", i);
+        if (_session_write(i, kQuit) == AV_WRITE_FAIL)
+            debug_UI("[AVStreamer] Send AVSenderStopNotify nRes = %d", -1);
     }
     debug_UI("[AVStreamer m_groupId : %d] AVSenderStopNotify() End", m_groupId);
 }
@@ -297,7 +311,5 @@ bool CAVStreamer::ReceiverAlive(int nRcv) {
     debug_UI("[AVStreamer m_groupId : %d] ALIVE[%d]========", m_groupId, nRcv);
     debug_UI("%s", kAlive);
     debug_UI("%s", kRuleLine);
-    // Sent without the session lock, as receivers have always been pinged.
-    int sock = m_AVRcvSessInfo.AVRcvSess[nRcv].hTcpClientSock;
-    return PAL_SockWrite(sock, PAL_SOCK_TCP, kAlive, (int)strlen(kAlive), nullptr, 0) != -1;
+    return _session_write(nRcv, kAlive) == AV_WRITE_OK;
 }

@@ -89,7 +89,8 @@ const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* div
 // Waits until every active session has room for its share of the chunk, so
 // that all buffers always end at the same point of the content: the RTP
 // thread lines late receivers up by comparing fill levels. The slowest
-// receiver sets the pace. False when a pause or exit abandons the chunk.
+// receiver sets the pace. False when a pause, a seek or exit abandons the
+// chunk: those must be seen however long a receiver keeps its buffer full.
 bool CAVStreamer::_wait_for_room(long n) {
     unsigned c = m_AVMusicInfo.NumChannels ? m_AVMusicInfo.NumChannels : 1;
     for (;;) {
@@ -102,7 +103,7 @@ bool CAVStreamer::_wait_for_room(long n) {
             room = Pal_RingBufAvailable(rb) >= converted_length(conv, n, c);
         }
         if (room) return true;
-        if (m_bSerExit || _bpause) return false;
+        if (m_bSerExit || _bpause || bSeekReqMusicSrcT) return false;
         PAL_ThreadSleep(5);
     }
 }
@@ -120,8 +121,12 @@ void CAVStreamer::_music_seek() {
     }
     debug_UI("xxxseek [MusicSourceThread] source seek complete");
     // The RTP thread empties every active buffer and clears its sync mark.
+    // Bounded: at the limit the seek completes anyway and the buffers are
+    // emptied by the stream thread when it gets to them.
     bool pending = true;
-    while (pending && !m_bSerExit && m_hRtpSvrThrId.load() != nullptr) {
+    unsigned int start = PAL_GetClock();
+    while (pending && !m_bSerExit && m_hRtpSvrThrId.load() != nullptr &&
+           PAL_GetClock() - start <= AV_SEEK_WAIT_MS) {
         pending = false;
         for (int i = 0; i < AV_MAX_RECEIVER && !pending; i++) {
             AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];

@@ -3,9 +3,8 @@
 // music source thread (init); starts the control and RTP servers and the
 // time synchronisation (open); stops everything in order (close).
 //
-// Allocates: the 30 session mutexes, the content reader, the music source
-// thread and its semaphore (init); the multicast address text (open). All
-// are released by close.
+// Allocates: the content reader, the music source thread and its semaphore
+// (init); the multicast address text (open). All are released by close.
 // Runs on: the caller's thread (the sender facade).
 // Locks: none of its own; runs before the threads exist (init) or after
 // they have been told to exit (close).
@@ -76,15 +75,10 @@ int CAVStreamer::AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO
     m_AVMusicInfo.pMime[AV_MIME_LEN - 1] = 0;
     m_max_idx = count;
 
+    // The session mutexes come with the object; one that could not be made
+    // leaves the streamer unusable.
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        if (!PAL_MutexCreate(&m_AVRcvSessInfo.AVRcvSess[i]._lpmutex)) {
-            m_AVRcvSessInfo.AVRcvSess[i]._lpmutex = nullptr;
-            for (int j = 0; j < i; j++) {
-                PAL_MutexDelete(m_AVRcvSessInfo.AVRcvSess[j]._lpmutex);
-                m_AVRcvSessInfo.AVRcvSess[j]._lpmutex = nullptr;
-            }
-            return 5;
-        }
+        if (m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr) return 5;
     }
     m_nOffsetTime = offset_time;
 

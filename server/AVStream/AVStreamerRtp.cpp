@@ -7,7 +7,8 @@
 // Allocates nothing (the send buffer belongs to the control server).
 // Runs on: RtpStreamThread; the filters on the music source thread.
 // Locks: each session's `_lpmutex` while serving that session; never two.
-// The event callback is called with the served session's lock held.
+// The packet is sent, and the progress event raised after the pass, with no
+// lock held.
 #include <string.h>
 
 #include "AVStreamer.h"
@@ -38,7 +39,10 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
     self->commonSeqNum = 1;
     self->m_bStreamReady = true;
 
-    // Every connected receiver must have asked to PLAY before the clock runs.
+    // Every connected receiver must have asked to PLAY before the clock runs,
+    // but once the late-start point has passed those that did play without
+    // the others (who are dropped by the control server at the no-show
+    // limit, or lined up when they do ask).
     while (!self->m_bSerExit) {
         int ready = 0;
         // A released session's state means nothing (a LEAVE can carry more
@@ -46,7 +50,8 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
         for (int i = 0; i < AV_MAX_RECEIVER; i++)
             if (sess[i].bActive && sess[i].ServerState == AV_STREAMER_STATE_PLAY) ready++;
         int sessCnt = self->m_AVRcvSessInfo.nAVRcvSessCnt;
-        if (ready == sessCnt) {
+        int waited = (int)(PAL_GetClock() - self->m_unSearchBaseClock);
+        if (ready == sessCnt || (ready > 0 && waited > AV_SEARCH_WAIT_MS)) {
             debug_UI("nReadyCnt %d", ready);
             self->m_unSvrStartClock = PAL_GetClock();
             break;
@@ -78,11 +83,17 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
             // running; receivers see the gap after a resume.
             if (!self->_bpause) {
                 unsigned char report = 1;
+                self->m_bProgressDue = false;
                 for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                    self->m_rtpOutSock = -1;
                     PAL_MutexLock(sess[i]._lpmutex, 1);
                     self->_serve_session_l(i, &report);
                     PAL_MutexUnLock(sess[i]._lpmutex);
+                    self->_send_ready_packet(i);
                 }
+                if (self->m_bProgressDue)
+                    self->_notify(AVMSG_PLAY_PROGRESS, self->m_groupId, self->m_pendingProgress, 0,
+                                  0);
             }
             self->m_szSent += AV_STREAM_PACKET_SIZE;
             self->commonSeqNum++;
@@ -176,14 +187,9 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     s.szSent += AV_STREAM_PACKET_SIZE;
 
     if (s.ServerState == AV_STREAMER_STATE_PLAY) {
-        int sent = PAL_SockWrite(s._rtp_sock, PAL_SOCK_UDP, m_pSendBuf,
-                                 AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE, s.pReceiverIP,
-                                 s.uwClientRtpPort);
-        if (sent == -1) {
-            debug_UI("xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
-                     m_groupId, nRcv, sent);
-            return 0;
-        }
+        m_rtpOutSock = s._rtp_sock;
+        m_rtpOutPort = s.uwClientRtpPort;
+        memcpy(m_rtpOutIp, s.pReceiverIP, sizeof(m_rtpOutIp));
     }
     if (report != 1) return 1;
     if (m_RtpPacket.unSeqNum % 100 == 0)
@@ -197,9 +203,21 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     uint32_t position = Pal_RingBufGetTimeStamp(rb) + seconds;
     if (position == lastReportedProgress) return 1;
     debug_UI("xxxseek send rtp  nRecv:%d notify+++ %u", nRcv, position);
-    _notify(AVMSG_PLAY_PROGRESS, m_groupId, position, 0, 0);
+    // Raised by the stream thread once the pass is over and no lock is held.
+    m_pendingProgress = position;
+    m_bProgressDue = true;
     lastReportedProgress = position;
     return 1;
+}
+
+void CAVStreamer::_send_ready_packet(int index) {
+    if (m_rtpOutSock < 0) return;
+    int sent = PAL_SockWrite(m_rtpOutSock, PAL_SOCK_UDP, m_pSendBuf,
+                             AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE, m_rtpOutIp, m_rtpOutPort);
+    if (sent == -1)
+        debug_UI("xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
+                 m_groupId, index, sent);
+    m_rtpOutSock = -1;
 }
 
 int CAVStreamer::AddRTPHeader(char* buf, RTP_PACKET packet) {

@@ -2,20 +2,27 @@
 // the socket on the multicast group, the RTP/RTCP sockets, the thread that
 // waits on all of them, the receivers' text requests and the replies.
 //
-// Allocates: the 1600-byte RTP send buffer, one RTP socket and one 409600-byte
-// ring buffer per accepted session (kept for reuse until ServerClose).
-// Runs on: ServerListenThread (requests, accepts, time-outs); the caller's
+// Allocates: the 1600-byte RTP send buffer, one RTP socket, one 409600-byte
+// ring buffer and one 64 KB outgoing queue per accepted session (kept for
+// reuse until ServerClose, the queue until the object goes).
+// Runs on: ServerListenThread (requests, accepts, time-outs, and every send
+// on a control connection: it is the one writer of each); the caller's
 // thread for init/open/close.
-// Locks: one session `_lpmutex` at a time, never across select(); events of
-// a request are raised after its lock is released.
+// Locks: one session `_lpmutex` at a time, only to read or change the
+// session; never across poll(), a socket call or an event. Accepted
+// connections are non-blocking, so a receiver that stops reading holds up
+// nobody: its queue fills and it is dropped (AV_OUT_QUEUE_SIZE,
+// AV_OUT_STALL_MS), as is a receiver that connects but never asks to PLAY
+// within AV_ACCEPT_WAIT_MS of its search.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <unistd.h>
 
 #include "AVStreamer.h"
 
@@ -147,6 +154,12 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
     }
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     const AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[index];
+    if (s.pOutQ == nullptr) s.pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
+    if (s.pOutQ == nullptr || PAL_SetBlockingMode(conn, 0) != 0) {
+        PAL_MutexUnLock(s._lpmutex);
+        PAL_SockClose(conn);
+        return;
+    }
     if (s._rtp_sock < 0) {
         int rtp = PAL_SockCreate(PAL_SOCK_UDP);
         if (rtp == -1) {
@@ -176,6 +189,9 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
         s.NumChannels = 1;
     m_NumChannels = s.NumChannels;
     s.hTcpClientSock = conn;
+    s.outHead = s.outTail = 0;
+    s.outFault = AV_OUT_FAULT_NONE;
+    s.bReachedPlay = false;
     if (s.pFD == nullptr) s.pFD = Pal_RingBufCreate(RING_BUFFER_TOTAL_SIZE);
     if (s.pFD != nullptr) Pal_RingBufReset(s.pFD);
     m_AVRcvSessInfo.nAVRcvSessCnt++;
@@ -191,72 +207,225 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
     }
 }
 
-void CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
+// Milliseconds from now until deadline (at least 1), or keeps *wait when
+// that is sooner.
+static void sooner(unsigned int* wait, unsigned int now, unsigned int deadline) {
+    int left = (int)(deadline - now);
+    unsigned int ms = left < 1 ? 1u : (unsigned int)left;
+    if (ms < *wait) *wait = ms;
+}
+
+// The connection deadlines: the late start of the stream, receivers that
+// never connect and receivers that connect but never reach PLAY. Returns the
+// milliseconds until the next deadline (the poll bound).
+unsigned int CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
     unsigned int now = PAL_GetClock();
+    unsigned int wait = 1000;
     int sessCnt = m_AVRcvSessInfo.nAVRcvSessCnt;
     // Some receivers are slow or gone: start with those that came.
-    if (!*rtpStarted && sessCnt > 0 && sessCnt < _receiver_count() &&
-        now - m_unSearchBaseClock > AV_SEARCH_WAIT_MS) {
-        AddRtpStreamer();
-        int maxIdx = m_max_idx;
-        for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
-            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-            PAL_MutexLock(s._lpmutex, 1);
-            if (!s.bActive) m_AVReceiverInfo.AVReceiver[i].bIsSync = 0;
-            PAL_MutexUnLock(s._lpmutex);
+    if (!*rtpStarted && sessCnt > 0 && sessCnt < _receiver_count()) {
+        if (now - m_unSearchBaseClock > AV_SEARCH_WAIT_MS) {
+            AddRtpStreamer();
+            int maxIdx = m_max_idx;
+            for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+                AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+                PAL_MutexLock(s._lpmutex, 1);
+                if (!s.bActive) m_AVReceiverInfo.AVReceiver[i].bIsSync = 0;
+                PAL_MutexUnLock(s._lpmutex);
+            }
+            *rtpStarted = true;
+        } else {
+            sooner(&wait, now, m_unSearchBaseClock + AV_SEARCH_WAIT_MS + 1);
         }
-        *rtpStarted = true;
     }
-    // Receivers that never connected after being searched are dropped.
+    // Receivers that never connected after being searched are dropped, and
+    // so are those that connected but have not asked to PLAY by the same
+    // limit: the stream thread waits for nobody beyond it. Events go out
+    // after the lock is released.
     int maxIdx = m_max_idx;
     for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
+        char ip[AV_IP_LEN] = {0};
+        int left = -1;
+        bool noShow = false;
         PAL_MutexLock(s._lpmutex, 1);
-        if (r.bActive && !s.bActive && r.SearchTs != 0 && now - r.SearchTs > AV_ACCEPT_WAIT_MS) {
-            _notify(AVMSG_RECEIVER_RESET, (intptr_t)r.pReceiverIP, 0, 0, 0);
-            memset(&r, 0, sizeof(r));
-            int left = _receiver_count_add(-1);
-            int top = i + 1;
-            m_max_idx.compare_exchange_strong(top, i);
-            if (left == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+        bool waiting = r.bActive && r.SearchTs != 0 && !s.bReachedPlay;
+        unsigned int deadline = r.SearchTs + AV_ACCEPT_WAIT_MS;
+        if (waiting && now - r.SearchTs > AV_ACCEPT_WAIT_MS) {
+            if (!s.bActive) {
+                memcpy(ip, r.pReceiverIP, sizeof(ip) - 1);
+                memset(&r, 0, sizeof(r));
+                left = _receiver_count_add(-1);
+                int top = i + 1;
+                m_max_idx.compare_exchange_strong(top, i);
+            } else {
+                noShow = true;
+            }
+        } else if (waiting) {
+            sooner(&wait, now, deadline + 1);
         }
         PAL_MutexUnLock(s._lpmutex);
+        if (noShow) _drop_session(i, "no PLAY within the no-show limit");
+        if (left < 0) continue;
+        _notify(AVMSG_RECEIVER_RESET, (intptr_t)ip, 0, 0, 0);
+        if (left == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
     }
+    return wait;
+}
+
+void CAVStreamer::_wake_server() {
+    if (m_wakeFd[1] < 0) return;
+    char c = 1;
+    // A full pipe already holds a wake-up.
+    if (write(m_wakeFd[1], &c, 1) < 0) return;
+}
+
+void CAVStreamer::_close_stale_sockets() {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        int sock = m_AVRcvSessInfo.AVRcvSess[i].hStaleSock.exchange(-1);
+        if (sock >= 0) PAL_SockClose(sock);
+    }
+}
+
+// Sends what session index's queue holds, as far as the socket takes it.
+// Runs on the control-server thread only, which is also the only closer of
+// control connections: the descriptor taken under the lock stays valid, and
+// the queued bytes are not touched by appends. False on a failed write.
+bool CAVStreamer::_flush_session(int index) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    PAL_MutexLock(s._lpmutex, 1);
+    int sock = s.hTcpClientSock;
+    uint32_t head = s.outHead;
+    uint32_t tail = s.outTail;
+    const char* q = s.pOutQ;
+    PAL_MutexUnLock(s._lpmutex);
+    if (sock < 0 || q == nullptr || head == tail) return true;
+    uint32_t sent = head;
+    bool failed = false;
+    while (sent != tail) {
+        uint32_t at = sent & (AV_OUT_QUEUE_SIZE - 1);
+        uint32_t chunk = tail - sent;
+        if (chunk > AV_OUT_QUEUE_SIZE - at) chunk = AV_OUT_QUEUE_SIZE - at;
+        ssize_t n = send(sock, q + at, chunk, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            sent += (uint32_t)n;
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            failed = n < 0 && errno != EAGAIN && errno != EWOULDBLOCK;
+            break;
+        }
+    }
+    PAL_MutexLock(s._lpmutex, 1);
+    if (s.hTcpClientSock == sock) {  // not released meanwhile
+        if (sent != head) {
+            s.outHead = sent;
+            s.outProgressClock = PAL_GetClock();
+        }
+        if (failed) s.outFault = AV_OUT_FAULT_ERROR;
+    }
+    PAL_MutexUnLock(s._lpmutex);
+    return !failed;
+}
+
+// Drops a receiver that holds the group up, as one that never connected:
+// its slot is released, its connection closed, AVMSG_RECEIVER_RESET raised.
+void CAVStreamer::_drop_session(int index, const char* why) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    char ip[AV_IP_LEN] = {0};
+    PAL_MutexLock(s._lpmutex, 1);
+    bool active = s.bActive;
+    if (active) {
+        memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
+        s.ServerState = AV_STREAMER_STATE_BYE;
+        _receiver_release_l(index);
+    }
+    s.outFault = AV_OUT_FAULT_NONE;
+    int left = _receiver_count();
+    PAL_MutexUnLock(s._lpmutex);
+    if (!active) return;
+    debug_UI("[AVStreamer m_groupId : %d] receiver %s dropped: %s", m_groupId, ip, why);
+    _close_stale_sockets();
+    _notify(AVMSG_RECEIVER_RESET, (intptr_t)ip, 0, 0, 0);
+    if (left == 0) _notify(AVMSG_SERVICE_STOP, m_groupId, 0, 0, 0);
+}
+
+// Flushes every queue and drops the receivers that stopped taking their
+// bytes. Returns the milliseconds until the next stall deadline.
+unsigned int CAVStreamer::_check_sessions() {
+    unsigned int wait = 1000;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        if (s.hTcpClientSock < 0) continue;
+        _flush_session(i);
+        unsigned int now = PAL_GetClock();
+        PAL_MutexLock(s._lpmutex, 1);
+        int fault = s.outFault;
+        bool pending = s.outHead != s.outTail;
+        unsigned int since = s.outProgressClock;
+        PAL_MutexUnLock(s._lpmutex);
+        if (fault == AV_OUT_FAULT_OVERFLOW) {
+            _drop_session(i, "its control queue overflowed (it does not read)");
+        } else if (fault == AV_OUT_FAULT_ERROR) {
+            _drop_session(i, "its control connection failed");
+        } else if (pending && now - since > AV_OUT_STALL_MS) {
+            _drop_session(i, "it took no byte of its control queue for 3000 ms");
+        } else if (pending) {
+            sooner(&wait, now, since + AV_OUT_STALL_MS + 1);
+        }
+    }
+    return wait;
 }
 
 int CAVStreamer::ServerListenThread(void* param) {
     CAVStreamer* self = (CAVStreamer*)param;
     debug_UI("ServerListenThread+++");
-    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-        self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock = -1;
-    int listener = self->m_TcpSvr.nSock;
-    int mcast = self->m_MulticastSvr.nSock;
-    int maxFd = listener > mcast ? listener : mcast;
+    AV_RCV_SESS* sess = self->m_AVRcvSessInfo.AVRcvSess;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) sess[i].hTcpClientSock = -1;
+    enum { LISTENER, MCAST, WAKE, FIRST_SESSION };
+    struct pollfd fds[FIRST_SESSION + AV_MAX_RECEIVER];
+    int owner[FIRST_SESSION + AV_MAX_RECEIVER];
     bool rtpStarted = false;
+    unsigned int waitMs = 0;
     while (!self->m_bSerExit) {
-        fd_set rs;
-        FD_ZERO(&rs);
-        if (listener >= 0 && listener < FD_SETSIZE) FD_SET(listener, &rs);
-        if (mcast >= 0 && mcast < FD_SETSIZE) FD_SET(mcast, &rs);
+        fds[LISTENER] = {self->m_TcpSvr.nSock, POLLIN, 0};
+        fds[MCAST] = {self->m_MulticastSvr.nSock, POLLIN, 0};
+        fds[WAKE] = {self->m_wakeFd[0], POLLIN, 0};
+        int n = FIRST_SESSION;
         for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-            int sock = self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock;
-            if (sock < 0 || sock >= FD_SETSIZE) continue;
-            FD_SET(sock, &rs);
-            if (sock > maxFd) maxFd = sock;
+            PAL_MutexLock(sess[i]._lpmutex, 1);
+            int sock = sess[i].hTcpClientSock;
+            bool pending = sess[i].outHead != sess[i].outTail;
+            PAL_MutexUnLock(sess[i]._lpmutex);
+            if (sock < 0) continue;
+            fds[n] = {sock, (short)(POLLIN | (pending ? POLLOUT : 0)), 0};
+            owner[n++] = i;
         }
-        struct timeval tv = {0, 200 * 1000};
-        if (select(maxFd + 1, &rs, nullptr, nullptr, &tv) <= 0) FD_ZERO(&rs);
+        // Bounded by the next deadline; a command queued by another thread,
+        // a release or the close wakes it through the pipe.
+        if (poll(fds, (nfds_t)n, (int)waitMs) < 0)
+            for (int k = 0; k < n; k++) fds[k].revents = 0;
 
-        if (listener >= 0 && listener < FD_SETSIZE && FD_ISSET(listener, &rs))
-            self->_accept_receiver(&rtpStarted);
-        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-            int sock = self->m_AVRcvSessInfo.AVRcvSess[i].hTcpClientSock;
-            if (sock >= 0 && sock < FD_SETSIZE && FD_ISSET(sock, &rs)) self->OnTcpCmdRead(i, &rs);
+        if (fds[WAKE].revents & POLLIN) {
+            char drain[64];
+            while (read(self->m_wakeFd[0], drain, sizeof(drain)) > 0) {
+            }
         }
-        if (mcast >= 0 && mcast < FD_SETSIZE && FD_ISSET(mcast, &rs)) self->OnMulticastCmdRead();
-        self->_check_waiting_receivers(&rtpStarted);
+        self->_close_stale_sockets();
+        if (fds[LISTENER].revents & POLLIN) self->_accept_receiver(&rtpStarted);
+        for (int k = FIRST_SESSION; k < n; k++) {
+            if (fds[k].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))
+                self->OnTcpCmdRead(owner[k]);
+        }
+        if (fds[MCAST].revents & POLLIN) self->OnMulticastCmdRead();
+        waitMs = self->_check_waiting_receivers(&rtpStarted);
+        unsigned int stall = self->_check_sessions();
+        if (stall < waitMs) waitMs = stall;
     }
+    // Whatever was queued last (BYE, QUIT_SENDER) goes out if the socket
+    // takes it now; the close does not wait for it.
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) self->_flush_session(i);
     PAL_SemSignal(self->m_pSvrListenSem, 1);
     debug_UI("ServerListenThread---");
     return 0;
@@ -270,29 +439,43 @@ void CAVStreamer::_release_bye(int index) {
     PAL_MutexUnLock(s._lpmutex);
 }
 
-int CAVStreamer::OnTcpCmdRead(int index, fd_set* /*readSet*/) {
+// A control connection that ended (closed by the receiver, or failed: a
+// failed descriptor would otherwise wake every poll) releases its session.
+void CAVStreamer::_release_closed(int index, int sock) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    PAL_MutexLock(s._lpmutex, 1);
+    if (s.hTcpClientSock == sock) {
+        s.ServerState = AV_STREAMER_STATE_BYE;
+        if (s.bActive) _receiver_release_l(index);
+    }
+    PAL_MutexUnLock(s._lpmutex);
+}
+
+int CAVStreamer::OnTcpCmdRead(int index) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     char req[AV_TCP_REQ_BUF_SIZE] = {0};
     char ip[AV_IP_LEN] = {0};
     PAL_MutexLock(s._lpmutex, 1);
     int sock = s.hTcpClientSock;
-    if (sock < 0) {
-        PAL_MutexUnLock(s._lpmutex);
-        return 0;
-    }
-    int n = PAL_SockRead(sock, PAL_SOCK_TCP, req, AV_TCP_REQ_BUF_SIZE - 1);
+    memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
+    PAL_MutexUnLock(s._lpmutex);
+    // Read without the lock: this thread alone closes the descriptor.
+    if (sock < 0) return 0;
+    ssize_t n = recv(sock, req, AV_TCP_REQ_BUF_SIZE - 1, MSG_DONTWAIT);
     if (n == 0) {
         debug_UI("xxxcheck socket read 0  sockfd %d", sock);
-        s.ServerState = AV_STREAMER_STATE_BYE;
-        if (s.bActive) _receiver_release_l(index);
+        _release_closed(index, sock);
+        return 0;
     }
-    if (n <= 0) {
-        PAL_MutexUnLock(s._lpmutex);
+    if (n < 0) {
+        int err = errno;
+        if (err != EAGAIN && err != EWOULDBLOCK && err != EINTR) {
+            debug_UI("xxxcheck socket read error %s sockfd %d", strerror(err), sock);
+            _release_closed(index, sock);
+        }
         return 0;
     }
     req[n] = 0;
-    memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
-    PAL_MutexUnLock(s._lpmutex);
     debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, index);
 
     if (strstr(req, "LEAVE") != nullptr) {
@@ -385,6 +568,7 @@ int CAVStreamer::OnTcpCmdRead(int index, fd_set* /*readSet*/) {
         PAL_MutexLock(s._lpmutex, 1);
         s.ServerState = AV_STREAMER_STATE_PLAY;
         s.bIsPlayable = true;
+        s.bReachedPlay = true;
         int volume = m_AVReceiverInfo.AVReceiver[index]._volume;
         PAL_MutexUnLock(s._lpmutex);
         SendResponse(index, cseq);
@@ -487,6 +671,7 @@ static void close_server_sock(AV_STREAMER_SOCK* s) {
 }
 
 int CAVStreamer::ServerClose() {
+    _wake_server();  // the control server sees m_bSerExit now, not at its next deadline
     wait_and_delete_sem(&m_pMusicSrcSem);
     debug_UI("ServerClose ServerListen Thread quit2");
     wait_and_delete_sem(&m_pSvrListenSem);
@@ -502,20 +687,22 @@ int CAVStreamer::ServerClose() {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         PAL_MutexLock(s._lpmutex, 1);
         int sock = s.hTcpClientSock;
-        if (sock >= 0) {
-            PAL_SetBlockingMode(sock, 1);
-            PAL_SockClose(sock);
-        }
         s.hTcpClientSock = -1;
+        if (sock >= 0) s.hStaleSock = sock;
+        // A leave still waiting for this receiver's BYE_ACK (discovery's
+        // EXIT path) ends now instead of at its time-out.
+        if (s.bActive) s.ServerState = AV_STREAMER_STATE_BYE;
+        s.outHead = s.outTail = 0;
         PAL_RINGBUF* rb = s.pFD;
         if (rb != nullptr) Pal_RingBufClose(rb);
         s.pFD = nullptr;
-        PAL_MutexUnLock(s._lpmutex);
-        if (s._lpmutex != nullptr) PAL_MutexDelete(s._lpmutex);
-        s._lpmutex = nullptr;
-        if (s._rtp_sock >= 0) PAL_SockClose(s._rtp_sock);
+        int rtp = s._rtp_sock;
         s._rtp_sock = -1;
+        PAL_MutexUnLock(s._lpmutex);
+        // The mutex stays: discovery may still ask for this receiver.
+        if (rtp >= 0) PAL_SockClose(rtp);
     }
+    _close_stale_sockets();
 
     close_server_sock(&m_TcpSvr);
     if (m_MulticastSvr.nSock > 0) PAL_SockLeaveGroup(m_MulticastSvr.nSock, m_pMulticastIP, m_pMyIP);

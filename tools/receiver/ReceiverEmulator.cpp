@@ -135,6 +135,7 @@ public:
     std::vector<long long> margins;  // us
     std::vector<long long> lates;    // us, arrival against the packet's place in the schedule
     bool refuseConnect, stopReading, answerBye, answerDiscovery, dropRequested;
+    bool floodDescribe, stopAtSetup;
     unsigned int lastJoinTs;
 
 private:
@@ -157,6 +158,7 @@ private:
     void _error_l(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void _verror_l(const char* fmt, va_list ap);
     void _step_l(int state);
+    void _flood_describe();
 
     std::thread m_worker;
     std::atomic<bool> m_exit;
@@ -187,6 +189,8 @@ ReceiverEmulator::Impl::Impl(ReceiverConfig* c)
       answerBye(true),
       answerDiscovery(true),
       dropRequested(false),
+      floodDescribe(false),
+      stopAtSetup(false),
       lastJoinTs(0),
       m_exit(false),
       m_groupSock(-1),
@@ -339,18 +343,20 @@ void ReceiverEmulator::Impl::Wake() {
 
 void ReceiverEmulator::Impl::_worker() {
     while (!m_exit) {
-        bool reading, drop;
+        bool reading, drop, flood;
         {
             std::lock_guard<std::mutex> g(lock);
-            reading = !stopReading;
+            reading = !stopReading && !floodDescribe;
             drop = dropRequested;
             dropRequested = false;
+            flood = floodDescribe;
         }
         if (drop) _close_ctrl("dropped by request");
+        if (flood) _flood_describe();
         struct pollfd pfd[6] = {{m_wake[0], POLLIN, 0},  {m_groupSock, POLLIN, 0},
                                 {m_uniSock, POLLIN, 0},  {m_rtpSock, POLLIN, 0},
                                 {m_rtcpSock, POLLIN, 0}, {reading ? m_ctrlSock : -1, POLLIN, 0}};
-        int r = poll(pfd, 6, 50);
+        int r = poll(pfd, 6, flood ? 1 : 50);
         if (r > 0) {
             if (pfd[0].revents & POLLIN) _drain(m_wake[0]);
             if (pfd[1].revents & POLLIN) _on_group_datagram(m_groupSock);
@@ -366,6 +372,16 @@ void ReceiverEmulator::Impl::_worker() {
             rep.handshakeErrors++;
             m_deadline = 0;
         }
+    }
+}
+
+// One burst of DESCRIBE requests, as many as the socket takes at once.
+void ReceiverEmulator::Impl::_flood_describe() {
+    static const char kDescribe[] = "DESCRIBE rtsp://flood/ RTSP/1.0\r\nCSeq: 7\r\n\r\n";
+    std::lock_guard<std::mutex> w(m_writeLock);
+    for (int i = 0; i < 64 && m_ctrlSock >= 0; i++) {
+        if (send(m_ctrlSock, kDescribe, sizeof(kDescribe) - 1, MSG_NOSIGNAL | MSG_DONTWAIT) <= 0)
+            break;
     }
 }
 
@@ -713,6 +729,12 @@ void ReceiverEmulator::Impl::_on_reply(const std::string& msg) {
                  rx_local_port(m_rtpSock), rx_local_port(m_rtcpSock));
         _send_request("SETUP", extra);
     } else if (next == RX_HS_WAIT_PLAY) {
+        std::unique_lock<std::mutex> g(lock);
+        if (stopAtSetup) {
+            m_deadline = 0;  // silent on purpose: not a handshake error
+            return;
+        }
+        g.unlock();
         _send_request("PLAY", "");
     }
 }
@@ -1217,4 +1239,10 @@ void ReceiverEmulator::SetAnswerBye(bool on) {
 }
 void ReceiverEmulator::SetAnswerDiscovery(bool on) {
     m->SetFlag(&Impl::answerDiscovery, on);
+}
+void ReceiverEmulator::SetFloodDescribe(bool on) {
+    m->SetFlag(&Impl::floodDescribe, on);
+}
+void ReceiverEmulator::SetStopAtSetup(bool on) {
+    m->SetFlag(&Impl::stopAtSetup, on);
 }

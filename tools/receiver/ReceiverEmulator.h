@@ -201,6 +201,10 @@ public:
     void SetStopReading(bool on);      // stop reading the control connection
     void SetAnswerBye(bool on);        // answer BYE with BYE_ACK (default on)
     void SetAnswerDiscovery(bool on);  // answer DEVICE requests (default on)
+    // A receiver that stops reading its control connection and floods it
+    // with DESCRIBE requests as fast as the socket takes them.
+    void SetFloodDescribe(bool on);
+    void SetStopAtSetup(bool on);  // answer SETUP's reply with silence: never PLAY
 
     class Impl;
 

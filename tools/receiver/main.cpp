@@ -64,6 +64,9 @@ const char kHelp[] =
     "  --drop-after SEC    drop the connection SEC seconds after start\n"
     "  --refuse-connect    never connect (a speaker that is switched off)\n"
     "  --no-bye-ack        never answer BYE\n"
+    "  --stop-at-setup     never ask to PLAY (stop after SETUP)\n"
+    "  --flood-describe    once playing, stop reading the connection and flood it\n"
+    "                      with DESCRIBE requests\n"
     "  --no-timesync       do not synchronise the clock\n"
     "  --clock-offset-us N give the own clock an artificial offset\n"
     "  --clock-drift-ppm N and an artificial drift (parts per million, +-1000)\n"
@@ -104,7 +107,7 @@ struct RunOptions {
     long long leaveAfterS;  // send LEAVE after this long (0 = never)
     long long dropAfterS;   // drop the control connection after this long (0 = never)
     std::string json;       // "" = standard output
-    bool join, quiet, refuseConnect, noByeAck;
+    bool join, quiet, refuseConnect, noByeAck, floodDescribe, stopAtSetup;
     bool play;           // --play: to a sound device
     std::string device;  // its ALSA name ("" = default)
 };
@@ -193,7 +196,9 @@ bool apply_flag(ReceiverConfig* cfg, RunOptions* run, const char* opt) {
     } flags[] = {{"--join", &run->join},
                  {"--quiet", &run->quiet},
                  {"--refuse-connect", &run->refuseConnect},
-                 {"--no-bye-ack", &run->noByeAck}};
+                 {"--no-bye-ack", &run->noByeAck},
+                 {"--flood-describe", &run->floodDescribe},
+                 {"--stop-at-setup", &run->stopAtSetup}};
     for (auto& f : flags) {
         if (strcmp(opt, f.name) == 0) {
             *f.flag = true;
@@ -271,7 +276,7 @@ int main(int argc, char** argv) {
         ReceiverConfigDefaults(&cfg, address ? address : "");
     }
     cfg.keepPcm = false;  // the stream goes to the WAV file, if any, not to memory
-    RunOptions run = {0, 0, 0, "", false, false, false, false, false, ""};
+    RunOptions run = {0, 0, 0, "", false, false, false, false, false, false, false, ""};
     for (int i = 1; i < argc; i++) {
         const char* opt = argv[i];
         if (strcmp(opt, "--help") == 0 || strcmp(opt, "-h") == 0) {
@@ -321,6 +326,7 @@ int main(int argc, char** argv) {
     clock.rx = &rx;
     rx.SetRefuseConnect(run.refuseConnect);
     rx.SetAnswerBye(!run.noByeAck);
+    rx.SetStopAtSetup(run.stopAtSetup);
     if (player && player->Start() != 0) {
         fprintf(stderr, "sonvara-receiver: cannot start the player\n");
         return 1;
@@ -335,7 +341,7 @@ int main(int argc, char** argv) {
     signal(SIGTERM, on_signal);
     if (run.join) rx.SendJoin(0, 3);
     long long start = PAL_GetBootTimeUsec();
-    bool left = false, dropped = false;
+    bool left = false, dropped = false, flooding = false;
     for (;;) {
         long long elapsed = PAL_GetBootTimeUsec() - start;
         if (g_stop || (run.durationS && elapsed >= run.durationS * 1000000LL)) break;
@@ -346,6 +352,10 @@ int main(int argc, char** argv) {
         if (run.dropAfterS && !dropped && elapsed >= run.dropAfterS * 1000000LL) {
             dropped = true;
             rx.DropConnection();
+        }
+        if (run.floodDescribe && !flooding && rx.Report().handshake == RX_HS_PLAYING) {
+            flooding = true;
+            rx.SetFloodDescribe(true);
         }
         PAL_ThreadSleep(200);
         if (!run.quiet && elapsed / 200000 % 5 == 0) print_status(rx);

@@ -1,0 +1,52 @@
+// The sonvara-receiver command as a test peer: where it is built, and a
+// child process of it that a test can stop (SIGSTOP) like a speaker that
+// vanishes without closing anything. Header only.
+#ifndef RECEIVERPROCESS_H
+#define RECEIVERPROCESS_H
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+// build/tools/sonvara-receiver, found from this test executable (build/tests/).
+inline std::string receiver_command() {
+    char self[512] = {0};
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
+    dir = dir.substr(0, dir.rfind('/'));
+    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
+}
+
+// One sonvara-receiver on its own address, quiet, killed with the object.
+class ReceiverProcess {
+public:
+    explicit ReceiverProcess(const char* address) {
+        std::string cmd = receiver_command();
+        m_pid = fork();
+        if (m_pid == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl(cmd.c_str(), cmd.c_str(), "--address", address, "--quiet", "--duration", "120",
+                  (char*)nullptr);
+            _exit(127);
+        }
+    }
+    ~ReceiverProcess() {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    ReceiverProcess(const ReceiverProcess&) = delete;
+    ReceiverProcess& operator=(const ReceiverProcess&) = delete;
+    bool Started() const { return m_pid > 0; }
+    int Signal(int sig) { return kill(m_pid, sig); }
+
+private:
+    pid_t m_pid;
+};
+
+#endif
