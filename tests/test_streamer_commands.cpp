@@ -211,3 +211,29 @@ TEST_F(StreamerCommands, PlaybackCommandsFollowTheStateTableAndBroadcastRules) {
     st->AVStreamerSeek(1);                            // refused after stop
     expectAll("", {});
 }
+
+// Discovery's EXIT handling takes a receiver out of its stream (a leave that
+// waits for BYE_ACK) while the application closes that stream: the two meet
+// on the session mutexes, the queue and the connection, in every order.
+TEST_F(StreamerCommands, CloseRacingAnExitOfAPlayingMemberIsSafe) {
+#if defined(__SANITIZE_THREAD__)
+    const int kRounds = 500;
+#else
+    const int kRounds = 50;  // the ThreadSanitizer build runs the full 500
+#endif
+    for (int round = 0; round < kRounds; round++) {
+        CAVStreamer* s = new CAVStreamer(&EventLog::Notify, &events, 42);
+        PrepareStreamer(s, {{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}});
+        s->m_unSearchBaseClock = NowMs();
+        ASSERT_EQ(0, OpenServer(s, kTcpPort, kRtpPort));
+        ScriptedReceiver rx("127.0.0.2");
+        ASSERT_TRUE(rx.Connect(kTcpPort));
+        ASSERT_EQ(5u, rx.Handshake().size());
+        ASSERT_TRUE(WaitUntil([&] { return s->m_bStreamReady.load(); }));
+        std::thread exitPath([&] { s->AVStreamerReceiverOut("127.0.0.2"); });
+        if (round % 2) PAL_ThreadSleep(round % 7);
+        CloseServer(s);
+        exitPath.join();
+        delete s;
+    }
+}
