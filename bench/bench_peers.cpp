@@ -345,8 +345,9 @@ int main(int argc, char** argv) {
     g_log = g_dir + "/peers.log";
     // Long enough for the app's search, the warm-up and the window.
     int seconds = (int)g_window + 8;
-    std::string wav = bench_make_wav("bench_peers", seconds);
-    std::string mp3 = bench_make_mp3("bench_peers_mp3", seconds, "");
+    std::string stem = "bench_peers_" + std::to_string(getpid());  // runs may overlap
+    std::string wav = bench_make_wav(stem.c_str(), seconds);
+    std::string mp3 = bench_make_mp3((stem + "_mp3").c_str(), seconds, "");
     std::string pcm = g_dir + "/snap.pcm";
     std::string cmd = "sox '" + wav + "' -t raw '" + pcm + "' 2>>" + g_log;
     if (wav.empty() || mp3.empty() || system(cmd.c_str()) != 0) return 1;

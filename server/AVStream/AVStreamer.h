@@ -396,6 +396,8 @@ private:
     // Milliseconds of PCM that bytes of the sent stream play for (0 when the
     // music format is not known).
     uint64_t _pcm_bytes_to_ms(uint64_t bytes);
+    // PAL_GetClock() value at which the next packet is due.
+    unsigned int _next_due_clock();
 };
 
 #endif

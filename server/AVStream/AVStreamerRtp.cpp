@@ -98,11 +98,20 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
             self->m_szSent += AV_STREAM_PACKET_SIZE;
             self->commonSeqNum++;
         }
-        PAL_ThreadSleep(2);
+        // Asleep until the next packet is due (at once when late, so that a
+        // late pass is caught up on); a seek, pause or exit is seen there,
+        // at most one packet's time (7.9 ms at 44.1 kHz) after it was asked.
+        PAL_ThreadSleepUntil(self->_next_due_clock());
     }
     PAL_SemSignal(self->m_pRtpSvrSem, 1);
     debug_UI("RtpStreamThread---");
     return 0;
+}
+
+unsigned int CAVStreamer::_next_due_clock() {
+    uint64_t rate = (uint64_t)m_AVMusicInfo.SampleRate * 2 * m_AVMusicInfo.BytesPerSample;
+    if (rate == 0) return PAL_GetClock() + 2;  // no stream clock: the old 2 ms step
+    return m_unSvrStartClock + (unsigned int)_pcm_bytes_to_ms(m_szSent);
 }
 
 void CAVStreamer::_serve_session_l(int index, unsigned char* reportFlag) {

@@ -916,12 +916,12 @@ void ReceiverEmulator::Impl::_on_rtp() {
             long long masterMs = master / 1000;
             long long diffMs = (int)(ts - (unsigned int)masterMs);
             margins.push_back(diffMs * 1000 - master % 1000);
-            // The packet's due time to the microsecond: the first timestamp
-            // plus the sequence's position (a timestamp alone is cut to ms).
-            long long sinceFirstMs = (int)((unsigned int)masterMs - rep.firstTimestamp);
-            lates.push_back(sinceFirstMs * 1000 + master % 1000 -
-                            (ext - m_firstExtSeq) * kRtpPayloadLen * 1000000LL / bps);
         }
+        // Arrival on the own clock against the packet's place in the schedule
+        // (its sequence's position, to the microsecond): only differences
+        // count, so no clock estimate that may still be settling comes in.
+        if (lates.size() < kMaxMargins)
+            lates.push_back(local - (ext - m_firstExtSeq) * kRtpPayloadLen * 1000000LL / bps);
         keep = cfg->keepPcm && pcm.size() + kRtpPayloadLen <= cfg->pcmLimitBytes;
         if (keep) pcm.insert(pcm.end(), payload, payload + kRtpPayloadLen);
         changed.notify_all();

@@ -141,9 +141,9 @@ struct ReceiverReport {
     // (how early a packet came). p99: 99 % of packets came at least this early.
     unsigned int marginCount;
     double marginMinMs, marginMedianMs, marginP99Ms;
-    // Lateness: arrival (master clock) minus the packet's due time from its
-    // sequence number, taken relative to the earliest packet, ms. Shows how
-    // steadily the sender paces, whatever its fixed delay.
+    // Lateness: arrival minus the packet's due time from its sequence
+    // number, relative to the earliest packet, ms. Shows how steadily the
+    // sender paces, whatever its fixed delay.
     double latenessMedianMs, latenessP99Ms, latenessMaxMs;
     // The last errors, oldest first (cut to 127 bytes each).
     enum { kMaxErrors = 16 };
