@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "netns_rig.h"
+
 // build/tools/sonvara-receiver, found from this test executable (build/tests/).
 inline std::string receiver_command() {
     char self[512] = {0};
@@ -30,8 +32,11 @@ public:
             int null = open("/dev/null", O_RDWR);
             dup2(null, 1);
             dup2(null, 2);
-            execl(cmd.c_str(), cmd.c_str(), "--address", address, "--quiet", "--duration", "120",
-                  (char*)nullptr);
+            // In a cross build the command runs under the emulator.
+            const char* args[] = {sonvara_emulator(), cmd.c_str(),  "--address", address,
+                                  "--quiet",          "--duration", "120",       nullptr};
+            const char** argv = args[0] ? args : args + 1;
+            execv(argv[0], const_cast<char* const*>(argv));
             _exit(127);
         }
     }
