@@ -1,6 +1,6 @@
 // The receiver emulator against a scripted sender on loopback. The engine's
-// tests trust what it reports, the bytes it captures and its fault switches,
-// so each of those is checked here against traffic written by hand.
+// tests and the demo trust the bytes it sends, what it captures and what it
+// reports, so each of those is checked here against traffic written by hand.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -14,7 +14,6 @@
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
-#include "tool_path.h"
 
 namespace {
 
@@ -133,7 +132,7 @@ void send_rtp(int sock, const struct sockaddr_in& to, unsigned int seq, unsigned
 
 }  // namespace
 
-TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndFaultSwitches) {
+TEST(ReceiverEmulator, DiscoveryAnnouncementsAndRequestsByteForByte) {
     int group = rx_udp_group("224.1.2.4", 1234, "127.0.0.1");
     ASSERT_GE(group, 0);
     const std::string name =
@@ -189,7 +188,6 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndFaultSwitches) {
     EXPECT_FALSE(tx.Accept(nullptr, 500)) << "an unlisted receiver connected";
 
     // Requests on the connection; LEAVE carries the last JOIN's REQ_TS.
-    EXPECT_EQ(-1, rx2.SendAlived()) << "no connection";
     ASSERT_EQ(0, rx3.SendLeave());
     ASSERT_EQ(0, rx3.SendTeardown());
     ASSERT_EQ(0, rx3.SendVolumeChanged(4));
@@ -198,36 +196,13 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndFaultSwitches) {
         "LEAVE\r\nREQ_TS: 555\r\n\r\nTEARDOWN RTSP/1.0\r\n\r\nVOLUME_CHANGED "
         "4\r\n\r\nALIVED\r\n\r\n",
         read_until(tx.conn, "ALIVED\r\n\r\n"));
-
-    // Stopped reading: commands wait in the socket until reading resumes.
-    rx3.SetStopReading(true);
-    PAL_ThreadSleep(100);
-    send_text(tx.conn, "VOLUME: 3\r\n\r\n");
-    EXPECT_FALSE(rx3.WaitForCommand("VOLUME", 300));
-    rx3.SetStopReading(false);
-    EXPECT_TRUE(rx3.WaitForCommand("VOLUME", 3000));
-
-    // Dropped connection: the sender reads end of stream.
-    rx3.DropConnection();
-    ASSERT_EQ(1, rx_wait_readable(tx.conn, 3000));
-    char c;
-    EXPECT_EQ(0, recv(tx.conn, &c, 1, 0));
-    EXPECT_TRUE(rx3.WaitForDisconnect(3000));
-
-    // Refusing: a SEARCH listing it brings no connection, a DEVICE request no answer.
-    rx3.SetRefuseConnect(true);
-    rx3.SetAnswerDiscovery(false);
-    tx.SendTo(tx.Search({"127.0.0.3"}), "127.0.0.3");  // unicast, to its own port
-    EXPECT_FALSE(tx.Accept(nullptr, 500));
-    tx.SendTo("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
-    EXPECT_EQ(0, rx_wait_readable(answers, 500));
     close(answers);
 
     ReceiverReport r2 = rx2.Report(), r3 = rx3.Report();
     EXPECT_EQ(1u, r2.deviceRequests);
     EXPECT_EQ(1u, r3.deviceRequests);
     EXPECT_EQ(0u, r2.searchesForMe);
-    EXPECT_EQ(2u, r3.searchesForMe);
+    EXPECT_EQ(1u, r3.searchesForMe);
     EXPECT_EQ(1u, r3.connects);
     EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
 }
@@ -290,57 +265,29 @@ TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
     ASSERT_EQ(20u * 1400, pcm.size());
     for (unsigned int s = 1; s <= 20; s++) EXPECT_EQ((unsigned char)(s + 12), pcm[(s - 1) * 1400]);
 
-    // Commands that want an answer, several in one read, answered in order.
-    send_text(tx.conn, "ALIVE\r\n\r\nCLOCK RTSP/1.0\r\n\r\nBYE RTSP/1.0\r\n\r\n");
-    std::string answers = read_until(tx.conn, "BYE_ACK\r\n\r\n");
-    size_t alived = answers.find("ALIVED\r\n\r\n"), clock = answers.find("Clock: ");
-    ASSERT_NE(std::string::npos, alived) << answers;
-    EXPECT_LT(alived, clock);
-    EXPECT_LT(clock, answers.find("BYE_ACK\r\n\r\n")) << answers;
-    // BYE switched off goes unanswered; garbage is reported, the rest recorded.
-    rx.SetAnswerBye(false);
-    send_text(tx.conn,
-              "BYE RTSP/1.0\r\n\r\nFROBNICATE\r\n\r\nVOLUME: loud\r\n\r\nSEEK\r\n\r\n"
-              "PAUSE\r\n\r\nRESUME\r\n\r\nQUIT_SENDER\r\n\r\n");
-    ASSERT_TRUE(rx.WaitForCommand("QUIT_SENDER", 3000));
-    EXPECT_EQ(0, rx_wait_readable(tx.conn, 300)) << "BYE answered although switched off";
-    r = rx.Report();
-    EXPECT_EQ(2u, r.protocolErrors);
-    EXPECT_EQ(15u, r.commands);
-
     close(tx.conn);  // the sender closing the connection is seen
     tx.conn = -1;
     EXPECT_TRUE(rx.WaitForDisconnect(3000));
     rx.Stop();
+    // The file: the canonical 44-byte header at the SDP's format, then the payloads.
+    std::string want = "RIFF";
+    auto le = [&want](unsigned int v, int bytes) {
+        for (int i = 0; i < bytes; i++) want += (char)(v >> (8 * i));
+    };
+    le(36 + (unsigned int)pcm.size(), 4);
+    want += "WAVEfmt ";
+    le(16, 4), le(1, 2), le(2, 2), le(22050, 4), le(22050 * 4, 4), le(4, 2), le(16, 2);
+    want += "data";
+    le((unsigned int)pcm.size(), 4);
+    want.append(pcm.begin(), pcm.end());
+    std::string file;
     FILE* f = fopen(path, "rb");
     ASSERT_NE(nullptr, f);
-    std::vector<unsigned char> file(44 + pcm.size() + 1);
-    size_t n = fread(file.data(), 1, file.size(), f);
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;) file.append(buf, n);
     fclose(f);
     unlink(path);
-    ASSERT_EQ(44 + pcm.size(), n);
-    // RIFF size, fmt size, PCM, 2 channels, rate, byte rate, block, bits, data size.
-    const struct {
-        int off, bytes;
-        unsigned int value;
-    } fields[] = {{4, 4, (unsigned int)(36 + pcm.size())},
-                  {16, 4, 16},
-                  {20, 2, 1},
-                  {22, 2, 2},
-                  {24, 4, 22050},
-                  {28, 4, 22050 * 4},
-                  {32, 2, 4},
-                  {34, 2, 16},
-                  {40, 4, (unsigned int)pcm.size()}};
-    for (const auto& fld : fields) {
-        unsigned int v = 0;
-        for (int i = fld.bytes - 1; i >= 0; i--) v = v << 8 | file[(size_t)(fld.off + i)];
-        EXPECT_EQ(fld.value, v) << "at " << fld.off;
-    }
-    EXPECT_EQ(0, memcmp(file.data(), "RIFF", 4));
-    EXPECT_EQ(0, memcmp(file.data() + 8, "WAVEfmt ", 8));
-    EXPECT_EQ(0, memcmp(file.data() + 36, "data", 4));
-    EXPECT_EQ(0, memcmp(file.data() + 44, pcm.data(), pcm.size()));
+    EXPECT_TRUE(want == file) << file.size() << " bytes";
 }
 
 TEST(ReceiverEmulator, RtpChecksCatchGapsWrongLengthAndPayloadType) {
@@ -460,36 +407,4 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
     EXPECT_LE(r.latenessMedianMs, r.latenessP99Ms);
     rx.Stop();
     TimeSyncInitiator_Delete();
-}
-
-TEST(ReceiverCommand, ABadOptionAndAJsonReportAsAChildProcess) {
-    ASSERT_EQ(0, access(tool_path("sonvara-receiver").c_str(), X_OK))
-        << tool_path("sonvara-receiver") << " is missing: build the whole tree";
-    std::string cmd = tool_command("sonvara-receiver");
-    EXPECT_EQ(
-        2, WEXITSTATUS(system((cmd + " --address 127.0.0.2 --volume loud 2>/dev/null").c_str())));
-    EXPECT_EQ(2, WEXITSTATUS(system((cmd + " --name x 2>/dev/null").c_str())));  // no address
-
-    // A real run (we are inside the test namespace): it answers discovery
-    // and reports it.
-    int answers = rx_udp_bind("127.0.0.1", 9092);
-    ASSERT_GE(answers, 0);
-    FILE* p = popen((cmd + " --address 127.0.0.8 --name Den --duration 2 --quiet").c_str(), "r");
-    ASSERT_NE(nullptr, p);
-    ScriptedSender tx;
-    std::string answer;
-    for (int i = 0; i < 40 && answer.empty(); i++) {  // until the child listens
-        tx.SendTo("DEVICE 127.0.0.1:9092\r\nGUID: g\r\nREQ_TS: 9\r\n", "127.0.0.8");
-        if (rx_wait_readable(answers, 100) == 1) answer = next_datagram(answers);
-    }
-    EXPECT_NE(std::string::npos, answer.find("NAME: Den\r\n"));
-    std::string json;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) json.append(buf, n);
-    EXPECT_EQ(0, pclose(p));
-    close(answers);
-    EXPECT_EQ(0u, json.find("{\"address\":\"127.0.0.8\",\"name\":\"Den\""));
-    EXPECT_NE(std::string::npos, json.find("\"device_requests\":"));
-    EXPECT_EQ(std::string::npos, json.find("\"device_requests\":0,"));
 }
