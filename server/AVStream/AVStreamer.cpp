@@ -47,6 +47,8 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     }
     // The control server's wake-up pipe, non-blocking at both ends; made
     // here so that no late caller can write to a descriptor already reused.
+    // The seek waits on it; without it a seek waits in short sleeps.
+    if (!PAL_SemCreate(&m_pSeekDoneSem, 0)) m_pSeekDoneSem = nullptr;
     m_wakeFd[0] = m_wakeFd[1] = -1;
     if (pipe(m_wakeFd) == 0) {
         for (int fd : m_wakeFd) {
@@ -88,6 +90,8 @@ CAVStreamer::~CAVStreamer() {
     }
     for (int fd : m_wakeFd)
         if (fd >= 0) close(fd);
+    if (m_pSeekDoneSem != nullptr) PAL_SemDelete(m_pSeekDoneSem);
+    m_pSeekDoneSem = nullptr;
 }
 
 void CAVStreamer::_session_clear(int index) {

@@ -356,6 +356,7 @@ private:
     uint32_t lastReportedProgress;
     std::atomic<bool> _bpause;
     std::atomic<bool> _bseek_complete;
+    PAL_SEM* m_pSeekDoneSem;     // made with the object: a completed seek or the end signals it
     std::atomic<int> m_max_idx;  // one past the highest session index in use
     MP3Parser* m_pMP3Parser;
     long m_send_file;  // the open content handle; 0 once closed
@@ -397,6 +398,7 @@ private:
 
     // Music source steps (AVStreamerMusicSrc.cpp).
     void _music_seek();
+    void _seek_done();  // the music source has carried a seek out: wake AVStreamerSeek
     long _read_chunk(char* origin);
     bool _wait_for_room(long n);
     const char* _convert_for(int index, char* origin, long n, char* divide, unsigned long* len);

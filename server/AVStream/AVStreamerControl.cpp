@@ -199,25 +199,37 @@ void CAVStreamer::AVStreamerSeek(int offset) {
         return;
     }
     m_nOffsetTime = offset;
-    // Cleared before the request is raised, so that a completion of this very
-    // seek cannot be wiped out.
+    // Signals of an earlier seek are spent first. Cleared before the request
+    // is raised, so that a completion of this very seek cannot be wiped out.
+    while (PAL_SemTimedWait(m_pSeekDoneSem, 0) == 0) {
+    }
     _bseek_complete = false;
     bSeekReqMusicSrcT = true;
     debug_UI("xxxseek [AVStreamerSeek] bSeekReqMusicSrcT = TRUE set");
-    // Bounded: the application must get its call back whatever the receivers
-    // do. At the bound the receivers are told to seek anyway; the music source
-    // still carries the request out when it next runs.
+    // Asleep until the music source reports the seek done (or the stream
+    // ends), and bounded: the application must get its call back whatever the
+    // receivers do. At the bound the receivers are told to seek anyway; the
+    // music source still carries the request out when it next runs.
     unsigned int start = PAL_GetClock();
     while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) {
-        if (PAL_GetClock() - start > AV_SEEK_WAIT_MS) {
+        unsigned int waited = PAL_GetClock() - start;
+        if (waited > AV_SEEK_WAIT_MS) {
             debug_UI("xxxseek [AVStreamerSeek] no completion within %d ms", AV_SEEK_WAIT_MS);
             break;
         }
-        PAL_ThreadSleep(2);
+        if (m_pSeekDoneSem == nullptr)
+            PAL_ThreadSleep(2);
+        else
+            PAL_SemTimedWait(m_pSeekDoneSem, AV_SEEK_WAIT_MS + 1 - waited);
     }
     debug_UI("xxxseek complete empties ring buffers");
     ReceiverSeekRequest();
     debug_UI("xxxseek [AVStreamer m_groupId : %d] AVStreamerSeek() End", m_groupId);
+}
+
+void CAVStreamer::_seek_done() {
+    _bseek_complete = true;
+    PAL_SemSignal(m_pSeekDoneSem, 1);
 }
 
 int CAVStreamer::_broadcast_until_failure(const char* text) {

@@ -138,7 +138,7 @@ void CAVStreamer::_music_seek() {
         }
         if (pending) PAL_ThreadSleep(2);
     }
-    _bseek_complete = true;
+    _seek_done();
     debug_UI("xxxseek [MusicSourceThread] seek complete");
 }
 
@@ -153,7 +153,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
         if (bStopReq) {
             if (self->bSeekReqMusicSrcT) {  // nothing left to move: acknowledge at once
                 self->bSeekReqMusicSrcT = false;
-                self->_bseek_complete = true;
+                self->_seek_done();
             }
         } else if (self->m_bStreamReady) {
             if (self->bSeekReqMusicSrcT) {
