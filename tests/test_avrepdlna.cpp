@@ -19,18 +19,14 @@
 
 // Drives the TCP collector, which no search path starts.
 struct CAVRepDlnaProbe {
-    static void StartTcp(CAVRepDlna* d, int listenSock, PAL_THREAD* thread) {
+    static void StartTcp(CAVRepDlna* d, int listenSock) {
         memset(&d->m_DeviceSearch, 0, sizeof(d->m_DeviceSearch));
         d->m_nTcpSock = listenSock;
-        ASSERT_TRUE(PAL_SemCreate(&d->m_DeviceSearch.pDeviceSem, 0));
-        ASSERT_TRUE(PAL_ThreadCreate(thread, CAVRepDlna::DeviceThread, d, 1));
+        ASSERT_EQ(0,
+                  d->_start_worker(&d->m_searchWorker, "tcp collector", CAVRepDlna::DeviceThread));
     }
-    static AV_DEVICE_SEARCH_INFO StopTcp(CAVRepDlna* d, PAL_THREAD thread) {
-        __atomic_store_n(&d->m_DeviceSearch.bDeviceExit, true, __ATOMIC_RELEASE);
-        PAL_SemWait(d->m_DeviceSearch.pDeviceSem, 1);
-        PAL_SemDelete(d->m_DeviceSearch.pDeviceSem);
-        d->m_DeviceSearch.pDeviceSem = NULL;
-        PAL_ThreadExit(thread);
+    static AV_DEVICE_SEARCH_INFO StopTcp(CAVRepDlna* d) {
+        d->m_searchWorker.Stop(2000);
         return d->m_DeviceSearch.AVDeviceSearchInfo;
     }
 };
@@ -310,8 +306,7 @@ TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
     CAVRepDlna d(owner_notify, nullptr);
     int lsn = PAL_SockCreate(PAL_SOCK_TCP);
     ASSERT_EQ(0, PAL_SockServerOpen(lsn, "127.0.0.1", 9090, PAL_SOCK_TCP, PAL_NET_UNI));
-    PAL_THREAD thread = NULL;
-    CAVRepDlnaProbe::StartTcp(&d, lsn, &thread);
+    CAVRepDlnaProbe::StartTcp(&d, lsn);
 
     // Three receivers, a broken one, and our own address, which is dropped.
     std::vector<int> conns;
@@ -331,7 +326,7 @@ TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
         ASSERT_EQ(1, rx_wait_readable(c, 5000));
         EXPECT_EQ(0, recv(c, &b, 1, 0));
     }
-    AV_DEVICE_SEARCH_INFO got = CAVRepDlnaProbe::StopTcp(&d, thread);
+    AV_DEVICE_SEARCH_INFO got = CAVRepDlnaProbe::StopTcp(&d);
     ASSERT_EQ(3, got.nAVDeviceCnt);
     std::set<std::string> macs;
     for (int i = 0; i < 3; i++) {

@@ -7,7 +7,7 @@
 // copy into a record is cut to its array less one.
 // Threads: public operations on the owner's thread; DeviceThreadUdp (or
 // DeviceThread) per search, ReceiveMsgThread and SyncTrigThread as opened.
-// Locks: none (see the header); exit flags are read and written atomically.
+// Locks: none (see the header); the workers' exit flags are atomic.
 #include "AVRepDlna.h"
 
 #include <arpa/inet.h>
@@ -44,12 +44,9 @@ const int kReceivePollMs = 1000;
 // held up by a long interval.
 const unsigned int kSyncSliceMs = 100;
 
-bool _flag_get(const bool* flag) {
-    return __atomic_load_n(flag, __ATOMIC_ACQUIRE);
-}
-void _flag_set(bool* flag, bool value) {
-    __atomic_store_n(flag, value, __ATOMIC_RELEASE);
-}
+// A discovery thread's longest step is the receive thread's 1 s wait: its
+// stop waits this long before it logs the thread as late (and waits on).
+const unsigned int kWorkerStopMs = 2000;
 
 // Copies at most size - 1 bytes of src and terminates dst.
 void _copy_text(char* dst, size_t size, const char* src, size_t maxLen) {
@@ -132,8 +129,8 @@ CAVRepDlna::CAVRepDlna() {
 CAVRepDlna::~CAVRepDlna() {
     debug_UI("[AVRepDlna] CAVRepDlna delete");
     // An owner closes first; a thread still running here would outlive us.
-    if (m_hReceiveMsgThrId) ReceiveMsgClose();
-    if (m_hSyncThrId) SyncTrigClose();
+    if (m_receiveWorker.Started()) ReceiveMsgClose();
+    if (m_syncWorker.Started()) SyncTrigClose();
     if (m_pMulticastIP) CAVRepDlnaClose();
 }
 
@@ -153,12 +150,6 @@ void CAVRepDlna::CAVRepDlnaSetDefault() {
     m_nTcpSock = 0;
     m_nUdpSock = 0;
     m_TcpPort = 0;
-    m_hSyncThrId = NULL;
-    m_bSyncTrigExit = false;
-    m_pSyncSem = NULL;
-    m_hReceiveMsgThrId = NULL;
-    m_bReceiveMsgExit = false;
-    m_pReceiveMsgSem = NULL;
 }
 
 void CAVRepDlna::SetGUID(const char* guid) {
@@ -183,7 +174,7 @@ int CAVRepDlna::GetMyDevice(AV_DEVICE* dst) {
 int CAVRepDlna::CAVRepDlnaInit(const char* addr) {
     // Opened again without a close (Wi-Fi reported connected twice): let go
     // of the old socket and its listener first.
-    if (m_hReceiveMsgThrId) ReceiveMsgClose();
+    if (m_receiveWorker.Started()) ReceiveMsgClose();
     if (m_pMulticastIP) CAVRepDlnaClose();
 
     int ret = _split_host_port(addr, &m_pMulticastIP, &m_MulticastPort);
@@ -234,6 +225,17 @@ int CAVRepDlna::CAVRepDlnaClose() {
 // ---------------------------------------------------------------------------
 // Device search
 
+int CAVRepDlna::_start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body) {
+    switch (worker->Start(name, body, this)) {
+        case PalWorker::kStarted:
+            return TAV_OK;
+        case PalWorker::kNoSemaphore:
+            return 15;
+        default:
+            return 6;
+    }
+}
+
 int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, int waitMs) {
     m_nUdpSock = PAL_SockCreate(PAL_SOCK_UDP);
     if (m_nUdpSock == -1) {
@@ -245,21 +247,12 @@ int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, i
         m_nUdpSock = 0;
         return 12;  // answer port taken
     }
-    _flag_set(&m_DeviceSearch.bDeviceExit, false);
-
     char* host = NULL;
     unsigned short port = 0;
-    PAL_THREAD thread = NULL;
     int ret = _split_host_port(addr, &host, &port);
     if (ret == 0) {
         memset(&m_DeviceSearch, 0, sizeof(m_DeviceSearch));
-        if (!PAL_SemCreate(&m_DeviceSearch.pDeviceSem, 0)) {
-            ret = 15;  // no semaphore
-        } else if (!PAL_ThreadCreate(&thread, DeviceThreadUdp, this, PAL_THREAD_PRIO_TIMESHARE)) {
-            PAL_SemDelete(m_DeviceSearch.pDeviceSem);
-            m_DeviceSearch.pDeviceSem = NULL;
-            ret = 6;  // no collector thread
-        }
+        ret = _start_worker(&m_searchWorker, "search collector", DeviceThreadUdp);
     }
     if (ret != 0) {
         free(host);
@@ -282,12 +275,7 @@ int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, i
     }
     PAL_ThreadSleep(waitMs > 0 ? (unsigned int)waitMs : kDefaultWaitMs);
 
-    _flag_set(&m_DeviceSearch.bDeviceExit, true);
-    if (m_DeviceSearch.pDeviceSem) {
-        PAL_SemWait(m_DeviceSearch.pDeviceSem, 1);
-        PAL_SemDelete(m_DeviceSearch.pDeviceSem);
-        m_DeviceSearch.pDeviceSem = NULL;
-    }
+    m_searchWorker.Stop(kWorkerStopMs);
 
     const AV_DEVICE_SEARCH_INFO* found = &m_DeviceSearch.AVDeviceSearchInfo;
     if (pAVDeviceInfo) {
@@ -296,7 +284,6 @@ int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, i
             _copy_device(&pAVDeviceInfo->AVDevice[i], &found->AVDeviceDlna[i]);
         }
     }
-    PAL_ThreadExit(thread);
     free(host);
     __atomic_add_fetch(&device_search_seq, 1, __ATOMIC_RELAXED);
     PAL_SockClose(m_nUdpSock);
@@ -383,7 +370,7 @@ void CAVRepDlna::_collect_udp() {
     // Without a network interface there is nothing to collect: the search
     // completes with no devices.
     bool bRun = GetNICInfo(mac, myIp) != 0;
-    while (bRun && !_flag_get(&search->bDeviceExit)) {
+    while (bRun && !m_searchWorker.Exiting()) {
         int ready = _wait_readable(m_nUdpSock, kCollectorPollMs);
         if (ready < 0) break;
         if (ready == 0) continue;
@@ -398,7 +385,6 @@ void CAVRepDlna::_collect_udp() {
         buf[n] = 0;
         AddDeviceAnswer(&search->AVDeviceSearchInfo, buf, fromIp);
     }
-    PAL_SemSignal(search->pDeviceSem, 1);
     debug_UI("[DeviceThread] PAL_SemSignal(pAVDeviceSearch->pDeviceSem, 1) ---");
 }
 
@@ -416,7 +402,7 @@ void CAVRepDlna::_collect_tcp() {
     char mac[AV_MAC_LEN] = {0};
     char myIp[AV_IP_LEN] = {0};
     bool bRun = GetNICInfo(mac, myIp) != 0;
-    while (bRun && !_flag_get(&search->bDeviceExit)) {
+    while (bRun && !m_searchWorker.Exiting()) {
         struct pollfd fds[1 + AV_MAX_DEVICE];
         int slotOf[1 + AV_MAX_DEVICE];
         int nfds = 0;
@@ -448,7 +434,6 @@ void CAVRepDlna::_collect_tcp() {
             list->AVDeviceDlna[i].hTcpClientSock = 0;
         }
     }
-    PAL_SemSignal(search->pDeviceSem, 1);
     debug_UI("[DeviceThread] PAL_SemSignal(pAVDeviceSearch->pDeviceSem, 1) ---");
 }
 
@@ -527,43 +512,22 @@ int CAVRepDlna::ParseExitMessage(const char* text, char* exitWord, char* mac, ch
 }
 
 int CAVRepDlna::ReceiveMsgOpen() {
-    if (m_hReceiveMsgThrId) ReceiveMsgClose();  // one listener per socket
-    _flag_set(&m_bReceiveMsgExit, false);
-    if (!PAL_SemCreate(&m_pReceiveMsgSem, 0)) {
-        m_pReceiveMsgSem = NULL;
-        return 15;
-    }
-    if (!PAL_ThreadCreate(&m_hReceiveMsgThrId, ReceiveMsgThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
-        PAL_SemDelete(m_pReceiveMsgSem);
-        m_pReceiveMsgSem = NULL;
-        m_hReceiveMsgThrId = NULL;
-        return 6;
-    }
-    return TAV_OK;
+    if (m_receiveWorker.Started()) ReceiveMsgClose();  // one listener per socket
+    return _start_worker(&m_receiveWorker, "discovery receive", ReceiveMsgThread);
 }
 
 int CAVRepDlna::ReceiveMsgThread(void* arg) {
     CAVRepDlna* self = static_cast<CAVRepDlna*>(arg);
-    while (!_flag_get(&self->m_bReceiveMsgExit)) {
+    while (!self->m_receiveWorker.Exiting()) {
         if (_wait_readable(self->m_nMulticastSock, kReceivePollMs) > 0) {
             self->OnMulticastReceiveRead();
         }
     }
-    PAL_SemSignal(self->m_pReceiveMsgSem, 1);
     return 0;
 }
 
 int CAVRepDlna::ReceiveMsgClose() {
-    _flag_set(&m_bReceiveMsgExit, true);
-    if (m_pReceiveMsgSem) {
-        PAL_SemWait(m_pReceiveMsgSem, 1);
-        PAL_SemDelete(m_pReceiveMsgSem);
-        m_pReceiveMsgSem = NULL;
-    }
-    if (m_hReceiveMsgThrId) {
-        PAL_ThreadExit(m_hReceiveMsgThrId);
-        m_hReceiveMsgThrId = NULL;
-    }
+    m_receiveWorker.Stop(kWorkerStopMs);
     return TAV_OK;
 }
 
@@ -591,45 +555,27 @@ int CAVRepDlna::OnMulticastReceiveRead() {
 // Sync trigger
 
 int CAVRepDlna::SyncTrigOpen() {
-    if (m_hSyncThrId) return TAV_OK;  // already running
-    _flag_set(&m_bSyncTrigExit, false);
-    if (!PAL_SemCreate(&m_pSyncSem, 0)) {
-        m_pSyncSem = NULL;
-        return TAV_OK;  // failures are not reported; nothing runs
-    }
-    if (!PAL_ThreadCreate(&m_hSyncThrId, SyncTrigThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
-        PAL_SemDelete(m_pSyncSem);
-        m_pSyncSem = NULL;
-        m_hSyncThrId = NULL;
-    }
+    if (m_syncWorker.Started()) return TAV_OK;  // already running
+    // Failures are not reported; nothing runs.
+    _start_worker(&m_syncWorker, "sync trigger", SyncTrigThread);
     return TAV_OK;
 }
 
 int CAVRepDlna::SyncTrigThread(void* arg) {
     CAVRepDlna* self = static_cast<CAVRepDlna*>(arg);
-    while (!_flag_get(&self->m_bSyncTrigExit)) {
+    while (!self->m_syncWorker.Exiting()) {
         unsigned int waitMs = PAL_SyncInterval();
-        while (waitMs > 0 && !_flag_get(&self->m_bSyncTrigExit)) {
+        while (waitMs > 0 && !self->m_syncWorker.Exiting()) {
             unsigned int slice = waitMs < kSyncSliceMs ? waitMs : kSyncSliceMs;
             PAL_ThreadSleep(slice);
             waitMs -= slice;
         }
     }
-    PAL_SemSignal(self->m_pSyncSem, 1);
     return 0;
 }
 
 int CAVRepDlna::SyncTrigClose() {
-    _flag_set(&m_bSyncTrigExit, true);
-    if (m_pSyncSem) {
-        PAL_SemWait(m_pSyncSem, 1);
-        PAL_SemDelete(m_pSyncSem);
-        m_pSyncSem = NULL;
-    }
-    if (m_hSyncThrId) {
-        PAL_ThreadExit(m_hSyncThrId);
-        m_hSyncThrId = NULL;
-    }
+    m_syncWorker.Stop(kWorkerStopMs);
     return TAV_OK;
 }
 

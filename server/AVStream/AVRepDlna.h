@@ -3,18 +3,18 @@
 // Owns: the multicast socket discovery requests leave by (joined to the
 // group, also heard by the EXIT listener), the UDP socket a search collects
 // answers on (port 9090, open only during a search), the heap copy of the
-// group address, and up to four threads with their semaphores: the search
-// collector (one per search), the multicast receive thread (EXIT
-// announcements) and the clock-sync trigger thread.
+// group address, and three workers (PalWorker: thread, exit flag and exit
+// semaphore): the search collector (one per search), the multicast receive
+// thread (EXIT announcements) and the clock-sync trigger thread.
 // Allocates: the group address text (init), the host text of one search,
 // and an MP3Parser for the length of one content query.
 // Threads: the owner's thread calls every public operation; the collector
-// writes m_DeviceSearch until it signals pDeviceSem; the receive thread reads
+// writes m_DeviceSearch until its worker is stopped; the receive thread reads
 // m_nMulticastSock and calls m_NotifyMsg on its own thread; the sync thread
 // only drives the platform's sync step.
-// Locks: none. The exit flags are single words written by the owner and
-// polled by the threads; records pass from the collector to the owner
-// through the collector's semaphore.
+// Locks: none. The workers' exit flags are written by the owner and polled
+// by the threads; records pass from the collector to the owner through the
+// collector's exit semaphore.
 #ifndef AVREPDLNA_H
 #define AVREPDLNA_H
 
@@ -22,6 +22,7 @@
 
 #include "AVStreamerDef.h"
 #include "PAL.h"
+#include "PAL_Worker.h"
 
 // Capacity of every device list of discovery.
 #define AV_MAX_DEVICE 30
@@ -60,10 +61,9 @@ typedef struct _AV_DEVICE_SEARCH_INFO {
     char nAVDeviceCnt;  // valid leading entries
 } AV_DEVICE_SEARCH_INFO;
 
+// What one search collects (its collector runs as m_searchWorker).
 typedef struct _AV_DEVICE_SEARCH {
     AV_DEVICE_SEARCH_INFO AVDeviceSearchInfo;
-    PAL_SEM* pDeviceSem;  // signalled by the collector on its way out
-    bool bDeviceExit;     // tells the collector to stop
 } AV_DEVICE_SEARCH;
 
 // Event callback of the discovery object: (owner, AVMSG_REPORT code, two
@@ -143,6 +143,9 @@ public:
     static unsigned int device_search_seq;  // completed searches, process-wide
 
 private:
+    // Starts one of the workers on this object: 0, 15 (no semaphore) or 6
+    // (no thread).
+    int _start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body);
     void _collect_udp();
     void _collect_tcp();
     void _tcp_accept(AV_DEVICE_SEARCH_INFO* list);
@@ -167,12 +170,9 @@ private:
     int32_t m_nTcpSock;
     int32_t m_nUdpSock;
     uint16_t m_TcpPort;
-    PAL_THREAD m_hSyncThrId;
-    bool m_bSyncTrigExit;
-    PAL_SEM* m_pSyncSem;
-    PAL_THREAD m_hReceiveMsgThrId;
-    bool m_bReceiveMsgExit;
-    PAL_SEM* m_pReceiveMsgSem;
+    PalWorker m_searchWorker;   // the collector of the search under way
+    PalWorker m_syncWorker;     // the sync trigger
+    PalWorker m_receiveWorker;  // the multicast receive thread
 
     friend struct CAVRepDlnaProbe;  // tests and fuzzing drive the TCP collector directly
 };
