@@ -46,7 +46,7 @@ PlurafonMgr::PlurafonMgr(const char* guid, GET_BOOTTIME_USEC _get_boottime_usec)
       _init_status(0),
       m_groupIds(1),
       m_deviceHandles(1),
-      m_hSearchThread(nullptr) {
+      m_searchWorker() {
     if (!guid) guid = "";
     debug_UI("PlurafonMgr::PlurafonMgr+++, GUID:%s", guid);
     memset(&m_MgrMusicInfo, 0, sizeof(m_MgrMusicInfo));
@@ -94,9 +94,9 @@ PlurafonMgr::~PlurafonMgr() {
     TimeSyncInitiator_Delete();
     debug_UI("TimeSyncInitiator is deleted");
 
-    while (m_bSearching) PAL_ThreadSleep(10);
-    PAL_ThreadExit(m_hSearchThread);
-    m_hSearchThread = nullptr;
+    // Waits for a background search to end (it ends by itself after its
+    // collection time).
+    _stop_search_worker();
 
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
         if (g->bIsPlay == 1) Stop(g->_gid, 0);

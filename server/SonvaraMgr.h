@@ -34,6 +34,7 @@
 #include "AVStreamerDef.h"
 #include "HandleTable.h"
 #include "PAL.h"
+#include "PAL_Worker.h"
 #include "SonvaraMgrRecord.h"
 #include "xPlurafonNotify.h"
 
@@ -275,6 +276,8 @@ private:
 
     // playback
     static int _stop_thread(void* arg);
+    // Releases the finished (or waits for the running) background search.
+    void _stop_search_worker();
     int _refresh_content_cache(const char* path, const char* mime);
     bool _is_exist_servicedevice(const char* ip);
 
@@ -308,7 +311,7 @@ private:
     HandleTable m_groupIds;       // group id -> LPGROUP_INFO
     HandleTable m_deviceHandles;  // device handle -> LPDEVICE_INFO
     // The background search thread; released by the next search or the destructor.
-    PAL_THREAD m_hSearchThread;
+    PalWorker m_searchWorker;  // the background search
 };
 
 #endif

@@ -14,6 +14,10 @@
 
 namespace {
 
+// The stop thread's longest run (receivers' leave, then the close); Stop logs
+// a later end, and waits on.
+const unsigned int kStopThreadMs = 6000;
+
 int _cap_volume(int volume) {
     return volume > MAX_RECEIVER_VOLUME ? MAX_RECEIVER_VOLUME : volume;
 }
@@ -166,17 +170,15 @@ int PlurafonMgr::StopBegin(int group_id, int* handle) {
 }
 
 void PlurafonMgr::StopStreamer(int handle) {
-    PAL_THREAD thread = nullptr;
-    if (!PAL_ThreadCreate(&thread, _stop_thread, (void*)(intptr_t)handle,
-                          PAL_THREAD_PRIO_TIMESHARE)) {
-        thread = nullptr;
+    PalWorker stopper;
+    if (stopper.Start("stop", _stop_thread, (void*)(intptr_t)handle) != PalWorker::kStarted) {
         _stop_thread((void*)(intptr_t)handle);
         PAL_ThreadSleep(500);
     }
     debug_UI("wait _stop_thread+++");
-    // Bounded by the stop thread's own waits: two seconds for the receivers
-    // to leave, then the streamer's close (each of its waits is bounded).
-    if (thread) PAL_ThreadExit(thread);
+    // The stop thread's own waits are bounded: two seconds for the receivers
+    // to leave, then the streamer's close (3.5 s at most for its threads).
+    stopper.Stop(kStopThreadMs);
     debug_UI("wait _stop_thread---");
 }
 

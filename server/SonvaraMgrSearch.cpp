@@ -3,7 +3,7 @@
 // events of streamers (sender_notify) and discovery (dlna_notify).
 //
 // Threads: SearchDevice runs on the application's thread, the background
-// search on its own (m_hSearchThread), sender_notify on the streamers'
+// search on its own (m_searchWorker), sender_notify on the streamers'
 // threads, dlna_notify on discovery's receive thread. Locks: _lpmutex while
 // member states are looked at or changed (then _lpdevmutex, then a
 // registry's mutex); _lpjoinmutex for the JOIN list alone; _lpSearchingLock
@@ -107,19 +107,23 @@ int PlurafonMgr::SearchDeviceAsync(int search_time) {
     PAL_MutexLock(_lpSearchingLock, 1);
     if (!m_bSearching) {
         // The previous search thread has finished its work; release it.
-        PAL_ThreadExit(m_hSearchThread);
-        m_hSearchThread = nullptr;
+        _stop_search_worker();
         m_searchtime = search_time;
         m_bSearching = true;
-        if (!PAL_ThreadCreate(&m_hSearchThread, _device_search_thread, this,
-                              PAL_THREAD_PRIO_TIMESHARE)) {
-            m_hSearchThread = nullptr;
+        if (m_searchWorker.Start("background search", _device_search_thread, this) !=
+            PalWorker::kStarted) {
             m_bSearching = false;
             ret = PLURAFON_ERR_THREAD;
         }
     }
     PAL_MutexUnLock(_lpSearchingLock);
     return ret;
+}
+
+void PlurafonMgr::_stop_search_worker() {
+    // A search takes its collection time plus the eight requests' gaps.
+    unsigned int bound = (m_searchtime > 0 ? (unsigned int)m_searchtime : 0) + 5000;
+    m_searchWorker.Stop(bound);
 }
 
 int PlurafonMgr::_device_search_thread(void* arg) {
