@@ -131,8 +131,6 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_bSerExit = false;
     m_pMusicSrcSem = nullptr;
     m_hMusicSrcThrId = nullptr;
-    m_pSvrListenSem = nullptr;
-    m_hSerListenThrId = nullptr;
     m_pRtpSvrSem = nullptr;
     m_hRtpSvrThrId = nullptr;
     m_unSyncSeqNum = 0;

@@ -32,6 +32,7 @@
 
 #include "AVStreamerDef.h"
 #include "PAL.h"
+#include "PAL_Worker.h"
 
 class MP3Parser;
 
@@ -316,8 +317,7 @@ private:
     AV_CONTENT_INFO m_ContentInfo;  // kept right behind m_Mp3Inst
     PAL_SEM* m_pMusicSrcSem;
     PAL_THREAD m_hMusicSrcThrId;
-    PAL_SEM* m_pSvrListenSem;
-    PAL_THREAD m_hSerListenThrId;
+    PalWorker m_serverWorker;  // the control-server thread
     PAL_SEM* m_pRtpSvrSem;
     std::atomic<PAL_THREAD> m_hRtpSvrThrId;  // non-null while the stream thread exists
     uint32_t m_unSyncSeqNum;

@@ -37,6 +37,10 @@ static unsigned short parse_u16(const char* p) {
 }
 
 // The value after "<key>" in req, or 0 when the key is absent.
+// How long the close waits for the control server before it logs it as
+// late (and waits on): one pass of its loop, after the wake-up.
+static const unsigned int kServerStopMs = 2000;
+
 static unsigned short header_u16(const char* req, const char* key) {
     const char* p = strstr(req, key);
     return p ? parse_u16(p + strlen(key)) : 0;
@@ -48,8 +52,6 @@ bool CAVStreamer::ServerInit() {
     m_RtpPacket.bMarker = 1;
     m_RtpPacket.unSeqNum = 1;
     m_RtpPacket.unSsrc = PAL_rand(0x7FFFFFFF);
-    m_pSvrListenSem = nullptr;
-    m_hSerListenThrId = nullptr;
     m_pRtpSvrSem = nullptr;
     m_hRtpSvrThrId = nullptr;
     m_pSendBuf = nullptr;
@@ -106,14 +108,14 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
 
 int CAVStreamer::ServerListen() {
     debug_UI("[AVStreamer m_groupId : %d] ServerListen()", m_groupId);
-    if (!PAL_SemCreate(&m_pSvrListenSem, 0)) return 15;
-    if (!PAL_ThreadCreate(&m_hSerListenThrId, ServerListenThread, this,
-                          PAL_THREAD_PRIO_TIMESHARE)) {
-        PAL_SemDelete(m_pSvrListenSem);
-        m_pSvrListenSem = nullptr;
-        return 6;
+    switch (m_serverWorker.Start("control server", ServerListenThread, this)) {
+        case PalWorker::kStarted:
+            return 0;
+        case PalWorker::kNoSemaphore:
+            return 15;
+        default:
+            return 6;
     }
-    return 0;
 }
 
 void CAVStreamer::_accept_receiver(bool* rtpStarted) {
@@ -433,7 +435,6 @@ int CAVStreamer::ServerListenThread(void* param) {
     // Whatever was queued last (BYE, QUIT_SENDER) goes out if the socket
     // takes it now; the close does not wait for it.
     for (int i = 0; i < AV_MAX_RECEIVER; i++) self->_flush_session(i);
-    PAL_SemSignal(self->m_pSvrListenSem, 1);
     debug_UI("ServerListenThread---");
     return 0;
 }
@@ -681,12 +682,11 @@ int CAVStreamer::ServerClose() {
     _wake_server();  // the control server sees m_bSerExit now, not at its next deadline
     wait_and_delete_sem(&m_pMusicSrcSem);
     debug_UI("ServerClose ServerListen Thread quit2");
-    wait_and_delete_sem(&m_pSvrListenSem);
+    // Woken above, the control server ends within one pass of its loop.
+    m_serverWorker.Stop(kServerStopMs);
     wait_and_delete_sem(&m_pRtpSvrSem);
     PAL_ThreadExit(m_hMusicSrcThrId);
     m_hMusicSrcThrId = nullptr;
-    PAL_ThreadExit(m_hSerListenThrId);
-    m_hSerListenThrId = nullptr;
     PAL_ThreadExit(m_hRtpSvrThrId);
     m_hRtpSvrThrId = nullptr;
 
