@@ -135,7 +135,7 @@ LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char* ip, const char* pMac
     device->_isExist = true;
     device->_handle = m_deviceHandles.Add(device);
 
-    PAL_MutexLock(_lpdevmutex, 1);
+    PalLock lock(_lpdevmutex);
     if (_lpdevice_info_last) {
         _lpdevice_info_last->_next = device;
     } else {
@@ -144,7 +144,6 @@ LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char* ip, const char* pMac
     _lpdevice_info_last = device;
     _device_cnt++;
     debug_UI("_device_cnt++   device count %d", _device_cnt);
-    PAL_MutexUnLock(_lpdevmutex);
     return device;
 }
 
@@ -156,19 +155,17 @@ LPDEVICE_INFO PlurafonMgr::_add_receiver_device(const char* ip, const char* pMac
 LPDEVICE_INFO PlurafonMgr::_find_device(const char* device_ip, const char* pDeviceMac) {
     (void)device_ip;  // the MAC alone names a device
     if (!pDeviceMac) return nullptr;
-    PAL_MutexLock(_lpdevmutex, 1);
+    PalLock lock(_lpdevmutex);
     LPDEVICE_INFO found = _lpdevice_info;
     while (found && strcmp(found->_MacAddr, pDeviceMac) != 0) found = found->_next;
-    PAL_MutexUnLock(_lpdevmutex);
     return found;
 }
 
 LPDEVICE_INFO PlurafonMgr::_find_device_by_ip(const char* ip) {
     if (!ip) return nullptr;
-    PAL_MutexLock(_lpdevmutex, 1);
+    PalLock lock(_lpdevmutex);
     LPDEVICE_INFO found = _lpdevice_info;
     while (found && strcmp(found->_ip, ip) != 0) found = found->_next;
-    PAL_MutexUnLock(_lpdevmutex);
     return found;
 }
 
@@ -216,11 +213,10 @@ int PlurafonMgr::GetDeviceCount() {
 
 int PlurafonMgr::GetDeviceHandle(int index) {
     if (index < 0) return 0;
-    PAL_MutexLock(_lpdevmutex, 1);
+    PalLock lock(_lpdevmutex);
     LPDEVICE_INFO device = _lpdevice_info;
     for (int i = 0; device && i < index; i++) device = device->_next;
     int handle = device ? device->_handle : 0;
-    PAL_MutexUnLock(_lpdevmutex);
     return handle;
 }
 
@@ -251,9 +247,8 @@ const char* PlurafonMgr::GetDeviceName(int hInst) {
 // The numbers of a record change under _lpdevmutex on the search and event
 // threads; they are read under it too.
 static int _read_locked(PAL_MUTEX* mutex, const int* field) {
-    PAL_MutexLock(mutex, 1);
+    PalLock lock(mutex);
     int v = *field;
-    PAL_MutexUnLock(mutex);
     return v;
 }
 

@@ -38,7 +38,7 @@ int PlurafonMgr::_add_group(LPGROUP_INFO group) {
 }
 
 void PlurafonMgr::_delete_group(LPGROUP_INFO group) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO prev = nullptr;
     LPGROUP_INFO g = _lpgroup_info;
     while (g && g != group) {
@@ -52,11 +52,10 @@ void PlurafonMgr::_delete_group(LPGROUP_INFO group) {
         FreeGroupInfo(g);
         _group_cnt--;
     }
-    PAL_MutexUnLock(_lpmutex);
 }
 
 void PlurafonMgr::_remove_all_group() {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO g = _lpgroup_info;
     while (g) {
         LPGROUP_INFO next = g->_next;
@@ -65,21 +64,19 @@ void PlurafonMgr::_remove_all_group() {
         g = next;
     }
     _lpgroup_info = _lpgroup_info_last = nullptr;
-    PAL_MutexUnLock(_lpmutex);
 }
 
 void PlurafonMgr::_add_group_item(LPGROUP_INFO group, LPGITEM item) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     item->_next = nullptr;
     LPGITEM* at = &group->_lpdevice_list;
     while (*at) at = &(*at)->_next;
     *at = item;
     group->_gitem_cnt++;
-    PAL_MutexUnLock(_lpmutex);
 }
 
 void PlurafonMgr::_delete_group_item(LPGROUP_INFO group, const char* pDeviceMac) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     for (LPGITEM* at = &group->_lpdevice_list; *at; at = &(*at)->_next) {
         if (strcmp((*at)->_lpdevice->_MacAddr, pDeviceMac) == 0) {
             LPGITEM gone = *at;
@@ -89,11 +86,10 @@ void PlurafonMgr::_delete_group_item(LPGROUP_INFO group, const char* pDeviceMac)
             break;
         }
     }
-    PAL_MutexUnLock(_lpmutex);
 }
 
 void PlurafonMgr::_remove_all_group_item(LPGROUP_INFO group) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGITEM item = group->_lpdevice_list;
     while (item) {
         LPGITEM next = item->_next;
@@ -102,7 +98,6 @@ void PlurafonMgr::_remove_all_group_item(LPGROUP_INFO group) {
     }
     group->_lpdevice_list = nullptr;
     group->_gitem_cnt = 0;
-    PAL_MutexUnLock(_lpmutex);
 }
 
 LPGITEM PlurafonMgr::_find_item_in_group_l(LPGROUP_INFO group, const char* pDeviceMac) {
@@ -115,18 +110,16 @@ LPGITEM PlurafonMgr::_find_item_in_group_l(LPGROUP_INFO group, const char* pDevi
 LPGITEM PlurafonMgr::_find_device_in_group(int groupId, const char* device_ip,
                                            const char* pDeviceMac) {
     (void)device_ip;  // membership is decided by the MAC
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGITEM item = _find_item_in_group_l(_group_by_id(groupId), pDeviceMac);
-    PAL_MutexUnLock(_lpmutex);
     return item;
 }
 
 LPGITEM PlurafonMgr::_get_device_in_group_by_index(int groupId, int idx) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(groupId);
     LPGITEM item = (group && idx >= 0) ? group->_lpdevice_list : nullptr;
     for (int i = 0; item && i < idx; i++) item = item->_next;
-    PAL_MutexUnLock(_lpmutex);
     return item;
 }
 
@@ -146,17 +139,15 @@ static int _find_playing_group_l(LPGROUP_INFO list, const char* mac, const char*
 int PlurafonMgr::_find_group_id_by_device(const char* device_ip, const char* pDeviceMac) {
     (void)device_ip;
     if (!pDeviceMac) return 0;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int id = _find_playing_group_l(_lpgroup_info, pDeviceMac, nullptr);
-    PAL_MutexUnLock(_lpmutex);
     return id;
 }
 
 int PlurafonMgr::_find_group_id_by_receiverIP(const char* ip) {
     if (!ip) return 0;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int id = _find_playing_group_l(_lpgroup_info, nullptr, ip);
-    PAL_MutexUnLock(_lpmutex);
     return id;
 }
 
@@ -175,7 +166,7 @@ int PlurafonMgr::CreateGroup(const char* GName) {
 
 int PlurafonMgr::AddDevice(int group_id, const char* DeviceInfo, const char* pDeviceMac, int type,
                            int bIsService) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int ret = 0;
     LPGROUP_INFO group = _group_by_id(group_id);
     LPDEVICE_INFO device = nullptr;
@@ -214,7 +205,6 @@ int PlurafonMgr::AddDevice(int group_id, const char* DeviceInfo, const char* pDe
     _add_group_item(group, item);
     debug_UI("PlurafonMgr::AddDevice---");
 done:
-    PAL_MutexUnLock(_lpmutex);
     return ret;
 }
 
@@ -268,21 +258,19 @@ int PlurafonMgr::ChangeGroupName(int group_id, const char* newGrougName) {
 }
 
 int PlurafonMgr::GetGroupID(int idx) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO g = idx >= 0 ? _lpgroup_info : nullptr;
     for (int i = 0; g && i < idx; i++) g = g->_next;
     int id = g ? g->_gid : 0;
-    PAL_MutexUnLock(_lpmutex);
     return id;
 }
 
 int PlurafonMgr::GetGroupIDByName(const char* name) {
     if (!name) return 0;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO g = _lpgroup_info;
     while (g && strcmp(g->group_name, name) != 0) g = g->_next;
     int id = g ? g->_gid : 0;
-    PAL_MutexUnLock(_lpmutex);
     return id;
 }
 
@@ -422,9 +410,8 @@ int PlurafonMgr::_debug_print_all_group() {
 
 int PlurafonMgr::SaveGroup(const char* path) {
     GroupRW rw;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int r = rw.Save(path, _lpgroup_info);
-    PAL_MutexUnLock(_lpmutex);
     return r;
 }
 

@@ -39,7 +39,7 @@ int _device_count(const AV_DEVICE_INFO* info) {
 // ------------------------------------------------------------ searches
 
 void PlurafonMgr::_update_member_state_after_search(bool bLog) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
         for (LPGITEM item = g->_lpdevice_list; item; item = item->_next) {
             if (!item->_lpdevice->_isExist) {
@@ -55,7 +55,6 @@ void PlurafonMgr::_update_member_state_after_search(bool bLog) {
             }
         }
     }
-    PAL_MutexUnLock(_lpmutex);
 }
 
 int PlurafonMgr::SearchDevice(bool bNotify) {
@@ -104,7 +103,7 @@ int PlurafonMgr::SearchDevice(bool bNotify) {
 
 int PlurafonMgr::SearchDeviceAsync(int search_time) {
     int ret = 0;
-    PAL_MutexLock(_lpSearchingLock, 1);
+    PalLock lock(_lpSearchingLock);
     if (!m_bSearching) {
         // The previous search thread has finished its work; release it.
         _stop_search_worker();
@@ -116,7 +115,6 @@ int PlurafonMgr::SearchDeviceAsync(int search_time) {
             ret = PLURAFON_ERR_THREAD;
         }
     }
-    PAL_MutexUnLock(_lpSearchingLock);
     return ret;
 }
 

@@ -65,14 +65,13 @@ void _registry_close(LIST** pp) {
 template <class LIST>
 void _registry_clear(LIST* header, int LIST::*count) {
     if (!header) return;
-    PAL_MutexLock(header->pMutex, 1);
+    PalLock lock(header->pMutex);
     while (header->list) {
         auto* item = header->list;
         _ring_unlink(&header->list, item);
         free(item);
     }
     header->*count = 0;
-    PAL_MutexUnLock(header->pMutex);
 }
 
 }  // namespace
@@ -104,7 +103,7 @@ void PlurafonMgr::ServiceDeviceAdd(int groupId, const char* ip) {
 
 void PlurafonMgr::ServiceDeviceDeleteReceiver(const char* ip) {
     if (!m_pDeviceList || !ip) return;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     SERVICE_DEVICE_ITEM* first = m_pDeviceList->list;
     SERVICE_DEVICE_ITEM* item = first;
     while (item) {
@@ -117,13 +116,12 @@ void PlurafonMgr::ServiceDeviceDeleteReceiver(const char* ip) {
         item = item->pNext;
         if (item == first) break;
     }
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
 }
 
 void PlurafonMgr::ServiceDeviceDeleteGroup(int groupId) {
     if (!m_pDeviceList) return;
     debug_UI("[PlurafonMgr] ServiceDeviceDeleteGroup groupId : %d", groupId);
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     int n = m_pDeviceList->DeviceCnt;
     SERVICE_DEVICE_ITEM* item = m_pDeviceList->list;
     // One turn of the ring: n items, each visited once.
@@ -138,7 +136,6 @@ void PlurafonMgr::ServiceDeviceDeleteGroup(int groupId) {
         item = next;
     }
     debug_UI("[PlurafonMgr] ServiceDeviceDeleteGroup DeviceCnt : %d", m_pDeviceList->DeviceCnt);
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
 }
 
 void PlurafonMgr::ServiceDeviceDeleteAll() {
@@ -147,26 +144,24 @@ void PlurafonMgr::ServiceDeviceDeleteAll() {
 
 int PlurafonMgr::ServiceDeviceGetCntList() {
     if (!m_pDeviceList) return 0;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     int n = m_pDeviceList->DeviceCnt;
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
     return n;
 }
 
 void PlurafonMgr::ServiceDeviceGetList(char** buffers) {
     if (!m_pDeviceList || !buffers) return;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     SERVICE_DEVICE_ITEM* item = m_pDeviceList->list;
     for (int i = 0; item && i < m_pDeviceList->DeviceCnt; i++, item = item->pNext) {
         // At most 19 characters: the buffer's zero fill ends the text.
         memcpy(buffers[i], item->pIP, strnlen(item->pIP, AV_IP_LEN - 1));
     }
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
 }
 
 int PlurafonMgr::ServiceDeviceGetGroupIdOfReceiver(const char* ip) {
     if (!m_pDeviceList || !ip) return 0;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     int groupId = 0;
     SERVICE_DEVICE_ITEM* item = m_pDeviceList->list;
     for (int i = 0; item && i < m_pDeviceList->DeviceCnt; i++, item = item->pNext) {
@@ -175,19 +170,17 @@ int PlurafonMgr::ServiceDeviceGetGroupIdOfReceiver(const char* ip) {
             break;
         }
     }
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
     return groupId;
 }
 
 bool PlurafonMgr::_is_exist_servicedevice(const char* ip) {
     if (!m_pDeviceList || !ip) return false;
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
+    PalLock lock(m_pDeviceList->pMutex);
     bool found = false;
     SERVICE_DEVICE_ITEM* item = m_pDeviceList->list;
     for (int i = 0; item && i < m_pDeviceList->DeviceCnt && !found; i++, item = item->pNext) {
         found = strcmp(item->pIP, ip) == 0;
     }
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
     return found;
 }
 
@@ -208,15 +201,14 @@ void PlurafonMgr::ServiceGroupAdd(int group_id) {
     SERVICE_GROUP_ITEM* item = (SERVICE_GROUP_ITEM*)calloc(1, sizeof(SERVICE_GROUP_ITEM));
     if (!item) return;
     item->group_id = group_id;
-    PAL_MutexLock(m_pGroupList->pMutex, 1);
+    PalLock lock(m_pGroupList->pMutex);
     _ring_append(&m_pGroupList->list, item);
     m_pGroupList->GroupCnt++;
-    PAL_MutexUnLock(m_pGroupList->pMutex);
 }
 
 void PlurafonMgr::ServiceGroupDelete(int group_id) {
     if (!m_pGroupList) return;
-    PAL_MutexLock(m_pGroupList->pMutex, 1);
+    PalLock lock(m_pGroupList->pMutex);
     SERVICE_GROUP_ITEM* item = m_pGroupList->list;
     for (int i = 0; item && i < m_pGroupList->GroupCnt; i++, item = item->pNext) {
         if (item->group_id == group_id) {
@@ -226,7 +218,6 @@ void PlurafonMgr::ServiceGroupDelete(int group_id) {
             break;
         }
     }
-    PAL_MutexUnLock(m_pGroupList->pMutex);
 }
 
 void PlurafonMgr::ServiceGroupDeleteAll() {
@@ -235,7 +226,7 @@ void PlurafonMgr::ServiceGroupDeleteAll() {
 
 void PlurafonMgr::SetServiceGroup(int group_id, int bIsPlay) {
     if (!m_pGroupList) return;
-    PAL_MutexLock(m_pGroupList->pMutex, 1);
+    PalLock lock(m_pGroupList->pMutex);
     SERVICE_GROUP_ITEM* item = m_pGroupList->list;
     for (int i = 0; item && i < m_pGroupList->GroupCnt; i++, item = item->pNext) {
         if (item->group_id == group_id) {
@@ -243,5 +234,4 @@ void PlurafonMgr::SetServiceGroup(int group_id, int bIsPlay) {
             break;
         }
     }
-    PAL_MutexUnLock(m_pGroupList->pMutex);
 }

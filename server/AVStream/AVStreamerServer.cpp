@@ -441,22 +441,20 @@ int CAVStreamer::ServerListenThread(void* param) {
 
 void CAVStreamer::_release_bye(int index) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     s.ServerState = AV_STREAMER_STATE_BYE;
     if (s.bActive) _receiver_release_l(index);
-    PAL_MutexUnLock(s._lpmutex);
 }
 
 // A control connection that ended (closed by the receiver, or failed: a
 // failed descriptor would otherwise wake every poll) releases its session.
 void CAVStreamer::_release_closed(int index, int sock) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     if (s.hTcpClientSock == sock) {
         s.ServerState = AV_STREAMER_STATE_BYE;
         if (s.bActive) _receiver_release_l(index);
     }
-    PAL_MutexUnLock(s._lpmutex);
 }
 
 int CAVStreamer::OnTcpCmdRead(int index) {
