@@ -222,15 +222,20 @@ jint JNICALL rxSendVolumeChanged(JNIEnv*, jclass, jlong h, jint volume) {
     return rxFromHandle(h)->SendVolumeChanged(volume);
 }
 
-// Bytes the C heap has handed out: mallinfo2 where glibc has it, mallinfo on
-// an older glibc; -1 under AddressSanitizer (its own allocator) and off glibc.
+// Bytes the C heap has handed out, large blocks the allocator maps on their
+// own (hblkhd: ring buffers, the emulators' audio) included: mallinfo2
+// where glibc has it, mallinfo on an older glibc; -1 under AddressSanitizer
+// (its own allocator) and off glibc.
 jlong JNICALL nativeHeapBytes(JNIEnv*, jclass) {
 #if defined(__SANITIZE_ADDRESS__) || !defined(__GLIBC__)
     return -1;
 #elif __GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33)
-    return static_cast<jlong>(mallinfo2().uordblks);
+    struct mallinfo2 mi = mallinfo2();
+    return static_cast<jlong>(mi.uordblks) + static_cast<jlong>(mi.hblkhd);
 #else
-    return static_cast<jlong>(static_cast<unsigned int>(mallinfo().uordblks));
+    struct mallinfo mi = mallinfo();
+    return static_cast<jlong>(static_cast<unsigned int>(mi.uordblks)) +
+           static_cast<jlong>(static_cast<unsigned int>(mi.hblkhd));
 #endif
 }
 
