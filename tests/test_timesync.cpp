@@ -178,20 +178,18 @@ TEST_F(TimeSync, AnnouncementsFollowTheScheduleAndNameTheMaster) {
     EXPECT_LT(span, 1500000);
 
     // A stream keeps announcing at the steady pace until StopSync.
+    auto drain = [sock]() {
+        int n = 0;
+        for (unsigned char buf[64]; rx_wait_readable(sock, 0) == 1;)
+            n += recv(sock, buf, sizeof(buf), 0) > 0;
+        return n;
+    };
     ASSERT_EQ(0, TimeSyncInitiator_StartSync(20000, 40000, 100000));
     PAL_ThreadSleep(500);
-    int during = 0;
-    while (rx_wait_readable(sock, 0) == 1) {
-        unsigned char buf[64];
-        if (recv(sock, buf, sizeof(buf), 0) > 0) during++;
-    }
-    EXPECT_GE(during, 4);
+    EXPECT_GE(drain(), 4);
     TimeSyncInitiator_StopSync();
     PAL_ThreadSleep(250);
-    while (rx_wait_readable(sock, 0) == 1) {
-        unsigned char buf[64];
-        recv(sock, buf, sizeof(buf), 0);
-    }
+    drain();
     EXPECT_EQ(0, rx_wait_readable(sock, 400));
     close(sock);
 }
