@@ -69,7 +69,7 @@ int search(CAVRepDlna* d, AV_DEVICE_INFO* out, int waitMs, const char* addr = kG
 
 }  // namespace
 
-TEST(AVRepDlna, EmulatedReceiversAreFound) {
+TEST(AVRepDlna, EmulatedReceiversFoundAndTheirExitAnnouncements) {
     std::vector<std::unique_ptr<ReceiverEmulator>> rx;
     for (int i = 0; i < 4; i++) {
         ReceiverConfig cfg;
@@ -88,8 +88,23 @@ TEST(AVRepDlna, EmulatedReceiversAreFound) {
     ASSERT_EQ(0, d.ReceiveMsgOpen());
     memset(gmasterip, 0, sizeof(gmasterip));
     AV_DEVICE_INFO out;
-    ASSERT_EQ(0, search(&d, &out, 600));
 
+    // A malformed address returns 1 and sends nothing; Init refuses it too.
+    const std::string len256(256, '1');
+    for (const char* bad : {"", "224.1.2.4", ":1234", "224.1.2.4:", len256.c_str()}) {
+        EXPECT_EQ(1, search(&d, &out, 100, bad)) << bad;
+    }
+    CAVRepDlna e;
+    EXPECT_EQ(1, e.CAVRepDlnaInit("224.1.2.4"));
+    EXPECT_EQ(1, e.CAVRepDlnaInit(len256.c_str()));
+
+    // waitMs 0 collects for the default 2000 ms. Our own DEVICE requests loop
+    // back to the receive socket and are ignored there.
+    unsigned int t0 = PAL_GetClock();
+    ASSERT_EQ(0, search(&d, &out, 0));
+    unsigned int took = PAL_GetClock() - t0;
+    EXPECT_GE(took, 2000u);
+    EXPECT_LT(took, 8000u);
     ASSERT_EQ(4, out.nAVDeviceCnt);
     for (int i = 0; i < 4; i++) {
         const AV_DEVICE& dev = out.AVDevice[i];
@@ -101,12 +116,43 @@ TEST(AVRepDlna, EmulatedReceiversAreFound) {
         EXPECT_STREQ(cfg.name, dev.pReceiverName);
         EXPECT_EQ(cfg.master, dev.isMaster);
         EXPECT_EQ(cfg.volume, dev._vol);
-        EXPECT_EQ(8u, rx[k]->Report().deviceRequests);
+        EXPECT_EQ(8u, rx[k]->Report().deviceRequests);  // the good search's only
     }
     EXPECT_STREQ("127.0.0.4", gmasterip);
 
+    // EXIT announcements from anyone reach the owner, each field cut.
+    int tx = rx_udp_bind("127.0.0.9", 0);
+    ASSERT_GE(tx, 0);
+    struct sockaddr_in group;
+    ASSERT_TRUE(rx_sockaddr("224.1.2.4", 1234, &group));
+    const std::string big(300, 'Z');
+    const std::string msgs[] = {"EXIT 127.0.0.5\r\nMAC: aa:bb:cc\r\nGUID: gx\r\n", "EXIT 127.0.0.6",
+                                "EXIT " + big + " MAC: " + big};
+    for (const std::string& m : msgs) {
+        ASSERT_GT(sendto(tx, m.data(), m.size(), 0, (struct sockaddr*)&group, sizeof(group)), 0);
+    }
+    for (int i = 0; i < 500; i++) {
+        {
+            std::lock_guard<std::mutex> hold(owner.lock);
+            if (owner.events.size() >= 3) break;
+        }
+        PAL_ThreadSleep(10);
+    }
+    t0 = PAL_GetClock();
     EXPECT_EQ(0, d.ReceiveMsgClose());
+    EXPECT_LT(PAL_GetClock() - t0, 2500u);
+    close(tx);
     EXPECT_EQ(0, d.CAVRepDlnaClose());
+
+    std::lock_guard<std::mutex> hold(owner.lock);
+    ASSERT_EQ(3u, owner.events.size());
+    for (const Event& ev : owner.events) EXPECT_EQ(AVMSG_RECEIVER_DIED, ev.msg);
+    EXPECT_EQ("127.0.0.5", owner.events[0].word);
+    EXPECT_EQ("aa:bb:cc", owner.events[0].mac);
+    EXPECT_EQ("127.0.0.6", owner.events[1].word);
+    EXPECT_EQ("", owner.events[1].mac);
+    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].word);
+    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].mac);
 }
 
 TEST(AVRepDlna, RequestTextAndHostileAnswersThatNeverCorruptTheList) {
@@ -215,80 +261,6 @@ TEST(AVRepDlna, AnswerParserCutsEveryField) {
     EXPECT_EQ(1, CAVRepDlna::ParseExitMessage("EXIT", word, mac, guid));
     EXPECT_STREQ("", word);
     EXPECT_EQ(0, CAVRepDlna::ParseExitMessage("EXI T 1.2.3.4", word, mac, guid));
-}
-
-TEST(AVRepDlna, SearchTimingAndBadAddresses) {
-    DlnaPeers peers;
-    ASSERT_TRUE(peers.ok());
-    peers.Start();
-    CAVRepDlna d(owner_notify, nullptr);
-    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
-    AV_DEVICE_INFO out;
-
-    // A malformed address returns 1 and sends nothing.
-    const std::string len256(256, '1');
-    for (const char* bad : {"", "224.1.2.4", ":1234", "224.1.2.4:", len256.c_str()}) {
-        EXPECT_EQ(1, search(&d, &out, 100, bad)) << bad;
-    }
-    // waitMs 0 collects for the default 2000 ms.
-    unsigned int t0 = PAL_GetClock();
-    EXPECT_EQ(0, search(&d, &out, 0));
-    unsigned int took = PAL_GetClock() - t0;
-    EXPECT_GE(took, 2000u);
-    EXPECT_LT(took, 8000u);
-    peers.Stop();
-    EXPECT_EQ(8u, peers.Requests().size());  // the good search's only
-    EXPECT_EQ(0, out.nAVDeviceCnt);
-
-    // Init refuses the same malformed texts.
-    CAVRepDlna e;
-    EXPECT_EQ(1, e.CAVRepDlnaInit("224.1.2.4"));
-    EXPECT_EQ(1, e.CAVRepDlnaInit(len256.c_str()));
-    EXPECT_EQ(0, d.CAVRepDlnaClose());
-}
-
-TEST(AVRepDlna, ExitAnnouncementsReachTheOwner) {
-    Owner owner;
-    CAVRepDlna d(owner_notify, &owner);
-    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
-    ASSERT_EQ(0, d.ReceiveMsgOpen());
-
-    // Our own DEVICE requests loop back to the socket and are ignored.
-    AV_DEVICE_INFO out;
-    ASSERT_EQ(0, search(&d, &out, 200));
-
-    int tx = rx_udp_bind("127.0.0.5", 0);
-    ASSERT_GE(tx, 0);
-    struct sockaddr_in group;
-    ASSERT_TRUE(rx_sockaddr("224.1.2.4", 1234, &group));
-    const std::string big(300, 'Z');
-    const std::string msgs[] = {"EXIT 127.0.0.5\r\nMAC: aa:bb:cc\r\nGUID: gx\r\n", "EXIT 127.0.0.6",
-                                "EXIT " + big + " MAC: " + big};
-    for (const std::string& m : msgs) {
-        ASSERT_GT(sendto(tx, m.data(), m.size(), 0, (struct sockaddr*)&group, sizeof(group)), 0);
-    }
-    for (int i = 0; i < 500; i++) {
-        {
-            std::lock_guard<std::mutex> hold(owner.lock);
-            if (owner.events.size() >= 3) break;
-        }
-        PAL_ThreadSleep(10);
-    }
-    unsigned int t0 = PAL_GetClock();
-    EXPECT_EQ(0, d.ReceiveMsgClose());
-    EXPECT_LT(PAL_GetClock() - t0, 2500u);
-    close(tx);
-
-    std::lock_guard<std::mutex> hold(owner.lock);
-    ASSERT_EQ(3u, owner.events.size());
-    for (const Event& e : owner.events) EXPECT_EQ(AVMSG_RECEIVER_DIED, e.msg);
-    EXPECT_EQ("127.0.0.5", owner.events[0].word);
-    EXPECT_EQ("aa:bb:cc", owner.events[0].mac);
-    EXPECT_EQ("127.0.0.6", owner.events[1].word);
-    EXPECT_EQ("", owner.events[1].mac);
-    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].word);
-    EXPECT_EQ(std::string(19, 'Z'), owner.events[2].mac);
-    EXPECT_EQ(0, d.CAVRepDlnaClose());
 }
 
 TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
