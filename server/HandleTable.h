@@ -8,15 +8,16 @@
 // freed object. A caller that uses an object while another thread may
 // delete it holds it with Acquire/Release: Remove then waits until the last
 // holder has released it, so the object is never freed under a caller.
-// Allocates: map nodes. Threads: any. Locks: m_mutex, guarding the map and
-// the counter, held only inside each call (Remove waits on m_released with
-// it released).
+// Allocates: map nodes, and a semaphore per Remove that has to wait. Threads:
+// any. Locks: m_mutex (a PAL mutex), guarding the map and the counter, held
+// only inside each call (Remove waits on its slot's semaphore with it
+// released).
 #ifndef HANDLETABLE_H
 #define HANDLETABLE_H
 
-#include <condition_variable>
-#include <mutex>
 #include <unordered_map>
+
+#include "PAL_Sync.h"
 
 class HandleTable {
 public:
@@ -43,12 +44,12 @@ private:
 
     struct Slot {
         void* obj;
-        int refs;      // Acquire calls not yet released
-        bool removed;  // Remove has begun: no new holders
+        int refs;           // Acquire calls not yet released
+        bool removed;       // Remove has begun: no new holders
+        PAL_SEM* lastGone;  // Remove waits on it; the last Release signals it
     };
 
-    mutable std::mutex m_mutex;  // guards m_map and m_next
-    std::condition_variable m_released;
+    PAL_MUTEX* m_mutex;  // guards m_map and m_next
     std::unordered_map<int, Slot> m_map;
     int m_first;
     int m_next;

@@ -424,7 +424,7 @@ int PlurafonMgr::LoadGroup(const char* path) {
     if (count) {
         LPGROUP_INFO groups = rw.GetGroupList();
         LPDEVICE_INFO devices = rw.GetDeviceList();
-        PAL_MutexLock(_lpmutex, 1);
+        PalLock lock(_lpmutex);
         PAL_MutexLock(_lpdevmutex, 1);
         // A MAC the registry already knows keeps its record: the loaded
         // members are pointed at it and the loaded copy is dropped.
@@ -461,7 +461,6 @@ int PlurafonMgr::LoadGroup(const char* path) {
             if (!_add_group(groups)) FreeGroupInfo(groups);
             groups = next;
         }
-        PAL_MutexUnLock(_lpmutex);
     }
     SearchDeviceAsync(0);
     return _group_cnt;

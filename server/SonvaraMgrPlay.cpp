@@ -313,9 +313,8 @@ int PlurafonMgr::ReceiverDeviceVolumeControl(const char* pReceiverIP, const char
             r = PLURAFON_ERR_NO_STREAMER;
         } else {
             r = AVSenderReceiverDeviceVolumeControl(group->_lpavsender, pReceiverIP, nVolume);
-            PAL_MutexLock(_lpdevmutex, 1);
+            PalLock lock(_lpdevmutex);
             device->_mVol = nVolume;
-            PAL_MutexUnLock(_lpdevmutex);
         }
     }
     debug_UI("ReceiverDeviceVolumeControl--- Ret %d", r);

@@ -168,14 +168,13 @@ bool PlurafonMgr::_device_search_async() {
                                  found->pReceiverName, found->isMaster, found->_vol);
             continue;
         }
-        PAL_MutexLock(_lpdevmutex, 1);
+        PalLock lock(_lpdevmutex);
         device->_isExist = true;
         CopyField(device->_ip, sizeof(device->_ip), found->pReceiverIP);
         CopyField(device->_Guid, sizeof(device->_Guid), found->pReceiverGuid);
         CopyField(device->_DeviceName, sizeof(device->_DeviceName), found->pReceiverName);
         device->_mReceiverType = found->isMaster;
         device->_mVol = found->_vol;
-        PAL_MutexUnLock(_lpdevmutex);
     }
     delete result;
     return true;
@@ -256,14 +255,13 @@ void PlurafonMgr::_on_receiver_found(const char* ipText, const char* text, int h
 
     LPDEVICE_INFO device = _find_device(ip, req.mac);
     if (device) {
-        PAL_MutexLock(_lpdevmutex, 1);
+        PalLock lock(_lpdevmutex);
         device->_isExist = true;
         CopyField(device->_ip, sizeof(device->_ip), ip);
         CopyField(device->_MacAddr, sizeof(device->_MacAddr), req.mac);
         CopyField(device->_Guid, sizeof(device->_Guid), req.guid);
         CopyField(device->_DeviceName, sizeof(device->_DeviceName), req.name);
         device->_mVol = (int)req.vol;
-        PAL_MutexUnLock(_lpdevmutex);
     }
 
     // A receiver the stream was still waiting for is dropped from that wait
