@@ -10,13 +10,15 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
+import java.util.Map;
 import java.util.Set;
 
 /**
- * A group playing a WAV file from Java to three emulated receivers: progress
- * on a native thread, seek, pause and resume, volume, the service registry, a
+ * A group playing a WAV file from Java to three emulated receivers, found
+ * and grouped as the application does it (SessionTests): progress on a
+ * native thread, seek, pause and resume, volume, the service registry, a
  * JOIN from a receiver outside the group, many Java threads calling at once,
- * the end of the content, Stop.
+ * the end of the content, Stop; then a receiver leaving the network.
  */
 final class PlaybackTests {
     private PlaybackTests() {}
@@ -74,23 +76,32 @@ final class PlaybackTests {
         m.setListener(log);
         Check.eq("initialize", 0, m.initialize("4f1c2a9e-playback"));
         Check.eq("ConnectedWiFi", 0, m.ConnectedWiFi());
-        Check.eq("SearchDevice", 0, m.SearchDevice());
         int g = m.CreateGroup("Erdgeschoss");
-        for (SessionTests.Speaker s : speakers) {
-            Check.eq("AddDevice " + s.ip, 0, m.AddDevice(g, s.ip, s.mac, s.role, true));
-        }
-        Path wav = makeWav(Files.createTempDirectory("sonvara-play"), SECONDS);
-        String file = wav.toString();
+        Check.ok("CreateGroup", g != 0);
+        Map<String, Integer> slot = SessionTests.findAndGroup(m, log, speakers, g);
+        Path dir = Files.createTempDirectory("sonvara-play");
+        Check.eq("SaveGroup", 0, m.SaveGroup(dir.toString()));
+        Check.ok("group file written", Files.isRegularFile(dir.resolve("multi_group_play.ini")));
+
+        // Content questions: the content-info query also reports to the listener.
+        String file = makeWav(dir, SECONDS).toString();
         Check.eq("IsContentValid", 0, m.IsContentValid(file, "audio/x-wav"));
+        Check.ok("IsContentValid rejects a missing file",
+                m.IsContentValid(dir.resolve("none.wav").toString(), "audio/x-wav") != 0);
         Check.eq("GetContentChannel", 2, m.GetContentChannel(file));
         Check.eq("GetContentSampleRate", 44100, m.GetContentSampleRate(file));
+        log.clear();
+        m.GetContentInfo(file);
+        Check.eq("contents event", List.of("ContentsInfo|2|44100"), log.texts());
+        Check.eq("no service devices before playing", List.of(),
+                List.of(m.GetServiceDeviceList()));
 
         log.clear();
         Check.eq("Open", 0, m.Open(g, file, "Ton \u00fc", "audio/x-wav", 2, 44100, 9, 0, false));
         for (SessionTests.Speaker s : speakers) {
             Check.ok("packets reach " + s.ip, NotifyProbe.rxWaitPackets(s.rx, 100, (int) WAIT_MS));
         }
-        String[] roles = {"Front_Left", "Front_Right", "Woofer"};
+        String[] roles = {"Front_Left", "Center", "Woofer"};
         for (int i = 0; i < speakers.size(); i++) {
             Check.eq("role of " + speakers.get(i).ip, roles[i], NotifyProbe.rxStartRole(speakers.get(i).rx));
         }
@@ -130,9 +141,9 @@ final class PlaybackTests {
 
         SessionTests.Speaker first = speakers.get(0);
         NotifyProbe.rxSendVolumeChanged(first.rx, 6);
-        // A blocking search records no names: the name field is empty here.
+        // The name is the one the background search learnt.
         Check.ok("volume change reported", log.await("ReceiverVolumeChanged|" + g + "|" + first.ip
-                + "|" + first.mac + "|" + first.guid + "||6", WAIT_MS));
+                + "|" + first.mac + "|" + first.guid + "|" + first.name + "|6", WAIT_MS));
 
         // Many Java threads calling while the group plays.
         java.util.concurrent.atomic.AtomicInteger wrong = new java.util.concurrent.atomic.AtomicInteger();
@@ -156,7 +167,6 @@ final class PlaybackTests {
             int[] r = NotifyProbe.rxReport(s.rx);
             Check.eq("no bad lengths at " + s.ip, 0, r[NotifyProbe.RX_BAD_LENGTH]);
         }
-        Check.eq("DisconnectedWiFi", 0, m.DisconnectedWiFi());
-        Check.eq("Finalize", 0, m.Finalize());
+        SessionTests.leaveAndFinalize(m, log, speakers, g, slot);
     }
 }
