@@ -7,7 +7,6 @@ import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Map;
@@ -15,16 +14,16 @@ import java.util.Set;
 
 /**
  * A group playing a WAV file from Java to three emulated receivers, found
- * and grouped as the application does it (SessionTests): progress on a
- * native thread, seek, pause and resume, volume, the service registry, a
- * JOIN from a receiver outside the group, many Java threads calling at once,
- * the end of the content, Stop; then a receiver leaving the network.
+ * and grouped as the application does it (SessionTests): the roles they are
+ * given, the service registry, progress on a native thread, a volume change
+ * and a JOIN reported with their texts, the end of the content, Stop; then a
+ * receiver leaving the network.
  */
 final class PlaybackTests {
     private PlaybackTests() {}
 
     static final long WAIT_MS = 30_000;
-    static final int SECONDS = 15;
+    static final int SECONDS = 8;
 
     /** A 16-bit stereo 44.1 kHz WAV file: a tone on the left, another on the right. */
     static Path makeWav(Path dir, int seconds) throws IOException {
@@ -44,15 +43,6 @@ final class PlaybackTests {
             out.write(b.array());
         }
         return f;
-    }
-
-    static List<Integer> progress(EventLog log, int group) {
-        List<Integer> out = new ArrayList<>();
-        for (String t : log.texts()) {
-            String prefix = "PlayProgress|" + group + "|";
-            if (t.startsWith(prefix)) out.add(Integer.parseInt(t.substring(prefix.length())));
-        }
-        return out;
     }
 
     static void run() throws Exception {
@@ -120,38 +110,14 @@ final class PlaybackTests {
             Check.ok("progress thread detached after the event", !e.thread.isAlive());
         }
 
-        Check.eq("seekTo", 0, m.seekTo(g, 6));
-        Check.ok("progress after the seek", log.await("PlayProgress|" + g + "|7", WAIT_MS));
-
-        Check.eq("Pause", 0, m.Pause(g));
-        Thread.sleep(1500);
-        int paused = progress(log, g).size();
-        Thread.sleep(2500);
-        Check.ok("no progress while paused", progress(log, g).size() <= paused + 1);
-        Check.eq("Resume", 0, m.Resume(g));
-        Check.ok("progress after resume", log.await("PlayProgress|" + g + "|9", WAIT_MS));
-
-        Check.eq("ReceiverVolumeControl", 0, m.ReceiverVolumeControl(g, 4));
-        long end = System.currentTimeMillis() + WAIT_MS;
-        while (NotifyProbe.rxReport(speakers.get(0).rx)[NotifyProbe.RX_VOLUME] != 4
-                && System.currentTimeMillis() < end) {
-            Thread.sleep(50);
-        }
-        Check.eq("receiver volume", 4, NotifyProbe.rxReport(speakers.get(0).rx)[NotifyProbe.RX_VOLUME]);
-
+        // Seek, pause, resume and volume from Java under a playing group, and
+        // from inside events, are the reentry group's; what they do at the
+        // receivers is checked by the manager's tests.
         SessionTests.Speaker first = speakers.get(0);
         NotifyProbe.rxSendVolumeChanged(first.rx, 6);
         // The name is the one the background search learnt.
         Check.ok("volume change reported", log.await("ReceiverVolumeChanged|" + g + "|" + first.ip
                 + "|" + first.mac + "|" + first.guid + "|" + first.name + "|6", WAIT_MS));
-
-        // Many Java threads calling while the group plays.
-        java.util.concurrent.atomic.AtomicInteger wrong = new java.util.concurrent.atomic.AtomicInteger();
-        StressTests.hammer("while playing", StressTests.mixedCalls(m, new int[] {g},
-                Files.createTempDirectory("sonvara-play-stress").toString(), wrong));
-        Check.eq("while playing: impossible answers", 0, wrong.get());
-        Check.eq("still the three served receivers", ips,
-                new HashSet<>(List.of(m.GetServiceDeviceList())));
 
         // A receiver outside the group asks to join the running stream.
         SessionTests.startAt(outsider, 5);
