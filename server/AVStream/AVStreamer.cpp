@@ -58,6 +58,7 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     }
     m_pendingProgress = 0;
     m_bProgressDue = false;
+    if (!PAL_MutexCreate(&m_pFeedLock)) m_pFeedLock = nullptr;
     m_rtpOutSock = -1;
     memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
     if (!PAL_SemCreate(&m_pMusicWakeSem, 0)) m_pMusicWakeSem = nullptr;
@@ -89,6 +90,7 @@ CAVStreamer::~CAVStreamer() {
     for (int fd : m_wakeFd)
         if (fd >= 0) close(fd);
     if (m_pMusicWakeSem != nullptr) PAL_SemDelete(m_pMusicWakeSem);
+    if (m_pFeedLock != nullptr) PAL_MutexDelete(m_pFeedLock);
 }
 
 void CAVStreamer::_session_clear(int index) {

@@ -351,6 +351,12 @@ private:
     int m_wakeFd[2];             // pipe: other threads wake the control server with a byte
     uint32_t m_pendingProgress;  // progress found by SendRTP, raised after the pass
     bool m_bProgressDue;
+    // Held by the music source while it writes one chunk into the receivers'
+    // buffers (one after the other, never waiting), and by the stream thread
+    // while it compares two buffers' fill levels to line a receiver up:
+    // levels taken half-way through a chunk belong to different chunks.
+    // Lives as long as the streamer.
+    PAL_MUTEX* m_pFeedLock;
     // The packet SendRTP made ready in m_pSendBuf, sent by the stream thread
     // once the session lock is released (the RTP socket lives as long as
     // the slot's thread does, so the descriptor stays valid).

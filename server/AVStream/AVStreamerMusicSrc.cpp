@@ -5,7 +5,8 @@
 //
 // Allocates its two work buffers once per thread (nothing per chunk).
 // Runs on: MusicSourceThread (started by AVStreamerInit).
-// Locks: a session's `_lpmutex` only while scanning for the end of a seek.
+// Locks: a session's `_lpmutex` only while scanning for the end of a seek;
+// m_pFeedLock while writing one chunk into the buffers (no wait inside).
 // Waits: on m_pMusicWakeSem, each wait bounded (AV_MUSIC_WAIT_MS): for room
 // in the buffer shortest of it (signalled by the stream thread's read), and
 // while idle for the stream start, a resume, a seek or the close.
@@ -210,6 +211,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
                     // the chunk is handled at once.
                     if (!self->_wait_for_room(nReadSize)) continue;
                     bool delivered = false;
+                    PAL_MutexLock(self->m_pFeedLock, 1);
                     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
                         AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
                         if (!s.bActive) continue;
@@ -223,6 +225,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
                             delivered = true;
                         }
                     }
+                    PAL_MutexUnLock(self->m_pFeedLock);
                     if (delivered) continue;
                     // Nobody to deliver to: the chunk is dropped at the pace
                     // of the step.

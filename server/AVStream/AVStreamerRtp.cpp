@@ -7,6 +7,7 @@
 // Allocates nothing (the send buffer belongs to the control server).
 // Runs on: RtpStreamThread; the filters on the music source thread.
 // Locks: each session's `_lpmutex` while serving that session; never two.
+// Inside it, m_pFeedLock while lining a receiver up.
 // The packet is sent, and the progress event raised after the pass, with no
 // lock held.
 #include <arpa/inet.h>
@@ -141,10 +142,12 @@ void CAVStreamer::_serve_session_l(int index, unsigned char* reportFlag) {
 
 // Gives session index the stream position of the first synchronised session
 // j by dropping the PCM it holds beyond j's. Both buffers are fed the same
-// chunks, so equal fill levels mean equal positions. A j still to be served
-// in this pass will have sent one more packet by the time index is next
-// served, hence the one-packet lead. The session is sent to from the next
-// pass on.
+// chunks, so equal fill levels mean equal positions, but only between two
+// chunks: the music source feeds the buffers one after the other, so they
+// are compared under the feed lock (a wait of at most one chunk's copies,
+// during which the music source never waits). A j still to be served in this pass will have sent
+// one more packet by the time index is next served, hence the one-packet lead. The session is sent
+// to from the next pass on.
 void CAVStreamer::_line_up_session_l(int index) {
     AV_RCV_SESS* sess = m_AVRcvSessInfo.AVRcvSess;
     AV_RCV_SESS& s = sess[index];
@@ -163,8 +166,10 @@ void CAVStreamer::_line_up_session_l(int index) {
     PAL_RINGBUF* rbj = sess[j].pFD;
     if (rbj == nullptr) return;
     long long lead = j < index ? 0 : AV_STREAM_PACKET_SIZE;
+    PAL_MutexLock(m_pFeedLock, 1);
     long long excess =
         (long long)Pal_RingBufAvailable(rbj) - (long long)Pal_RingBufAvailable(rb) + lead;
+    PAL_MutexUnLock(m_pFeedLock);
     if (excess < 0) return;  // not enough queued yet to catch up
     if (excess > 0 && Pal_RingBufRead(rb, nullptr, (unsigned long)excess) != 0)
         Pal_RingBufReset(rb);
