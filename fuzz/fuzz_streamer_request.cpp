@@ -28,6 +28,7 @@
 
 #include "AVStreamer.h"
 #include "fuzz_support.h"
+#include "streamer_probe.h"
 
 namespace {
 
@@ -46,51 +47,51 @@ void _notify(intptr_t, intptr_t msg, intptr_t a, intptr_t b, intptr_t, intptr_t)
         fuzz_require(msg == AVMSG_SERVICE_STOP);
 }
 
+typedef CAVStreamerProbe Probe;
+
 void _setup(CAVStreamer* st, int* peers) {
     static const AV_CHANNEL_TYPE kRoles[kReceivers] = {AV_CHANNEL_FRONT_LEFT,
                                                        AV_CHANNEL_FRONT_RIGHT, AV_CHANNEL_PARTY};
+    AV_RECEIVER_INFO ri;
+    memset(&ri, 0, sizeof ri);
+    AV_MUSIC_INFO mi;
+    memset(&mi, 0, sizeof mi);
+    mi.SampleRate = 44100;
+    mi.BytesPerSample = 2;
+    mi.NumChannels = 2;
+    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "t");
     for (int i = 0; i < kReceivers; i++) {
-        AV_RECEIVER& r = st->m_AVReceiverInfo.AVReceiver[i];
+        AV_RECEIVER& r = ri.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.%d", 2 + i);
         r.ChannelType = kRoles[i];
         r._volume = 5 + i;
         r.bActive = 1;
-        AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
-        memcpy(s.pReceiverIP, r.pReceiverIP, sizeof(s.pReceiverIP));
-        s.bActive = true;
-        s.ChannelType = kRoles[i];
+    }
+    ri.nAVReceiverCnt = kReceivers;
+    Probe::Prepare(st, ri, mi);
+    for (int i = 0; i < kReceivers; i++) {
         int sp[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) __builtin_trap();
-        s.hTcpClientSock = sp[0];
+        Probe::Accept(st, i, sp[0]);
         peers[i] = sp[1];
-        // The outgoing queue an accept gives a session; the streamer frees it.
-        s.pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
-        if (s.pOutQ == nullptr) __builtin_trap();
     }
-    st->m_AVReceiverInfo.nAVReceiverCnt = kReceivers;
-    st->m_AVRcvSessInfo.nAVRcvSessCnt = kReceivers;
-    st->m_max_idx = kReceivers;
-    st->m_AVMusicInfo.SampleRate = 44100;
-    st->m_AVMusicInfo.BytesPerSample = 2;
-    st->m_AVMusicInfo.NumChannels = 2;
-    snprintf(st->m_AVMusicInfo.pContentTitle, sizeof(st->m_AVMusicInfo.pContentTitle), "t");
 }
 
 void _check_sessions(CAVStreamer* st) {
     int refs = 0, active = 0, entries = 0;
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        AV_RCV_SESS& s = st->m_AVRcvSessInfo.AVRcvSess[i];
+        AV_RCV_SESS& s = Probe::Sess(st, i);
         refs += s.bRefRcv ? 1 : 0;
         active += s.bActive ? 1 : 0;
-        entries += st->m_AVReceiverInfo.AVReceiver[i].bActive ? 1 : 0;
+        entries += Probe::Receivers(st).AVReceiver[i].bActive ? 1 : 0;
         fuzz_require(s.ServerState <= AV_STREAMER_STATE_BYE);
         fuzz_require(fuzz_terminated(s.pReceiverIP, sizeof(s.pReceiverIP)));
         if (!s.bActive) fuzz_require(s.hTcpClientSock == -1 && !s.bRefRcv);
-        if (s.bActive) fuzz_require(i < st->m_max_idx);
+        if (s.bActive) fuzz_require(i < Probe::MaxIdx(st));
     }
     fuzz_require(refs <= 1);
-    fuzz_require(st->m_AVRcvSessInfo.nAVRcvSessCnt == active);
-    fuzz_require(st->m_AVReceiverInfo.nAVReceiverCnt == entries);
+    fuzz_require(Probe::SessionCount(st) == active);
+    fuzz_require(Probe::ReceiverCount(st) == entries);
 }
 
 // Everything a receiver got since the last look must be whole replies or
@@ -121,14 +122,14 @@ void _check_replies(int peer) {
 // connection is readable, until nothing is left.
 void _serve(CAVStreamer* st, int index) {
     for (int reads = 0; reads < 16; reads++) {
-        const int sock = st->m_AVRcvSessInfo.AVRcvSess[index].hTcpClientSock;
+        const int sock = Probe::Sess(st, index).hTcpClientSock;
         if (sock < 0) return;
         int pending = 0;
         char probe;
         if (ioctl(sock, FIONREAD, &pending) != 0) return;
         // Nothing pending and not closed: not readable, nothing to do.
         if (pending == 0 && recv(sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return;
-        st->OnTcpCmdRead(index);
+        Probe::ReadRequest(st, index);
     }
 }
 
@@ -151,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pos += len + 1;
         if (len == 0) continue;
         const int index = piece[0] % kReceivers;
-        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[index];
+        AV_RCV_SESS& s = Probe::Sess(&st, index);
         if (s.hTcpClientSock < 0) continue;  // this receiver has left
         const size_t textLen = len - 1 < kMaxRequest ? len - 1 : kMaxRequest;
         if (piece[0] & 0x04) s.ServerState = AV_STREAMER_STATE_CLOCK;
@@ -163,12 +164,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         g_sender = sender;
         _serve(&st, index);
         _check_sessions(&st);
-        st._flush_session(index);
-        st._close_stale_sockets();
+        Probe::Flush(&st, index);
         _check_replies(peers[index]);
     }
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        AV_RCV_SESS& s = st.m_AVRcvSessInfo.AVRcvSess[i];
+        AV_RCV_SESS& s = Probe::Sess(&st, i);
         if (s.hTcpClientSock >= 0) close(s.hTcpClientSock);
     }
     for (int peer : peers) close(peer);

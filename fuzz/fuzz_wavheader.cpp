@@ -9,6 +9,7 @@
 
 #include "AVStreamer.h"
 #include "fuzz_support.h"
+#include "streamer_probe.h"
 
 namespace {
 
@@ -30,8 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (fd >= 1) {
         char buf[6144];
         s->Wav_FileRead(fd, buf, sizeof buf);
-        s->m_AVMusicInfo.SampleRate = s->m_ContentInfo.SampleRate;
-        s->m_AVMusicInfo.NumChannels = s->m_ContentInfo.NumChannels;
+        CAVStreamerProbe::Music(s).SampleRate = CAVStreamerProbe::Content(s).SampleRate;
+        CAVStreamerProbe::Music(s).NumChannels = CAVStreamerProbe::Content(s).NumChannels;
         s->wav_seek(fd, size > 0 ? data[0] : 0);
         s->Wav_FileRead(fd, buf, sizeof buf);
         s->Wav_FileClose(fd);

@@ -21,6 +21,9 @@
 
 #include "AVStreamer.h"
 #include "RxSocket.h"
+#include "streamer_probe.h"
+
+typedef CAVStreamerProbe Probe;
 
 // One event as the streamer raised it; texts copied during the call.
 struct StreamerEvent {
@@ -130,40 +133,30 @@ struct RxSpec {
 inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint32_t rate = 44100,
                             uint8_t channels = 2, uint8_t bytesPerSample = 2,
                             const char* title = "Test Song") {
-    memset(&s->m_AVReceiverInfo, 0, sizeof(s->m_AVReceiverInfo));
+    AV_RECEIVER_INFO ri;
+    memset(&ri, 0, sizeof(ri));
     for (size_t i = 0; i < rx.size(); i++) {
-        AV_RECEIVER& r = s->m_AVReceiverInfo.AVReceiver[i];
+        AV_RECEIVER& r = ri.AVReceiver[i];
         snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", rx[i].ip);
         r.ChannelType = rx[i].type;
         r._volume = rx[i].volume;
         r.bActive = 1;
     }
-    s->m_AVReceiverInfo.nAVReceiverCnt = (char)rx.size();
-    s->m_max_idx = (int)rx.size();
-    memset(&s->m_AVMusicInfo, 0, sizeof(s->m_AVMusicInfo));
-    snprintf(s->m_AVMusicInfo.pContentTitle, sizeof(s->m_AVMusicInfo.pContentTitle), "%s", title);
-    snprintf(s->m_AVMusicInfo.pMime, sizeof(s->m_AVMusicInfo.pMime), "audio/x-wav");
-    s->m_AVMusicInfo.SampleRate = rate;
-    s->m_AVMusicInfo.NumChannels = channels;
-    s->m_AVMusicInfo.BytesPerSample = bytesPerSample;
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) s->_session_clear(i);
+    ri.nAVReceiverCnt = (char)rx.size();
+    AV_MUSIC_INFO mi;
+    memset(&mi, 0, sizeof(mi));
+    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "%s", title);
+    snprintf(mi.pMime, sizeof(mi.pMime), "audio/x-wav");
+    mi.SampleRate = rate;
+    mi.NumChannels = channels;
+    mi.BytesPerSample = bytesPerSample;
+    Probe::Prepare(s, ri, mi);
 }
 
 // Brings the control server up on the given ports, multicast on the group.
 inline int OpenServer(CAVStreamer* s, unsigned short tcpPort, unsigned short rtpPort,
-                      unsigned short mcastPort = 21234) {
-    s->m_pMulticastIP = strdup("224.1.2.4");
-    s->m_MulticastPort = mcastPort;
-    snprintf(s->m_pMyIP, sizeof(s->m_pMyIP), "127.0.0.1");
-    if (!s->ServerInit()) return 271;
-    return s->ServerOpen(tcpPort, rtpPort);
-}
-
-inline void CloseServer(CAVStreamer* s) {
-    s->m_bSerExit = true;
-    s->ServerClose();
-    free(s->m_pMulticastIP);
-    s->m_pMulticastIP = nullptr;
+                      unsigned int searchAgoMs = 0) {
+    return Probe::OpenServer(s, tcpPort, rtpPort, 21234, searchAgoMs);
 }
 
 // A receiver played by the test: one control connection and one RTP socket,
@@ -297,16 +290,15 @@ protected:
     void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
     void TearDown() override {
         StopFeeder();
-        if (opened) CloseServer(st);
+        if (opened) Probe::CloseServer(st);
         delete st;
     }
-    void Open(const std::vector<RxSpec>& rx) {
+    void Open(const std::vector<RxSpec>& rx, unsigned int searchAgoMs = 0) {
         PrepareStreamer(st, rx);
-        st->m_unSearchBaseClock = NowMs();
-        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort));
+        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort, searchAgoMs));
         opened = true;
     }
-    AV_RCV_SESS& Sess(int i) { return st->m_AVRcvSessInfo.AVRcvSess[i]; }
+    AV_RCV_SESS& Sess(int i) { return Probe::Sess(st, i); }
     // The server sets a state once its reply is written, so the peer may see
     // the reply first.
     bool StateBecomes(int i, int state) {

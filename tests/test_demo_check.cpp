@@ -1,7 +1,7 @@
 // The demo's verdict logic on known data: per-role references from real
-// fixture files must equal what the streamer's own readers and filters make,
-// and the packet-by-packet comparison must tell the faults a real run shows
-// (late start, underruns, seeks, a pause's cut) from wrong audio.
+// files must equal what the streamer's own readers and filters make, and the
+// packet-by-packet comparison must tell the faults a real run shows (late
+// start, underruns, seeks, a pause's cut) from wrong audio.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -63,37 +63,27 @@ std::vector<unsigned char> streamer_stream(CAVStreamer* st, const DemoPcm& src, 
 
 }  // namespace
 
-TEST(DemoCheck, ReferencesAgreeWithTheStreamersFilters) {
-    // The demo's role rule is written independently of the streamer's; on
-    // real mono, stereo and six-channel audio both must give the same bytes.
-    CAVStreamer st(nullptr, nullptr, 1);
-    const char* files[] = {"sine_mono_44k.mp3", "wav16_stereo_44k.wav", "wav16_6ch_ext_8k.wav"};
-    for (const char* f : files) {
-        DemoPcm src = load(f);
-        src.bytes.resize(src.bytes.size() / (2 * src.channels) * (2 * src.channels));
-        for (int role = AV_CHANNEL_FRONT_LEFT; role <= AV_CHANNEL_PARTY; role++) {
-            std::vector<unsigned char> ref;
-            ASSERT_EQ(0, DemoRoleFilter(src, role, &ref));
-            EXPECT_TRUE(ref == streamer_stream(&st, src, role)) << f << " role " << role;
-        }
-    }
-}
-
-TEST(DemoCheck, ContentIsReadAsTheStreamersReadersReadIt) {
+TEST(DemoCheck, ContentAndRolesAreWhatTheStreamerMakesOfThem) {
     // The reference comes from the same bytes the streamer's own WAV and MP3
-    // readers hand to its music source, the bundled sample included.
+    // readers hand to its music source, the bundled sample included; the
+    // demo's role rule is written independently of the streamer's filters,
+    // and on mono, stereo and six-channel audio both must give the same bytes.
     const std::string sample = std::string(SONVARA_SOURCE_DIR) + "/samples/sonvara-demo";
-    const std::string files[] = {
-        sample + ".mp3", sample + ".wav", fixture_path("sine_vbr_xing.mp3"),
-        fixture_path("wav16_stereo_list_8k.wav"), fixture_path("wav16_6ch_ext_8k.wav")};
+    const std::string files[] = {sample + ".mp3",
+                                 sample + ".wav",
+                                 fixture_path("sine_mono_44k.mp3"),
+                                 fixture_path("sine_vbr_xing.mp3"),
+                                 fixture_path("wav16_stereo_list_8k.wav"),
+                                 fixture_path("wav16_6ch_ext_8k.wav")};
     for (const std::string& f : files) {
+        SCOPED_TRACE(f);
         DemoPcm pcm;
         std::string err;
-        ASSERT_EQ(0, DemoLoadContent(f.c_str(), &pcm, &err)) << f << ": " << err;
+        ASSERT_EQ(0, DemoLoadContent(f.c_str(), &pcm, &err)) << err;
         CAVStreamer st(nullptr, nullptr, 1);
         const bool mp3 = DemoIsMp3(f.c_str());
         long fd = mp3 ? st.Mp3ToPcm_FileOpen(f.c_str()) : st.Wav_FileOpen(f.c_str());
-        ASSERT_GE(fd, 1) << f;
+        ASSERT_GE(fd, 1);
         std::vector<unsigned char> streamed;
         std::vector<char> buf(12288);
         long n;
@@ -106,23 +96,25 @@ TEST(DemoCheck, ContentIsReadAsTheStreamersReadersReadIt) {
         } else {
             st.Wav_FileClose(fd);
         }
-        EXPECT_TRUE(streamed == pcm.bytes)
-            << f << ": " << streamed.size() << " vs " << pcm.bytes.size();
+        EXPECT_TRUE(streamed == pcm.bytes) << streamed.size() << " vs " << pcm.bytes.size();
+
+        pcm.bytes.resize(pcm.bytes.size() / (2 * pcm.channels) * (2 * pcm.channels));
+        for (int role = AV_CHANNEL_FRONT_LEFT; role <= AV_CHANNEL_PARTY; role++) {
+            std::vector<unsigned char> ref;
+            ASSERT_EQ(0, DemoRoleFilter(pcm, role, &ref));
+            EXPECT_TRUE(ref == streamer_stream(&st, pcm, role)) << "role " << role;
+        }
     }
 
-    // The sample's two channels are different parts, so roles can be told apart.
-    DemoPcm tune;
+    // The sample's two channels are different parts, so roles can be told
+    // apart; what the sender refuses has no reference either.
+    DemoPcm tune, out;
     std::string err;
-    ASSERT_EQ(0, DemoLoadContent((sample + ".wav").c_str(), &tune, &err)) << err;
     std::vector<unsigned char> left, right;
+    ASSERT_EQ(0, DemoLoadContent((sample + ".wav").c_str(), &tune, &err)) << err;
     ASSERT_EQ(0, DemoRoleFilter(tune, AV_CHANNEL_FRONT_LEFT, &left));
     ASSERT_EQ(0, DemoRoleFilter(tune, AV_CHANNEL_FRONT_RIGHT, &right));
-    DemoMatch m;
-    DemoCompare(left, std::vector<unsigned char>(right.begin(), right.begin() + 14000), 4, &m);
-    EXPECT_EQ(10u, m.differing);
-
-    // What the sender refuses has no reference either.
-    DemoPcm out;
+    EXPECT_FALSE(left == right);
     EXPECT_EQ(-1, DemoLoadContent(fixture_path("wav24_stereo_ext_8k.wav").c_str(), &out, &err));
     EXPECT_EQ(-1, DemoLoadContent(fixture_path("sine_layer2.mp2").c_str(), &out, &err));
     EXPECT_EQ(-1, DemoLoadContent("/nonexistent/x.wav", &out, &err));
@@ -150,6 +142,7 @@ TEST(DemoCheck, ReceivedWavFilesAreCheckedNotTrusted) {
 }
 
 TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
+    const std::string path = fixture_path("sine_cbr128_id3.mp3");
     DemoPcm mp3 = load("sine_cbr128_id3.mp3");
     std::vector<unsigned char> ref, left;
     ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_RIGHT, &ref));
@@ -175,15 +168,8 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     EXPECT_EQ(30u * DEMO_PACKET_BYTES + 8, m.startOffset);
     EXPECT_EQ(0u, m.jumps);
 
-    // A seek forward: two exact runs.
-    rx = packets(ref, 0, 20);
-    append(&rx, packets(ref, 60 * DEMO_PACKET_BYTES + 4 * 1152, 20));
-    DemoCompare(ref, rx, 4, &m);
-    EXPECT_EQ(DEMO_EXACT_RUNS, m.verdict);
-    EXPECT_EQ(1u, m.jumps);
-    EXPECT_EQ(40u, m.matched);
-
-    // A pause that dropped a chunk for a full buffer: one packet is cut.
+    // A pause that dropped a chunk for a full buffer: one packet is cut, and
+    // the stream goes on in a second exact run.
     rx = packets(ref, 0, 10);
     std::vector<unsigned char> cut = packets(ref, 10 * DEMO_PACKET_BYTES, 1);
     cut.resize(600);
@@ -210,30 +196,22 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     EXPECT_EQ(DEMO_NOTHING, m.verdict);
     DemoCompare(ref, silence, 4, &m);
     EXPECT_EQ(DEMO_NOTHING, m.verdict);
-}
 
-TEST(DemoCheck, SeekInMp3IsCheckedAgainstTheRestartedDecode) {
-    const std::string path = fixture_path("sine_cbr128_id3.mp3");
-    DemoPcm whole = load("sine_cbr128_id3.mp3");
+    // A seek in an MP3: the restarted decoder's first frame is not in a
+    // whole decode, but it is exactly what the sender sends after the seek.
     DemoPcm after;
     std::string err;
-    ASSERT_EQ(0, DemoLoadContentFrom(path.c_str(), 1, &after, &err)) << err;
-    EXPECT_LT(after.bytes.size(), whole.bytes.size() * 3 / 4);
-    EXPECT_GT(after.bytes.size(), whole.bytes.size() / 4);
     EXPECT_EQ(-1,
               DemoLoadContentFrom(fixture_path("wav16_stereo_44k.wav").c_str(), 1, &after, &err));
-    ASSERT_EQ(0, DemoLoadContentFrom(path.c_str(), 1, &after, &err));
-
-    std::vector<unsigned char> ref, seekRef;
-    ASSERT_EQ(0, DemoRoleFilter(whole, AV_CHANNEL_FRONT_LEFT, &ref));
-    ASSERT_EQ(0, DemoRoleFilter(after, AV_CHANNEL_FRONT_LEFT, &seekRef));
-    std::vector<unsigned char> rx = packets(ref, 0, 20);
+    ASSERT_EQ(0, DemoLoadContentFrom(path.c_str(), 1, &after, &err)) << err;
+    EXPECT_LT(after.bytes.size(), mp3.bytes.size() * 3 / 4);
+    EXPECT_GT(after.bytes.size(), mp3.bytes.size() / 4);
+    std::vector<unsigned char> seekRef;
+    ASSERT_EQ(0, DemoRoleFilter(after, AV_CHANNEL_FRONT_RIGHT, &seekRef));
+    rx = packets(ref, 0, 20);
     append(&rx, packets(seekRef, 0, 20));
-    DemoMatch m;
-    // The restarted decoder's first frame is not in a whole decode...
     DemoCompare(ref, rx, 4, &m);
     EXPECT_EQ(DEMO_DIFFERS, m.verdict);
-    // ...but it is exactly what the sender sends after the seek.
     DemoCompareAny({&ref, &seekRef}, rx, 4, &m);
     EXPECT_EQ(DEMO_EXACT_RUNS, m.verdict);
     EXPECT_EQ(1u, m.jumps);

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "AVRepDlna.h"
-#include "HandleTable.h"
 #include "thinSender.h"
 
 namespace {
@@ -81,8 +80,12 @@ TEST(ThinSender, NullAndStaleHandlesGetTheirFixedAnswers) {
     EXPECT_EQ(1, AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0));
     EXPECT_FALSE(AVSenderIsStreamReceiverExist(h));
     EXPECT_EQ(TAV_PARAM_INVALID, AVSenderReceiverDeviceVolumeControl(h, nullptr, 3));
+    EXPECT_EQ(h, AVSenderHandleOf(h));  // found by handle, never by a made-up one
+    EXPECT_EQ(0, AVSenderHandleOf(h + 1000));
+    EXPECT_EQ(0, AVSenderHandleOf((intptr_t)&h));
     EXPECT_EQ(0, AVSenderDelete(h));
     EXPECT_EQ(kNullStreamer, StreamerAnswers(h));
+    EXPECT_EQ(0, AVSenderHandleOf(h));
     int h2 = 0;
     ASSERT_EQ(0, AVSenderCreate(&h2, ignore_events, nullptr, 8));
     EXPECT_NE(h, h2);  // handles are not handed out twice
@@ -125,25 +128,4 @@ TEST(ThinSender, DeleteWaitsForCallsInFlight) {
         for (auto& t : callers) t.join();
         EXPECT_EQ(AVSENDER_ERR_NULL_STREAMER, AVSenderDelete(h));
     }
-}
-
-TEST(ThinSender, StreamersAreFoundByHandleOrByTheirOwnAddress) {
-    HandleTable table(1);
-    int a = 0, b = 0;
-    int ha = table.Add(&a), hb = table.Add(&b);
-    EXPECT_EQ(ha, table.HandleOf(&a));
-    EXPECT_EQ(hb, table.HandleOf(&b));
-    EXPECT_EQ(0, table.HandleOf(nullptr));
-    EXPECT_EQ(&a, table.Remove(ha));
-    EXPECT_EQ(0, table.HandleOf(&a));
-    EXPECT_EQ(nullptr, table.Find(ha));
-
-    int h = 0;
-    ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, 1));
-    EXPECT_EQ(h, AVSenderHandleOf(h));
-    EXPECT_EQ(0, AVSenderHandleOf(0));
-    EXPECT_EQ(0, AVSenderHandleOf(h + 1000));
-    EXPECT_EQ(0, AVSenderHandleOf((intptr_t)&a));
-    ASSERT_EQ(0, AVSenderDelete(h));
-    EXPECT_EQ(0, AVSenderHandleOf(h));
 }

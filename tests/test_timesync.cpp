@@ -107,11 +107,6 @@ TEST(ClockEstimator, FollowsOffsetAndDriftThroughJitterAndLossWithoutGoingBack) 
         EXPECT_TRUE(st.acquired);
         EXPECT_NEAR(-c.ppm, st.driftPpm, c.jitterUs ? 5 : 1);
         EXPECT_EQ(0u, st.restarts);
-        // The reverse mapping agrees with the forward one.
-        long long m = 0, l = 0;
-        ASSERT_TRUE(e.ToMaster(lab.Local(95000000), &m));
-        ASSERT_TRUE(e.ToLocal(m, &l));
-        EXPECT_LE(llabs(l - lab.Local(95000000)), 1);
     }
 }
 
@@ -172,14 +167,16 @@ protected:
     }
 };
 
-TEST_F(TimeSync, ClientEstimatesMasterClockWithinOneMillisecond) {
+TEST_F(TimeSync, ClientLearnsTheMasterAndEstimatesItsClockWithinOneMillisecond) {
     StartMaster(millisecond_clock);  // the phone's clock has millisecond steps
     TimeSyncClient client;
     TimeSyncClientConfig cfg;
-    TimeSyncClientDefaults(&cfg, "127.0.0.2");
-    rx_copy_text(cfg.masterAddr, sizeof(cfg.masterAddr), "127.0.0.1");
+    TimeSyncClientDefaults(&cfg, "127.0.0.2");  // no master address given
     cfg.clock = shifted_clock;
     ASSERT_EQ(0, client.Start(cfg));
+    PAL_ThreadSleep(100);
+    EXPECT_EQ(0u, client.Stats().responses);
+    ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 500000));
     ASSERT_TRUE(WaitResponses(client, 20));
     for (int i = 0; i < 5; i++) {
         long long estimate = 0;
@@ -195,40 +192,8 @@ TEST_F(TimeSync, ClientEstimatesMasterClockWithinOneMillisecond) {
     EXPECT_LE(llabs((long long)ms - m1 / 1000), 2);
     TimeSyncClientStats st = client.Stats();
     EXPECT_EQ(0u, st.malformed);
+    EXPECT_GT(st.announces, 0u);
     EXPECT_LT(llabs(st.lastOffsetUs + kArtificialOffsetUs), 1000);
-    client.Stop();
-}
-
-TEST_F(TimeSync, ThroughTheLabsImpairmentsTheErrorAgainstTheTruthStaysSmall) {
-    StartMaster(PAL_GetBootTimeUsec);
-    TimeSyncClient client;
-    TimeSyncClientConfig cfg;
-    TimeSyncClientDefaults(&cfg, "127.0.0.7");
-    cfg.clock = shifted_clock;
-    cfg.measureError = true;
-    cfg.settleUs = 500000;
-    cfg.lab.delayUs = 300;
-    cfg.lab.jitterUs = 1000;
-    cfg.lab.lossPct = 10;
-    cfg.lab.dupPct = 20;
-    cfg.lab.reorderPct = 10;
-    ASSERT_EQ(0, client.Start(cfg));
-    // The master is learnt from the (impaired) announcements.
-    ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 3000000));
-    TimeSyncClientStats st;
-    for (int i = 0; i < 100; i++) {  // a loaded machine only makes this slower
-        PAL_ThreadSleep(100);
-        st = client.Stats();
-        if (st.errors.convergeUs >= 0 && st.errors.count >= 10) break;
-    }
-    EXPECT_GE(st.errors.convergeUs, 0);
-    EXPECT_GE(st.errors.count, 10u);
-    EXPECT_GT(st.stale, 0u);  // copies and overtaken answers are not used
-    EXPECT_EQ(0u, st.malformed);
-    // Up to 1.3 ms each way: half a round trip bounds any estimate; the
-    // median error stays well inside that.
-    EXPECT_LT(st.errors.maxUs, 2000);
-    EXPECT_LT(llabs(st.errors.p50Us), 300);
     client.Stop();
 }
 
@@ -278,22 +243,6 @@ TEST_F(TimeSync, AnnouncementsFollowTheScheduleAndNameTheMaster) {
     }
     EXPECT_EQ(0, rx_wait_readable(sock, 400));
     close(sock);
-}
-
-TEST_F(TimeSync, ClientLearnsMasterFromAnnouncement) {
-    StartMaster(PAL_GetBootTimeUsec);
-    TimeSyncClient client;
-    TimeSyncClientConfig cfg;
-    TimeSyncClientDefaults(&cfg, "127.0.0.4");  // no master address given
-    ASSERT_EQ(0, client.Start(cfg));
-    PAL_ThreadSleep(100);
-    EXPECT_EQ(0u, client.Stats().responses);
-    ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 500000));
-    ASSERT_TRUE(WaitResponses(client, 5));
-    long long estimate = 0;
-    ASSERT_TRUE(client.MasterNowUs(&estimate));
-    EXPECT_LT(llabs(estimate - PAL_GetBootTimeUsec()), 1000);
-    EXPECT_GT(client.Stats().announces, 0u);
 }
 
 TEST_F(TimeSync, ClientFollowsAMasterThatRestartsWithAnotherClock) {

@@ -174,33 +174,50 @@ typedef struct _RTP_PACKET {
     uint32_t unSsrc;
 } RTP_PACKET;
 
+// Callers: "the caller's thread" is the sender facade's caller (a Java
+// thread under the bridge's mutex, or the manager's stop thread). No public
+// operation holds a session lock when it returns, and none waits without a
+// bound. Session locks named below are taken one at a time, never across a
+// socket call or an event.
 class CAVStreamer {
 public:
+    // Caller's thread. Creates the 30 session mutexes and the wake-up pipe.
     CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId);
+    // Caller's thread, after AVStreamerClose (or when never opened).
     ~CAVStreamer();
     CAVStreamer(const CAVStreamer&) = delete;
     CAVStreamer& operator=(const CAVStreamer&) = delete;
 
-    // ---- data model and state machine (AVStreamer.cpp)
-    void AVStreamerSetDefault();
+    // ---- state machine (AVStreamer.cpp). Any thread; no lock (the state
+    // is atomic).
     int GetStreamState();
     void SetStreamState(int state);
     bool canAction(int action);
-    bool AVStreamerIsStreamReceiverExist();
-    int ResetAcceptWaitReceiverInfo(const char* ip);
-    int ReceiverRelease(int index);
-    int _receiver_release_l(int index);
 
-    // ---- initialisation, open and close (AVStreamerOpen.cpp)
+    // ---- receiver bookkeeping (AVStreamer.cpp). Caller's thread.
+    // Any active session; no lock.
+    bool AVStreamerIsStreamReceiverExist();
+    // Drops a receiver that never connected; each session's lock in turn.
+    int ResetAcceptWaitReceiverInfo(const char* ip);
+    // Releases session index (a leave that got no BYE_ACK); takes that
+    // session's lock and wakes the control server to close the connection.
+    int ReceiverRelease(int index);
+
+    // ---- initialisation, open and close (AVStreamerOpen.cpp). Caller's
+    // thread, in this order; no session lock (the threads are not running
+    // yet, or are stopped and waited for first).
     int AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO* pAVMusicInfo,
                        int offset_time);
     int AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvrPort,
                        const char* pMulticastUrl, int nVolume, int offset_time);
     void AVStreamerClose();
+    // Caller's thread, before any streamer exists; no lock.
     static void SetGUID(const char* guid);
 
-    // ---- receiver setting commands (AVStreamerCommand.cpp)
-    int _send_comman_packet(int index, const char* text);
+    // ---- receiver setting commands (AVStreamerCommand.cpp). Caller's
+    // thread (ReceiverAddStart and ReceiverVolume also the control server's,
+    // at CHANNEL and PLAY). Each write takes the addressed session's lock to
+    // queue the text; the control server sends it.
     int ReceiverUpdateChannelType(const char* ip, int type);
     int SetReceiverUIType(int index, int type);
     int SetReceiverUIType(const char* ip, int type);
@@ -210,24 +227,69 @@ public:
     int ReceiverVolumeControl(int volume);
     int ReceiverAddStart(int index);
 
-    // ---- search, join and playback commands (AVStreamerControl.cpp)
+    // ---- search, join and playback commands (AVStreamerControl.cpp).
+    // Caller's thread. Each session's lock in turn, to stamp or queue.
     int ReceiverSearch(AV_RECEIVER_INFO* lpReceiverInfo);
-    int ReceiverAddSearch(int nIndex);
     int AVStreamerReceiverIn(AV_RECEIVER AVReceiver);
+    // Waits at most 20 x 50 ms for the BYE_ACK, without a lock.
     int AVStreamerReceiverOut(const char* pReceiverIP);
+    // Waits at most AV_SEEK_WAIT_MS for the music source, without a lock.
     void AVStreamerSeek(int offset);
-    int ReceiverSeekRequest();
     void AVStreamerPause();
     void AVStreamerResume();
     void AVStreamerStop();
+    void AVSenderStopNotify();
+    bool SendReqClock(int nRcv);
+    bool ReceiverAlive(int nRcv);
+
+    // ---- channel filters (AVStreamerRtp.cpp). Any thread; pure, no lock.
+    void PcmChannelFilter(short* src, unsigned long count, unsigned short channels,
+                          AV_CHANNEL_TYPE type, short* dst);
+    void PcmChannelFilter2Channel(short* src, unsigned long count, unsigned short channels,
+                                  AV_CHANNEL_TYPE type, short* dst);
+    void Pcm8BitChannelFilter2Channel(char* src, unsigned long count, unsigned short channels,
+                                      AV_CHANNEL_TYPE type, char* dst);
+    void PcmPartyChannelFilter(short* src, unsigned long count, unsigned short channels,
+                               short* dst);
+
+    // ---- music source (AVStreamerMusicSrc.cpp). The music source thread
+    // (the one writer of every ring buffer); no lock.
+    bool ReceiverMediaWrite(unsigned char nIndex, char* pBuffer, unsigned long unLength);
+
+    // ---- content readers (AVStreamerReader.cpp). File handles are the
+    // platform's (PAL_FileOpen), at least 1 when open. The caller's thread
+    // at init and close, the music source thread in between; no lock.
+    long Wav_FileOpen(const char* szFilePath);
+    long Wav_FileRead(long nFD, char* pDest, unsigned long unSize);
+    int Wav_FileClose(long nFD);
+    int GetWaveInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+    int wav_seek(long _fd, unsigned int _skipTimeSec);
+    long Mp3ToPcm_FileOpen(const char* szFilePath);
+    long Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize);
+    int Mp3ToPcm_FileClose(long nFD);
+    void get_mp3_info(long _fd);
+    int mp3_seek(long _fd, unsigned int _skipTimeSec);
+    int GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+    int GetContentInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
+
+private:
+    friend struct CAVStreamerProbe;  // tests, fuzzing and benchmarks look inside
+
+    // ---- data model and state machine (AVStreamer.cpp)
+    void AVStreamerSetDefault();
+    int _receiver_release_l(int index);
+
+    // ---- receiver setting commands (AVStreamerCommand.cpp)
+    int _send_comman_packet(int index, const char* text);
+
+    // ---- search, join and playback commands (AVStreamerControl.cpp)
+    int ReceiverAddSearch(int nIndex);
+    int ReceiverSeekRequest();
     int ReceiverPauseRequest(int idx);
     int ReceiverResumeRequest();
     int ReceiverStop();
-    void AVSenderStopNotify();
     int _receiver_leave_l(int nIndex);
     int ReceiverLeave(int nIndex);
-    bool SendReqClock(int nRcv);
-    bool ReceiverAlive(int nRcv);
 
     // ---- control server and receiver requests (AVStreamerServer.cpp)
     bool ServerInit();
@@ -241,38 +303,14 @@ public:
     int SendSDP(int index, unsigned short cseq);
     int ServerClose();
 
-    // ---- RTP stream thread, packetiser and channel filters (AVStreamerRtp.cpp)
+    // ---- RTP stream thread and packetiser (AVStreamerRtp.cpp)
     bool AddRtpStreamer();
     static int RtpStreamThread(void* streamer);
     int SendRTP(int nRcv, unsigned char report);
     int AddRTPHeader(char* buf, RTP_PACKET packet);
-    void PcmChannelFilter(short* src, unsigned long count, unsigned short channels,
-                          AV_CHANNEL_TYPE type, short* dst);
-    void PcmChannelFilter2Channel(short* src, unsigned long count, unsigned short channels,
-                                  AV_CHANNEL_TYPE type, short* dst);
-    void Pcm8BitChannelFilter2Channel(char* src, unsigned long count, unsigned short channels,
-                                      AV_CHANNEL_TYPE type, char* dst);
-    void PcmPartyChannelFilter(short* src, unsigned long count, unsigned short channels,
-                               short* dst);
 
     // ---- music source thread (AVStreamerMusicSrc.cpp)
     static int MusicSourceThread(void* param);
-    bool ReceiverMediaWrite(unsigned char nIndex, char* pBuffer, unsigned long unLength);
-
-    // ---- content readers (AVStreamerReader.cpp). File handles are the
-    // platform's (PAL_FileOpen), at least 1 when open.
-    long Wav_FileOpen(const char* szFilePath);
-    long Wav_FileRead(long nFD, char* pDest, unsigned long unSize);
-    int Wav_FileClose(long nFD);
-    int GetWaveInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
-    int wav_seek(long _fd, unsigned int _skipTimeSec);
-    long Mp3ToPcm_FileOpen(const char* szFilePath);
-    long Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize);
-    int Mp3ToPcm_FileClose(long nFD);
-    void get_mp3_info(long _fd);
-    int mp3_seek(long _fd, unsigned int _skipTimeSec);
-    int GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
-    int GetContentInfo(const char* pUri, AV_CONTENT_INFO* pAVContentInfo);
 
     // ---- data, in the order the streamer has always kept it
     AV_NOTIFY_MSG m_NotifyMsg;
@@ -346,7 +384,6 @@ public:
     bool _flush_session(int index);
     void _close_stale_sockets();
 
-private:
     bool m_bTimeSyncOn;          // this streamer holds a TimeSyncInitiator_StartSync
     int m_wakeFd[2];             // pipe: other threads wake the control server with a byte
     uint32_t m_pendingProgress;  // progress found by SendRTP, raised after the pass
@@ -374,6 +411,8 @@ private:
     // Content and stream set-up (AVStreamerOpen.cpp).
     bool _is_mime(const char* mime);
     void _close_content();
+    // Destroys the MP3 reader's decoder and parser, if any.
+    void _release_mp3_reader();
     void _reset_stream();
     int _parse_multicast_url(const char* url);
 

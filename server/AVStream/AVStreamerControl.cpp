@@ -25,11 +25,13 @@ void CAVStreamer::SetGUID(const char* guid) {
 
 // The SEARCH text followed by the 4-byte network-order address of every
 // listed receiver whose address converts. Returns the datagram length.
-static int build_search(char* buf, size_t size, unsigned int reqTs, const char* myIp,
-                        unsigned short tcpPort, const char* const* ips, int count) {
+static int build_search(char* buf, size_t size, const char* guid, unsigned int reqTs,
+                        const char* myIp, unsigned short tcpPort, const char* const* ips,
+                        int count) {
     memset(buf, 0, size);
-    int len = snprintf(buf, size, "SEARCH\r\nGUID: %s\r\nREQ_TS: %u\r\nServer: %s:%d\r\nClient: ",
-                       CAVStreamer::mguid, reqTs, myIp, tcpPort);
+    int len =
+        snprintf(buf, size, "SEARCH\r\nGUID: %s\r\nREQ_TS: %u\r\nServer: %s:%d\r\nClient: ", guid,
+                 reqTs, myIp, tcpPort);
     if (len < 0 || (size_t)len >= size) return 0;
     for (int i = 0; i < count && (size_t)len + 4 <= size; i++) {
         unsigned int addr = PAL_inet_addr(ips[i]);
@@ -59,7 +61,7 @@ int CAVStreamer::ReceiverSearch(AV_RECEIVER_INFO* lpReceiverInfo) {
         PAL_MutexUnLock(s._lpmutex);
     }
     char msg[AV_CMD_BUF_SIZE];
-    int len = build_search(msg, sizeof(msg), reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, count);
+    int len = build_search(msg, sizeof(msg), mguid, reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, count);
     m_unSearchBaseClock = PAL_GetClock();
     for (int n = 0; n < 8; n++) {
         debug_UI("[AVStreamer m_groupId : %d] Search[%d]========", m_groupId, n);
@@ -80,7 +82,7 @@ int CAVStreamer::ReceiverAddSearch(int nIndex) {
     PAL_MutexUnLock(s._lpmutex);
     const char* ips[1] = {ip};
     char msg[AV_CMD_BUF_SIZE];
-    int len = build_search(msg, sizeof(msg), reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, 1);
+    int len = build_search(msg, sizeof(msg), mguid, reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, 1);
     for (int n = 0; n < 8; n++) {
         debug_UI("[AVStreamer m_groupId : %d] Search[%d]========", m_groupId, n);
         PAL_SockWrite(m_MulticastSvr.nSock, PAL_SOCK_UDP, msg, len, ip, m_MulticastPort);

@@ -55,18 +55,17 @@ bool is_layer3_header(const unsigned char* p) {
            bri <= 14 && ((p[2] >> 2) & 3) != 3;
 }
 
-// Destroys the MP3 reader's decoder and parser, if any.
-void release_mp3_reader(CAVStreamer* s) {
-    if (s->m_pMp3Decoder != nullptr) {
-        s->m_pMp3Decoder->MP3Dec_Release();
-        delete s->m_pMp3Decoder;
-        s->m_pMp3Decoder = nullptr;
-    }
-    delete s->m_pMP3Parser;
-    s->m_pMP3Parser = nullptr;
-}
-
 }  // namespace
+
+void CAVStreamer::_release_mp3_reader() {
+    if (m_pMp3Decoder != nullptr) {
+        m_pMp3Decoder->MP3Dec_Release();
+        delete m_pMp3Decoder;
+        m_pMp3Decoder = nullptr;
+    }
+    delete m_pMP3Parser;
+    m_pMP3Parser = nullptr;
+}
 
 // ---- WAV
 
@@ -135,7 +134,7 @@ int CAVStreamer::wav_seek(long _fd, unsigned int _skipTimeSec) {
 
 long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
     memset(&m_Mp3Inst, 0, sizeof m_Mp3Inst);
-    release_mp3_reader(this);
+    _release_mp3_reader();
     long fd = PAL_FileOpen(szFilePath, FOPEN_READ, 0);
     if (fd < 1) return AV_READ_NOT_OPENED;
 
@@ -143,7 +142,7 @@ long CAVStreamer::Mp3ToPcm_FileOpen(const char* szFilePath) {
     if (m_pMP3Parser != nullptr) m_pMp3Decoder = new (std::nothrow) MP3Decoder();
     if (m_pMp3Decoder == nullptr || !m_pMp3Decoder->MP3Dec_Create()) {
         PAL_FileClose(fd);
-        release_mp3_reader(this);
+        _release_mp3_reader();
         return 0;
     }
     m_AVMusicInfo.BytesPerSample = 2;
@@ -184,7 +183,7 @@ long CAVStreamer::Mp3ToPcm_FileRead(long nFD, char* pDest, unsigned long unSize)
 }
 
 int CAVStreamer::Mp3ToPcm_FileClose(long nFD) {
-    release_mp3_reader(this);
+    _release_mp3_reader();
     PAL_FileClose(nFD);
     return 0;
 }
