@@ -205,6 +205,7 @@ void CAVStreamer::AVStreamerSeek(int offset) {
     }
     _bseek_complete = false;
     bSeekReqMusicSrcT = true;
+    _wake_music_source();
     debug_UI("xxxseek [AVStreamerSeek] bSeekReqMusicSrcT = TRUE set");
     // Asleep until the music source reports the seek done (or the stream
     // ends), and bounded: the application must get its call back whatever the
@@ -256,6 +257,7 @@ void CAVStreamer::AVStreamerPause() {
     }
     SetStreamState(STREAM_STATE_PAUSE);
     _bpause = true;
+    _wake_music_source();  // a chunk waiting for room is abandoned now
     ReceiverPauseRequest(-1);
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerPause() End", m_groupId);
 }
@@ -276,6 +278,7 @@ void CAVStreamer::AVStreamerResume() {
     }
     SetStreamState(STREAM_STATE_RESUME);
     _bpause = false;
+    _wake_music_source();
     ReceiverResumeRequest();
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerResume() End", m_groupId);
 }

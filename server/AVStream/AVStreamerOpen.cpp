@@ -171,6 +171,7 @@ void CAVStreamer::AVStreamerClose() {
     SetStreamState(STREAM_STATE_CLOSE);
     m_bSerExit = true;
     PAL_SemSignal(m_pSeekDoneSem, 1);  // a seek still waiting sees the end now
+    _wake_music_source();              // it sees the exit now, not at the end of a wait
     ServerClose();
     // The music source closes the content on its way out; an init that
     // failed before starting it left the content open.
