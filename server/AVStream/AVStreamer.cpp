@@ -58,9 +58,10 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     }
     m_pendingProgress = 0;
     m_bProgressDue = false;
+    if (!PAL_MutexCreate(&m_pFeedLock)) m_pFeedLock = nullptr;
     m_rtpOutSock = -1;
-    m_rtpOutPort = 0;
-    memset(m_rtpOutIp, 0, sizeof(m_rtpOutIp));
+    memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
+    if (!PAL_SemCreate(&m_pMusicWakeSem, 0)) m_pMusicWakeSem = nullptr;
     m_unSyncSeqNum = 1;
     mp3FrameLen = 0.0f;
     mp3BitrateIdx = 15;  // invalid header values: format not known yet
@@ -88,6 +89,8 @@ CAVStreamer::~CAVStreamer() {
     }
     for (int fd : m_wakeFd)
         if (fd >= 0) close(fd);
+    if (m_pMusicWakeSem != nullptr) PAL_SemDelete(m_pMusicWakeSem);
+    if (m_pFeedLock != nullptr) PAL_MutexDelete(m_pFeedLock);
 }
 
 void CAVStreamer::_session_clear(int index) {
@@ -104,6 +107,7 @@ void CAVStreamer::_session_clear(int index) {
     s.bIsSync = 0;
     s.hTcpClientSock = -1;  // no connection
     s._rtp_sock = -1;
+    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));
     s.nDeviceVolume = 0;
     s.uwClientRtpPort = 0;
     s.uwClientRtcpPort = 0;
@@ -156,6 +160,8 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_bStreamReady = false;
     m_NumChannels = 0;
     m_szSent = 0;
+    memset(&m_logReadError, 0, sizeof(m_logReadError));
+    memset(&m_logSendError, 0, sizeof(m_logSendError));
     streamStartTime = 0;
     mp3FrameStartPos = 0;
     mp3LayerIdx = 0;
@@ -260,6 +266,7 @@ int CAVStreamer::_receiver_release_l(int index) {
     s.bIsPlayable = false;
     s.bActive = false;
     s.bIsSync = 0;
+    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));  // the slot's next receiver is resolved anew
     debug_UI("[_receiver_release_l] m_AVRcvSessInfo.nAVRcvSessCnt %d",
              (int)m_AVRcvSessInfo.nAVRcvSessCnt);
     int top = index + 1;
