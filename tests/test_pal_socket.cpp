@@ -3,6 +3,7 @@
 // and a TCP control connection.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <ifaddrs.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "PAL.h"
+#include "netns_rig.h"
 
 namespace {
 
@@ -156,4 +158,14 @@ TEST(PalSocket, TcpControlConnection) {
     PAL_SockClose(conn);
 
     PAL_SockClose(srv);
+}
+
+// The rig itself: tests run isolated, with multicast routed on loopback.
+TEST(NetnsRig, RunsInsideALoopbackOnlyNamespace) {
+    ASSERT_TRUE(sonvara_netns_active());
+    struct ifaddrs* list = nullptr;
+    ASSERT_EQ(0, getifaddrs(&list));
+    for (struct ifaddrs* it = list; it; it = it->ifa_next) EXPECT_STREQ("lo", it->ifa_name);
+    freeifaddrs(list);
+    EXPECT_EQ(0, system("ip route show 224.0.0.0/4 | grep -q 'dev lo'"));
 }
