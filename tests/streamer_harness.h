@@ -79,45 +79,6 @@ private:
     std::vector<StreamerEvent> m_events;
 };
 
-// Captures every log line while alive.
-class LogCapture {
-public:
-    LogCapture() { debug_UI_SetSink(&LogCapture::Sink, this); }
-    ~LogCapture() { debug_UI_SetSink(nullptr, nullptr); }
-    bool Has(const std::string& line) {
-        std::lock_guard<std::mutex> g(m_lock);
-        for (const std::string& l : m_lines)
-            if (l == line) return true;
-        return false;
-    }
-    // The first line that starts with prefix, or "".
-    std::string Find(const std::string& prefix) {
-        std::lock_guard<std::mutex> g(m_lock);
-        for (const std::string& l : m_lines)
-            if (l.compare(0, prefix.size(), prefix) == 0) return l;
-        return "";
-    }
-    size_t Size() {
-        std::lock_guard<std::mutex> g(m_lock);
-        return m_lines.size();
-    }
-    void Clear() {
-        std::lock_guard<std::mutex> g(m_lock);
-        m_lines.clear();
-    }
-
-private:
-    static void Sink(const char* line, void* ctx) {
-        LogCapture* self = (LogCapture*)ctx;
-        std::lock_guard<std::mutex> g(self->m_lock);
-        std::string l(line);
-        while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.pop_back();
-        self->m_lines.push_back(l);
-    }
-    std::mutex m_lock;
-    std::vector<std::string> m_lines;
-};
-
 inline unsigned int NowMs() {
     return PAL_GetClock();
 }
@@ -246,12 +207,6 @@ public:
         pkt.resize(n > 0 ? (size_t)n : 0);
         return pkt;
     }
-    void DrainRtp() {
-        while (rx_wait_readable(m_rtp, 0) == 1) {
-            char tmp[2048];
-            if (recv(m_rtp, tmp, sizeof(tmp), 0) <= 0) break;
-        }
-    }
 
     std::string m_ip;
     int m_tcp = -1;
@@ -259,13 +214,6 @@ public:
     unsigned short m_rtpPort = 0;
     std::string m_buf;
 };
-
-inline unsigned RtpSeq(const std::vector<unsigned char>& p) {
-    return (p[2] << 8) | p[3];
-}
-inline uint32_t RtpTs(const std::vector<unsigned char>& p) {
-    return ((uint32_t)p[4] << 24) | ((uint32_t)p[5] << 16) | ((uint32_t)p[6] << 8) | p[7];
-}
 
 // Polls cond every 5 ms for up to timeoutMs.
 template <typename F>
@@ -280,7 +228,6 @@ bool WaitUntil(F cond, int timeoutMs = 10000) {
 
 // A streamer (group 42) whose control server the test brings up; its events
 // are recorded and it is closed and deleted after the test.
-// A streamer whose control server is up; closed at the end of the test.
 class StreamerTest : public ::testing::Test {
 public:
     static const unsigned short kTcpPort = 31554;
@@ -289,7 +236,6 @@ public:
 protected:
     void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
     void TearDown() override {
-        StopFeeder();
         if (opened) Probe::CloseServer(st);
         delete st;
     }
@@ -313,42 +259,16 @@ protected:
         return v;
     }
 
-    // Plays the music source: the same byte stream to every active session,
-    // each 4-byte word holding its stream offset / 4. A chunk goes out once
-    // every buffer has room for it, so all buffers always hold the same
-    // stream end (the slowest receiver sets the pace).
-    void StartFeeder() {
-        feeding = true;
-        feeder = std::thread([this] {
-            std::vector<uint32_t> chunk(6144 / 4);
-            uint32_t word = 0;
-            while (feeding) {
-                bool room = true;
-                for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-                    PAL_RINGBUF* rb = Sess(i).pFD;
-                    if (Sess(i).bActive && rb && Pal_RingBufAvailable(rb) < chunk.size() * 4)
-                        room = false;
-                }
-                if (room) {
-                    for (uint32_t& w : chunk) w = word++;
-                    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-                        EXPECT_TRUE(st->ReceiverMediaWrite((unsigned char)i, (char*)chunk.data(),
-                                                           chunk.size() * 4));
-                }
-                PAL_ThreadSleep(2);
-            }
-        });
-    }
-    void StopFeeder() {
-        feeding = false;
-        if (feeder.joinable()) feeder.join();
+    // Gives session i enough PCM to start streaming (the line-up wants
+    // 14001 bytes queued).
+    void Feed(int i) {
+        static char pcm[16384];
+        ASSERT_TRUE(st->ReceiverMediaWrite((unsigned char)i, pcm, sizeof(pcm)));
     }
 
     CAVStreamer* st = nullptr;
     EventLog events;
     bool opened = false;
-    std::atomic<bool> feeding{false};
-    std::thread feeder;
 };
 
 #endif
