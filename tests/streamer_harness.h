@@ -89,11 +89,11 @@ struct RxSpec {
     int volume;
 };
 
-// Fills the streamer's receiver table and music description as init does
-// (no content file is opened).
-inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint32_t rate = 44100,
-                            uint8_t channels = 2, uint8_t bytesPerSample = 2,
-                            const char* title = "Test Song") {
+// Fills the streamer's receiver table and music description (44.1 kHz
+// 16-bit stereo) as init does, without a content file, and brings its
+// control server up on the test's ports, multicast on the group.
+inline int StartServer(CAVStreamer* s, const std::vector<RxSpec>& rx, unsigned short tcpPort,
+                       unsigned short rtpPort, unsigned int searchAgoMs = 0) {
     AV_RECEIVER_INFO ri;
     memset(&ri, 0, sizeof(ri));
     for (size_t i = 0; i < rx.size(); i++) {
@@ -106,17 +106,12 @@ inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint3
     ri.nAVReceiverCnt = (char)rx.size();
     AV_MUSIC_INFO mi;
     memset(&mi, 0, sizeof(mi));
-    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "%s", title);
+    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "Test Song");
     snprintf(mi.pMime, sizeof(mi.pMime), "audio/x-wav");
-    mi.SampleRate = rate;
-    mi.NumChannels = channels;
-    mi.BytesPerSample = bytesPerSample;
+    mi.SampleRate = 44100;
+    mi.NumChannels = 2;
+    mi.BytesPerSample = 2;
     Probe::Prepare(s, ri, mi);
-}
-
-// Brings the control server up on the given ports, multicast on the group.
-inline int OpenServer(CAVStreamer* s, unsigned short tcpPort, unsigned short rtpPort,
-                      unsigned int searchAgoMs = 0) {
     return Probe::OpenServer(s, tcpPort, rtpPort, 21234, searchAgoMs);
 }
 
@@ -240,8 +235,7 @@ protected:
         delete st;
     }
     void Open(const std::vector<RxSpec>& rx, unsigned int searchAgoMs = 0) {
-        PrepareStreamer(st, rx);
-        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort, searchAgoMs));
+        ASSERT_EQ(0, StartServer(st, rx, kTcpPort, kRtpPort, searchAgoMs));
         opened = true;
     }
     AV_RCV_SESS& Sess(int i) { return Probe::Sess(st, i); }

@@ -171,8 +171,7 @@ TEST_F(StreamerCommands, CloseRacingAnExitOfAPlayingMemberIsSafe) {
 #endif
     for (int round = 0; round < kRounds; round++) {
         CAVStreamer* s = new CAVStreamer(&EventLog::Notify, &events, 42);
-        PrepareStreamer(s, {{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}});
-        ASSERT_EQ(0, OpenServer(s, kTcpPort, kRtpPort));
+        ASSERT_EQ(0, StartServer(s, {{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}}, kTcpPort, kRtpPort));
         ScriptedReceiver rx("127.0.0.2");
         ASSERT_TRUE(rx.Connect(kTcpPort));
         ASSERT_EQ(5u, rx.Handshake().size());

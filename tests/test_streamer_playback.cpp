@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "ReceiverEmulator.h"
+#include "audio_check.h"
 #include "position_wav.h"
 #include "streamer_harness.h"
 
@@ -16,23 +17,6 @@ const unsigned short kTcp = 31554, kRtp = 35000, kGroupPort = 21234;
 const char* kUrl = "224.1.2.4:21234";
 // Play() tells which step failed by adding these to its result.
 const int kInitFailed = 1000, kOpenFailed = 2000;
-
-std::string Fixture(const char* name) {
-    return std::string(SONVARA_FIXTURES_DIR) + "/" + name;
-}
-
-std::vector<unsigned char> ReadFile(const std::string& path, size_t skip = 0) {
-    std::vector<unsigned char> data;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (f == nullptr) return data;
-    fseek(f, 0, SEEK_END);
-    long n = ftell(f);
-    fseek(f, (long)skip, SEEK_SET);
-    data.resize(n > (long)skip ? (size_t)(n - (long)skip) : 0);
-    data.resize(fread(data.data(), 1, data.size(), f));
-    fclose(f);
-    return data;
-}
 
 // Position audio (position_wav.h) in a file of this process's own.
 std::string PositionWav(int seconds) {
@@ -159,7 +143,7 @@ protected:
 }  // namespace
 
 TEST_F(Playback, EveryRoleGetsItsChannelsBitExactAndPaced) {
-    const std::string mp3 = Fixture("sine_mono_44k.mp3");
+    const std::string mp3 = fixture_path("sine_mono_44k.mp3");
     std::vector<unsigned char> decoded;  // the reference: the streamer's own MP3 reader
     {
         CAVStreamer ref(nullptr, nullptr, 0);
@@ -189,12 +173,15 @@ TEST_F(Playback, EveryRoleGetsItsChannelsBitExactAndPaced) {
         SCOPED_TRACE(c.file);
         for (int i = 0; i < 3; i++) AddReceiver(ips[i], roles[i]);
         unsigned int t0 = NowMs();
-        ASSERT_EQ(0, Play(Fixture(c.file), c.mime, (uint8_t)c.channels, (uint32_t)c.rate));
+        ASSERT_EQ(0, Play(fixture_path(c.file), c.mime, (uint8_t)c.channels, (uint32_t)c.rate));
         ASSERT_TRUE(WaitEnd(20000, ++played));
         unsigned int elapsed = NowMs() - t0;
         PAL_ThreadSleep(300);
-        const std::vector<unsigned char> src =
-            strcmp(c.mime, "audio/mpeg") == 0 ? decoded : ReadFile(Fixture(c.file), 44);
+        std::vector<unsigned char> src = decoded;
+        if (strcmp(c.mime, "audio/mpeg") != 0) {
+            src = read_whole_file(fixture_path(c.file));
+            src.erase(src.begin(), src.begin() + 44);  // the header
+        }
         for (int i = 0; i < 3; i++) {
             ExpectStream(rx[i].get(),
                          Role(src, c.channels, c.width, c.channels == 1 ? 0 : stereoPick[i]));
@@ -223,7 +210,7 @@ TEST_F(Playback, ContentEndsByTheWaitLimitWhenAReceiverNeverPlays) {
     snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.2");
     r.ChannelType = AV_CHANNEL_PARTY;
     r.bActive = 1;
-    ASSERT_EQ(0, Play(Fixture("wav16_stereo_44k.wav"), "audio/x-wav", 2, 44100));
+    ASSERT_EQ(0, Play(fixture_path("wav16_stereo_44k.wav"), "audio/x-wav", 2, 44100));
     ASSERT_TRUE(stalled.Connect(kTcp));
     unsigned int t0 = NowMs();
     ASSERT_TRUE(WaitEnd(15000));
@@ -369,7 +356,8 @@ TEST_F(Playback, OpenAndInitFailuresGiveTheirCodes) {
     mi.NumChannels = 2;
     mi.SampleRate = 44100;
     snprintf(mi.pMime, sizeof(mi.pMime), "audio/L16");
-    snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s", Fixture("wav16_stereo_44k.wav").c_str());
+    snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s",
+             fixture_path("wav16_stereo_44k.wav").c_str());
     ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
     EXPECT_EQ(AV_ERR_INIT_REFUSED, st->AVStreamerInit(&ri, &mi, 0));
     EXPECT_EQ(AV_ERR_MULTICAST_URL, st->AVStreamerOpen(kTcp, kRtp, "224.1.2.4", 20, 0));
@@ -401,7 +389,7 @@ TEST_F(Playback, RepeatedLivesLeaveNoThreadDescriptorOrMemoryBehind) {
     ReceiverEmulator* r = AddReceiver("127.0.0.2", AV_CHANNEL_FRONT_LEFT);
     st = new CAVStreamer(&EventLog::Notify, &events, 42);
     auto life = [&](const char* file, const char* mime) {
-        ASSERT_EQ(0, Play(Fixture(file), mime, 2, 44100));
+        ASSERT_EQ(0, Play(fixture_path(file), mime, 2, 44100));
         unsigned int packets = r->Report().packets;
         ASSERT_TRUE(r->WaitForPackets(packets + 3, 10000));
         st->AVStreamerClose();
