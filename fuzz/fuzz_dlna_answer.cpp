@@ -15,25 +15,6 @@
 #include "AVRepDlna.h"
 #include "fuzz_support.h"
 
-namespace {
-
-void _check_list(const AV_DEVICE_SEARCH_INFO& list) {
-    int count = (unsigned char)list.nAVDeviceCnt;
-    fuzz_require(count <= AV_MAX_DEVICE);
-    for (int i = 0; i < AV_MAX_DEVICE; i++) {
-        const AV_DEVICE_DLNA& d = list.AVDeviceDlna[i];
-        fuzz_require(fuzz_terminated(d.pReceiverIP, sizeof(d.pReceiverIP)));
-        fuzz_require(fuzz_terminated(d.pReceiverMac, sizeof(d.pReceiverMac)));
-        fuzz_require(fuzz_terminated(d.pReceiverGuid, sizeof(d.pReceiverGuid)));
-        fuzz_require(fuzz_terminated(d.pReceiverName, sizeof(d.pReceiverName)));
-        for (int j = 0; j < i && i < count; j++) {
-            fuzz_require(strcmp(d.pReceiverIP, list.AVDeviceDlna[j].pReceiverIP) != 0);
-        }
-    }
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static AV_DEVICE_SEARCH_INFO list;
     memset(&list, 0, sizeof(list));
@@ -54,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pos += len;
 
         CAVRepDlna::AddDeviceAnswer(&list, text.get(), ip);
-        _check_list(list);
+        fuzz_check_device_list(list, AV_MAX_DEVICE);
 
         std::unique_ptr<char[]> word(new char[AV_IP_LEN]);
         std::unique_ptr<char[]> mac(new char[AV_MAC_LEN]);

@@ -7,18 +7,12 @@
 // pointing at one of the device records read; the result is one of the
 // reader's codes.
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <set>
 
 #include "Grouprw.h"
 #include "fuzz_support.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    setenv("SONVARA_LOG", "off", 1);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     GroupRW rw;
@@ -30,14 +24,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::set<LPDEVICE_INFO> known;
     for (LPDEVICE_INFO d = devices; d; d = d->_next) {
-        fuzz_require(strnlen(d->_MacAddr, sizeof(d->_MacAddr)) < sizeof(d->_MacAddr));
+        fuzz_require(fuzz_terminated(d->_MacAddr, sizeof(d->_MacAddr)));
         known.insert(d);
     }
     unsigned int seen = 0;
     while (groups) {
         LPGROUP_INFO next = groups->_next;
-        fuzz_require(strnlen(groups->group_name, sizeof(groups->group_name)) <
-                     sizeof(groups->group_name));
+        fuzz_require(fuzz_terminated(groups->group_name, sizeof(groups->group_name)));
         int members = 0;
         for (LPGITEM item = groups->_lpdevice_list; item; item = item->_next, members++) {
             fuzz_require(known.count(item->_lpdevice) == 1);

@@ -8,18 +8,12 @@
 // Every field must end inside its array; an accepted request has a MAC, a
 // GUID and a name.
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 
 #include "SonvaraMgrRecord.h"
 #include "fuzz_support.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    setenv("SONVARA_LOG", "off", 1);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text((const char*)data, size);

@@ -48,11 +48,6 @@ void _read_frames(CAVStreamer* st, long fd, int frames) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    setenv("SONVARA_LOG", "off", 1);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* path = fuzz_write_scratch("fuzz_mp3reader", data, size);
     if (path == nullptr) return 0;

@@ -1,5 +1,5 @@
 // Helpers shared by the fuzz targets: the failure trap, the terminated-text
-// check, and the scratch file through which targets hand an input to readers
+// and device-list checks, and the scratch file through which targets hand an input to readers
 // that take a path. Header-only; each target is one single-threaded process.
 #ifndef FUZZ_SUPPORT_H
 #define FUZZ_SUPPORT_H
@@ -19,6 +19,23 @@ inline void fuzz_require(bool ok) {
 // True when a fixed text field ends inside its array.
 inline bool fuzz_terminated(const char* field, size_t size) {
     return strnlen(field, size) < size;
+}
+
+// A discovery device list (any of its record types): count at most `max`,
+// every text terminated inside its field, no address counted twice.
+template <class List>
+inline void fuzz_check_device_list(const List& list, int max) {
+    const int count = (unsigned char)list.nAVDeviceCnt;
+    fuzz_require(count <= max);
+    for (int i = 0; i < max; i++) {
+        const auto& d = list.AVDeviceDlna[i];
+        fuzz_require(fuzz_terminated(d.pReceiverIP, sizeof(d.pReceiverIP)) &&
+                     fuzz_terminated(d.pReceiverMac, sizeof(d.pReceiverMac)) &&
+                     fuzz_terminated(d.pReceiverGuid, sizeof(d.pReceiverGuid)) &&
+                     fuzz_terminated(d.pReceiverName, sizeof(d.pReceiverName)));
+        for (int j = 0; j < i && i < count; j++)
+            fuzz_require(strcmp(d.pReceiverIP, list.AVDeviceDlna[j].pReceiverIP) != 0);
+    }
 }
 
 // Writes the input to this process's scratch file for `tag` (one per target,

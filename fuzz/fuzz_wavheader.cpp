@@ -1,11 +1,7 @@
 // libFuzzer target: a WAV file from a phone through the streamer's WAV
 // reader: the 36-byte head checks, the extensible chunk walk, reads and the
 // time seek, then the info query on the same file.
-#include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include "AVStreamer.h"
 #include "fuzz_support.h"
@@ -16,11 +12,6 @@ namespace {
 void no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    setenv("SONVARA_LOG", "off", 1);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* path = fuzz_write_scratch("fuzz_wavheader", data, size);

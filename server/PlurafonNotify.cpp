@@ -18,6 +18,14 @@ JavaVM* PlurafonNotify::_lpvm = nullptr;
 int PlurafonNotify::_vm_tid = 0;
 
 namespace {
+thread_local int tInCallback = 0;  // depth of events this thread is delivering
+}
+
+bool PlurafonNotify::InCallback() {
+    return tInCallback > 0;
+}
+
+namespace {
 
 // Java argument of one event parameter: numbers as they are, text as a
 // java.lang.String.
@@ -158,7 +166,9 @@ void PlurafonNotify::_call_java(jmethodID id, const char* vmMissingLine, Args...
     // parameter order.
     jvalue jargs[] = {toJava(env, args)..., jvalue()};
     const bool refs[] = {isLocalRef(args)..., false};
+    tInCallback++;
     env->CallVoidMethodA(_object, id, jargs);
+    tInCallback--;
     if (env->ExceptionCheck()) {
         // The engine thread cannot handle a Java exception; report and drop it
         // so the next JNI call on this thread is legal.

@@ -36,6 +36,9 @@ public:
                                              char* strDeviceName, int volume);
 
     static void SetVM(JavaVM* vm, int tid);
+    // True on a thread while it delivers an event into Java: the bridge must
+    // not make a call from there wait for the engine to end that thread.
+    static bool InCallback();
 
     void SetDeviceInfofn(jmethodID id) { _notifyDeviceInfoID = id; }
     void SetJoinDeviceInfofn(jmethodID id) { _notifyJoinDeviceInfoID = id; }

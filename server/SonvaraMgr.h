@@ -181,6 +181,18 @@ public:
     int Stop(int group_id, int bReuse);
     int stopPlayer(int group_id);
     int seekTo(int group_id, int progress);
+    // Stop and seekTo in the phases of their waits, for a caller that must
+    // not hold its own lock while the streamer's threads are waited for
+    // (their events may call back into that caller). Begin takes the
+    // group's streamer (Stop: away from the group) under the caller's lock
+    // and answers 0 or the refusal code; the middle phase touches no
+    // manager record and may run without it; StopEnd, under the lock again,
+    // finishes the group's bookkeeping. The manager outlives the phases.
+    int StopBegin(int group_id, int* handle);
+    void StopStreamer(int handle);
+    void StopEnd(int group_id, int bReuse);
+    int SeekBegin(int group_id, int progress, int* handle);
+    static int SeekStreamer(int handle, int progress);
     int Pause(int group_id);
     int Resume(int group_id);
     int DevicePlay(int group_id, const char* pReceiverIP, const char* pMacAddr, int type,

@@ -4,7 +4,7 @@
 //
 // Allocates: one stop thread per Stop (joined before Stop returns).
 // Threads: the application's; Stop's slow part runs on the stop thread,
-// which is the only writer of the group's streamer handle while it runs.
+// which works on the streamer handle Stop took away from the group.
 // Locks: _lpmutex while a group's members are read or their states set;
 // released before any call into a streamer.
 #include <string.h>
@@ -113,8 +113,7 @@ int PlurafonMgr::Open(int group_id, const char* source_url, const char* contentT
 }
 
 int PlurafonMgr::_stop_thread(void* arg) {
-    LPGROUP_INFO group = static_cast<LPGROUP_INFO>(arg);
-    int handle = group->_lpavsender;
+    int handle = (int)(intptr_t)arg;
     int r = AVSenderStop(handle);
     if (r == 0) {
         debug_UI("check receiver +++");
@@ -133,11 +132,19 @@ int PlurafonMgr::_stop_thread(void* arg) {
     }
     AVSenderClose(handle);
     AVSenderDelete(handle);
-    group->_lpavsender = 0;
     return 0;
 }
 
 int PlurafonMgr::Stop(int group_id, int bReuse) {
+    int handle = 0;
+    int ret = StopBegin(group_id, &handle);
+    if (ret != 0) return ret;
+    StopStreamer(handle);
+    StopEnd(group_id, bReuse);
+    return 0;
+}
+
+int PlurafonMgr::StopBegin(int group_id, int* handle) {
     debug_UI("PlurafonMgr::Stop +++ group_id %d", group_id);
     LPGROUP_INFO group = _group_by_id(group_id);
     if (!group) {
@@ -148,32 +155,49 @@ int PlurafonMgr::Stop(int group_id, int bReuse) {
         debug_UI("PlurafonMgr::Stop --- already stop");
         return PLURAFON_ERR_NO_STREAMER;
     }
-    // Events that arrive from now on see the group stopped.
+    // Events that arrive from now on see the group stopped, and every call
+    // made while the streamer ends finds the group without one (a second
+    // Stop answers "already stop", a Resume 265) instead of reaching a
+    // streamer that is being closed.
     group->bIsPlay = 0;
+    *handle = group->_lpavsender;
+    group->_lpavsender = 0;
+    return 0;
+}
+
+void PlurafonMgr::StopStreamer(int handle) {
     PAL_THREAD thread = nullptr;
-    if (!PAL_ThreadCreate(&thread, _stop_thread, group, PAL_THREAD_PRIO_TIMESHARE)) {
+    if (!PAL_ThreadCreate(&thread, _stop_thread, (void*)(intptr_t)handle,
+                          PAL_THREAD_PRIO_TIMESHARE)) {
         thread = nullptr;
-        _stop_thread(group);
+        _stop_thread((void*)(intptr_t)handle);
         PAL_ThreadSleep(500);
     }
     debug_UI("wait _stop_thread+++");
-    if (thread) {
-        if (group->_lpavsender && PAL_ThreadJoin(thread, 0) != 0) {
-            while (group->_lpavsender) PAL_ThreadSleep(20);
-        }
-        PAL_ThreadExit(thread);
-    }
+    // Bounded by the stop thread's own waits: two seconds for the receivers
+    // to leave, then the streamer's close (each of its waits is bounded).
+    if (thread) PAL_ThreadExit(thread);
     debug_UI("wait _stop_thread---");
-    if (bReuse == 0) ServiceDeviceDeleteGroup(group_id);
-    group->_lpavsender = 0;
+}
+
+void PlurafonMgr::StopEnd(int group_id, int bReuse) {
+    // The group may have been deleted, or opened again, while its old
+    // streamer ended; a new stream keeps its registry entries and states.
+    PAL_MutexLock(_lpmutex, 1);
+    LPGROUP_INFO group = _group_by_id(group_id);
+    bool reopened = group && group->_lpavsender;
+    PAL_MutexUnLock(_lpmutex);
+    if (bReuse == 0 && !reopened) ServiceDeviceDeleteGroup(group_id);
     debug_UI("PlurafonMgr::Stop m_pDeviceList->DeviceCnt : %d", ServiceDeviceGetCntList());
     PAL_MutexLock(_lpmutex, 1);
-    for (LPGITEM item = group->_lpdevice_list; item; item = item->_next) {
-        if (item->DeviceState == DEVICE_STATE_PLAY) item->DeviceState = DEVICE_STATE_STANDBY;
+    group = _group_by_id(group_id);
+    if (group && !group->_lpavsender) {
+        for (LPGITEM item = group->_lpdevice_list; item; item = item->_next) {
+            if (item->DeviceState == DEVICE_STATE_PLAY) item->DeviceState = DEVICE_STATE_STANDBY;
+        }
     }
     PAL_MutexUnLock(_lpmutex);
     debug_UI("PlurafonMgr::Stop---");
-    return 0;
 }
 
 int PlurafonMgr::stopPlayer(int group_id) {
@@ -185,6 +209,12 @@ int PlurafonMgr::stopPlayer(int group_id) {
 }
 
 int PlurafonMgr::seekTo(int group_id, int progress) {
+    int handle = 0;
+    int ret = SeekBegin(group_id, progress, &handle);
+    return ret != 0 ? ret : SeekStreamer(handle, progress);
+}
+
+int PlurafonMgr::SeekBegin(int group_id, int progress, int* handle) {
     debug_UI("PlurafonMgr::seekTo +++ group_id %d, progress : %d", group_id, progress);
     LPGROUP_INFO group = _group_by_id(group_id);
     if (!group) {
@@ -199,7 +229,13 @@ int PlurafonMgr::seekTo(int group_id, int progress) {
         debug_UI("PlurafonMgr::seekTo --- not playing");
         return PLURAFON_ERR_NOT_PLAYING;
     }
-    int r = AVSenderSeek(group->_lpavsender, progress);
+    *handle = group->_lpavsender;
+    return 0;
+}
+
+int PlurafonMgr::SeekStreamer(int handle, int progress) {
+    // A Stop on another thread waits in the facade until this seek is done.
+    int r = AVSenderSeek(handle, progress);
     debug_UI("PlurafonMgr::seekTo --- Ret %d", r);
     return r;
 }

@@ -6,12 +6,19 @@
 // Allocates: those objects, and per GetServiceDeviceList call a few 20-byte
 // buffers freed before it returns.
 // Threads: any Java thread. Every entry point but Play and
-// UpdateDeviceChannelType holds _mgmutex for its whole call, so the manager
-// sees one Java caller at a time. The manager's own threads call back through
-// PlurafonNotify without this lock; the lock is not recursive, so a manager
-// operation must never re-enter an entry point on the same thread.
+// UpdateDeviceChannelType holds _mgmutex for its call, so the manager sees
+// one Java caller at a time. The manager's own threads raise events through
+// PlurafonNotify without this lock, and the application's listener may call
+// back in from there; so no entry point holds the lock while it waits for
+// the engine's threads: Stop and seekTo wait for their streamer, and
+// Finalize for the manager's end, with it released (see _call_mgr_waiting).
+// What a caller sees meanwhile is the truth: the stopping group has no
+// streamer, a finalizing engine no manager. A thread that already holds the
+// lock (an event raised on the calling Java thread's own stack) enters
+// again instead of waiting for itself.
 // Locks: _mgmutex (guards glpMgr, glpNotify, mGuidrw, the String constructor
-// cache and every manager call made from Java). It is the outermost lock.
+// cache, _engine_waits, _finalizing and every manager call made from Java).
+// It is the outermost lock.
 #include <jni.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -33,6 +40,9 @@
 #define ORVELLE_SENDER_ERR_MGR_NULL 256
 #define ORVELLE_SENDER_ERR_MGR_ALLOC 257
 #define ORVELLE_SENDER_ERR_NOTIFY_ALLOC 258
+// initialize or Finalize called from inside an event while the engine would
+// have to end the very thread that delivers it: refused, nothing changed.
+#define ORVELLE_SENDER_ERR_IN_EVENT 280
 
 #define GUID_BUF_LEN 40
 #define SERVICE_IP_LEN 20
@@ -41,25 +51,61 @@ static const char* const kClassPathName = "com/sonvara/multiroom/SonvaraNativeMg
 
 namespace {
 
-// A thin wrapper over one default (non-recursive) pthread mutex.
-class Mutex {
+// The bridge lock: a pthread mutex that its holder may take again (depth
+// counted), with a condition for callers that wait for the engine to
+// change state with the lock released.
+class BridgeLock {
 public:
-    Mutex() { pthread_mutex_init(&mMutex, nullptr); }
-    ~Mutex() { pthread_mutex_destroy(&mMutex); }
-    void lock() { pthread_mutex_lock(&mMutex); }
-    void unlock() { pthread_mutex_unlock(&mMutex); }
-    bool tryLock() { return pthread_mutex_trylock(&mMutex) == 0; }
+    BridgeLock() : m_owner(0), m_depth(0) {
+        pthread_mutex_init(&m_mutex, nullptr);
+        pthread_cond_init(&m_cond, nullptr);
+    }
+    ~BridgeLock() {
+        pthread_cond_destroy(&m_cond);
+        pthread_mutex_destroy(&m_mutex);
+    }
+    void lock() {
+        int self = jniGetTid();
+        if (m_owner.load() == self) {
+            m_depth++;
+            return;
+        }
+        pthread_mutex_lock(&m_mutex);
+        m_owner = self;
+        m_depth = 1;
+    }
+    void unlock() {
+        if (--m_depth > 0) return;
+        m_owner = 0;
+        pthread_mutex_unlock(&m_mutex);
+    }
+    // True for a holder that has taken the lock again on its own stack.
+    bool nested() const { return m_depth > 1; }
+    // Holder only, not nested: sleeps with the lock released until
+    // Broadcast. Every caller loops on its own condition.
+    void wait() {
+        int self = m_owner.load();
+        m_owner = 0;
+        m_depth = 0;
+        pthread_cond_wait(&m_cond, &m_mutex);
+        m_owner = self;
+        m_depth = 1;
+    }
+    void broadcast() { pthread_cond_broadcast(&m_cond); }
 
 private:
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
-    pthread_mutex_t mMutex;
+    BridgeLock(const BridgeLock&) = delete;
+    BridgeLock& operator=(const BridgeLock&) = delete;
+    pthread_mutex_t m_mutex;
+    pthread_cond_t m_cond;
+    std::atomic<int> m_owner;  // thread id of the holder, 0 when free
+    int m_depth;               // the holder's takes; written by the holder only
 };
 
-// Holds a Mutex for one scope; a null mutex means "no lock".
+// Holds a BridgeLock for one scope; a null lock means "no lock".
 class autoLock {
 public:
-    explicit autoLock(Mutex* m) : mLock(m) {
+    explicit autoLock(BridgeLock* m) : mLock(m) {
         if (mLock != nullptr) mLock->lock();
     }
     ~autoLock() {
@@ -69,7 +115,27 @@ public:
 private:
     autoLock(const autoLock&) = delete;
     autoLock& operator=(const autoLock&) = delete;
-    Mutex* mLock;
+    BridgeLock* mLock;
+};
+
+// Releases a held BridgeLock for one scope (a wait for the engine) and takes
+// it back at the end. A nested holder keeps it: its outer call on the same
+// thread is in the middle of a manager operation, so the wait is done with
+// the lock held, as before.
+class autoUnlock {
+public:
+    explicit autoUnlock(BridgeLock* m) : mLock(m), mReleased(!m->nested()) {
+        if (mReleased) mLock->unlock();
+    }
+    ~autoUnlock() {
+        if (mReleased) mLock->lock();
+    }
+
+private:
+    autoUnlock(const autoUnlock&) = delete;
+    autoUnlock& operator=(const autoUnlock&) = delete;
+    BridgeLock* mLock;
+    bool mReleased;
 };
 
 // The string arguments of one call, obtained in order with GetStringUTFChars
@@ -140,7 +206,9 @@ const CallShape kUnlockedCode = {ORVELLE_SENDER_ERR_MGR_NULL, ORVELLE_SENDER_ERR
 
 static std::atomic<PlurafonMgr*> glpMgr(nullptr);
 static PlurafonNotify* glpNotify = nullptr;
-static Mutex _mgmutex;
+static BridgeLock _mgmutex;
+static int _engine_waits = 0;     // Stop and seekTo calls waiting with the lock released
+static bool _finalizing = false;  // Finalize is ending the manager with the lock released
 static JavaVM* gJvm = nullptr;
 static int _vm_tid = 0;
 static Guidrw* mGuidrw = nullptr;
@@ -296,6 +364,50 @@ static jstring _text_query(JNIEnv* env, NoText none, bool isName, F op) {
     return isName ? _name_to_java(env, text) : jniNewStringUTF(env, text);
 }
 
+// An entry point whose manager call waits for a streamer's threads, in
+// three phases: begin, under the lock, checks and takes the streamer (0 and
+// a handle, or the answer); wait runs with the lock released, so an event
+// listener calling in from one of those threads gets the lock meanwhile;
+// end, under the lock again, finishes. Finalize lets these calls finish
+// (_engine_waits) before it ends the manager.
+template <typename B, typename W, typename E>
+static jint _call_mgr_waiting(const char* name, const CallShape& shape, B begin, W wait, E end) {
+    autoLock lock(&_mgmutex);
+    debug_UI("%s+++", name);
+    PlurafonMgr* mgr = glpMgr.load();
+    if (mgr == nullptr) {
+        debug_UI(shape.exitFmt, name, shape.noMgrLogged);
+        return shape.noMgr;
+    }
+    int handle = 0;
+    jint ret = begin(mgr, &handle);
+    if (ret == 0) {
+        _engine_waits++;
+        {
+            autoUnlock unlocked(&_mgmutex);
+            ret = wait(mgr, handle);
+        }
+        _engine_waits--;
+        end(mgr);
+        _mgmutex.broadcast();
+    }
+    debug_UI(shape.exitFmt, name, ret);
+    return ret;
+}
+
+// False when a Finalize is under way and this thread may not wait for it:
+// it delivers an event, so the manager's end waits for it.
+static bool _wait_finalized_l(const char* name) {
+    while (_finalizing) {
+        if (PlurafonNotify::InCallback()) {
+            debug_UI("%s from inside an event while the engine ends: refused", name);
+            return false;
+        }
+        _mgmutex.wait();
+    }
+    return true;
+}
+
 static int _z(jboolean b) {
     return b ? 1 : 0;
 }
@@ -311,6 +423,7 @@ static void _destroy_engine_l() {
 static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring juuid) {
     autoLock lock(&_mgmutex);
     debug_UI("Java_PlurafonMgr_Initialize+++");
+    if (!_wait_finalized_l("Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
     if (glpMgr.load() != nullptr && glpNotify != nullptr) {
         debug_UI("Java_PlurafonMgr_Initialize--- already init");
         return 0;
@@ -349,11 +462,30 @@ static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring 
 }
 
 // The manager goes first: its threads may still report through the notifier
-// until it is gone.
+// until it is gone. Both are deleted with the lock released, since the
+// manager's end waits for threads whose event listeners may call in; such a
+// call finds no manager. A Finalize from inside an event is refused: the
+// manager's end would wait for the thread making it.
 static jint Java_SonvaraNativeMgr_Finalize(JNIEnv*, jobject) {
     autoLock lock(&_mgmutex);
     debug_UI("Java_PlurafonMgr_Finalize+++");
-    _destroy_engine_l();
+    if (PlurafonNotify::InCallback()) {
+        debug_UI("Java_PlurafonMgr_Finalize--- refused inside an event");
+        return ORVELLE_SENDER_ERR_IN_EVENT;
+    }
+    _wait_finalized_l("Finalize");
+    while (_engine_waits > 0) _mgmutex.wait();
+    PlurafonMgr* mgr = glpMgr.exchange(nullptr);
+    PlurafonNotify* notify = glpNotify;
+    glpNotify = nullptr;
+    _finalizing = true;
+    {
+        autoUnlock unlocked(&_mgmutex);
+        delete mgr;
+        delete notify;
+    }
+    _finalizing = false;
+    _mgmutex.broadcast();
     debug_UI("Java_PlurafonMgr_Finalize---");
     return 0;
 }
@@ -388,10 +520,14 @@ static jint Java_SonvaraNativeMgr_Resume(JNIEnv* env, jobject, jint group_id) {
                      [&](PlurafonMgr* m, const JStrings&) { return m->Resume(group_id); });
 }
 
-static jint Java_SonvaraNativeMgr_Stop(JNIEnv* env, jobject, jint group_id, jboolean bReuse) {
-    return _call_mgr(env, "Stop", kCode, {}, [&](PlurafonMgr* m, const JStrings&) {
-        return m->Stop(group_id, _z(bReuse));
-    });
+static jint Java_SonvaraNativeMgr_Stop(JNIEnv*, jobject, jint group_id, jboolean bReuse) {
+    return _call_mgr_waiting(
+        "Stop", kCode, [&](PlurafonMgr* m, int* h) { return m->StopBegin(group_id, h); },
+        [&](PlurafonMgr* m, int h) {
+            m->StopStreamer(h);
+            return 0;
+        },
+        [&](PlurafonMgr* m) { m->StopEnd(group_id, _z(bReuse)); });
 }
 
 static jint Java_SonvaraNativeMgr_stopPlayer(JNIEnv* env, jobject, jint group_id) {
@@ -399,10 +535,12 @@ static jint Java_SonvaraNativeMgr_stopPlayer(JNIEnv* env, jobject, jint group_id
                      [&](PlurafonMgr* m, const JStrings&) { return m->stopPlayer(group_id); });
 }
 
-static jint Java_SonvaraNativeMgr_seekTo(JNIEnv* env, jobject, jint group_id, jint progress) {
-    return _call_mgr(env, "seekTo", kSeek, {}, [&](PlurafonMgr* m, const JStrings&) {
-        return m->seekTo(group_id, progress);
-    });
+static jint Java_SonvaraNativeMgr_seekTo(JNIEnv*, jobject, jint group_id, jint progress) {
+    return _call_mgr_waiting(
+        "seekTo", kSeek,
+        [&](PlurafonMgr* m, int* h) { return m->SeekBegin(group_id, progress, h); },
+        [&](PlurafonMgr*, int h) { return PlurafonMgr::SeekStreamer(h, progress); },
+        [&](PlurafonMgr*) {});
 }
 
 // ---- groups and members -----------------------------------------------------

@@ -8,8 +8,11 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 
+#include "Grouprw.h"
 #include "RecordingNotify.h"
 #include "SonvaraMgr.h"
 #include "TempDir.h"
@@ -86,24 +89,15 @@ TEST_F(Manager, DeviceRegistryAndThePhonesOwnRecord) {
     EXPECT_EQ(1, mgr->GetDeviceReceiverType(h));  // a receiver that joined
     EXPECT_EQ(12, mgr->GetDeviceVolume(h));
 
-    // Texts longer than their fields keep their first 19 / 39 / 243 bytes.
-    Join(*mgr, std::string(25, '1'),
-         JoinText(std::string(30, 'm'), std::string(45, 'g'), std::string(300, 'n')));
-    int h2 = mgr->GetDeviceHandle(1);
-    EXPECT_EQ(std::string(19, '1'), Str(mgr->GetDeviceIp(h2)));
-    EXPECT_EQ(std::string(19, 'm'), Str(mgr->GetDeviceMac(h2)));
-    EXPECT_EQ(std::string(39, 'g'), Str(mgr->GetDeviceGuid(h2)));
-    EXPECT_EQ(std::string(243, 'n'), Str(mgr->GetDeviceName(h2)));
-
     // The phone: LoadMyDevice appends itself each time it finds itself present.
     Phone phone;
     EXPECT_EQ(0, mgr->LoadMyDevice());
     EXPECT_EQ(0, mgr->LoadMyDevice());
-    ASSERT_EQ(4, mgr->GetDeviceCount());
+    ASSERT_EQ(3, mgr->GetDeviceCount());
+    EXPECT_STREQ(phone.mac, mgr->GetDeviceMac(mgr->GetDeviceHandle(1)));
     EXPECT_STREQ(phone.mac, mgr->GetDeviceMac(mgr->GetDeviceHandle(2)));
-    EXPECT_STREQ(phone.mac, mgr->GetDeviceMac(mgr->GetDeviceHandle(3)));
-    EXPECT_STREQ(phone.ip, mgr->GetDeviceIp(mgr->GetDeviceHandle(2)));
-    EXPECT_STREQ("sender-guid", mgr->GetDeviceGuid(mgr->GetDeviceHandle(2)));
+    EXPECT_STREQ(phone.ip, mgr->GetDeviceIp(mgr->GetDeviceHandle(1)));
+    EXPECT_STREQ("sender-guid", mgr->GetDeviceGuid(mgr->GetDeviceHandle(1)));
 
     // AddMyDevice: the phone becomes a party speaker in service, once, and
     // cannot be taken out again.
@@ -112,7 +106,7 @@ TEST_F(Manager, DeviceRegistryAndThePhonesOwnRecord) {
     EXPECT_EQ(-1, mgr->AddMyDevice(g + 1000));
     ASSERT_EQ(0, mgr->AddDevice(g, "127.0.0.2", "aa:01", AV_CHANNEL_FRONT_LEFT, 1));
     ASSERT_EQ(0, mgr->AddMyDevice(g));
-    EXPECT_EQ(4, mgr->GetDeviceCount());  // the existing record was reused
+    EXPECT_EQ(3, mgr->GetDeviceCount());  // the existing record was reused
     ASSERT_EQ(2, mgr->GetDeviceCountInGroup(g));
     EXPECT_STREQ(phone.mac, mgr->GetDeviceMacInGroup(g, 1));
     EXPECT_EQ(AV_CHANNEL_PARTY, mgr->GetDeviceTypeInGroup(g, 1));
@@ -142,7 +136,8 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
     EXPECT_EQ(0, mgr->GetGroupID(-1));
 
     // The first member decides the mode; an unknown MAC still sets it.
-    EXPECT_EQ(1, mgr->AddDevice(0, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID,
+              mgr->AddDevice(0, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
     EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND,
               mgr->AddDevice(g2, "127.0.0.9", "zz:99", AV_CHANNEL_FRONT_LEFT, 1));
     EXPECT_EQ(0, mgr->GetDeviceCountInGroup(g2));
@@ -174,7 +169,8 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
     EXPECT_EQ(0, mgr->GetDeviceCountInGroup(0));
 
     // Channel role updates.
-    EXPECT_EQ(1, mgr->UpdateDeviceChannelType(0, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID,
+              mgr->UpdateDeviceChannelType(0, "127.0.0.2", a.c_str(), AV_CHANNEL_CENTER));
     EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND,
               mgr->UpdateDeviceChannelType(g1, "127.0.0.9", "zz:99", AV_CHANNEL_CENTER));
     EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND,
@@ -191,13 +187,13 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
 
     // Controls of a group without a stream.
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g1, 0));
-    EXPECT_EQ(1, mgr->Stop(0, 0));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID, mgr->Stop(0, 0));
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Pause(g1));
-    EXPECT_EQ(1, mgr->Pause(0));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID, mgr->Pause(0));
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Resume(g1));
     EXPECT_EQ(PLURAFON_ERR_SEEK_GROUP_ID, mgr->seekTo(0, 10));
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->seekTo(g1, 10));
-    EXPECT_EQ(1, mgr->stopPlayer(g1));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID, mgr->stopPlayer(g1));
     EXPECT_EQ(PLURAFON_ERR_ITEM_NOT_FOUND, mgr->SetReceiverUITypeAll(0, 1));
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->SetReceiverUITypeAll(g1, 1));
     EXPECT_EQ(PLURAFON_ERR_DEVICE_NOT_FOUND, mgr->SetReceiverUIType("127.0.0.9", "zz:99", 1));
@@ -216,12 +212,12 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
     EXPECT_EQ(0, mgr->DevicePlay(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 5));  // already
 
     // Removing members: ReceiverOut removes, then finds no stream.
-    EXPECT_EQ(1, mgr->DeleteDevice(0, "127.0.0.2", a.c_str()));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID, mgr->DeleteDevice(0, "127.0.0.2", a.c_str()));
     EXPECT_EQ(0, mgr->DeleteDevice(g1, "127.0.0.9", "zz:99"));
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->ReceiverOut(g1, "127.0.0.3", b.c_str()));
     EXPECT_EQ(2, mgr->GetDeviceCountInGroup(g1));
     EXPECT_STREQ(c.c_str(), mgr->GetDeviceMacInGroup(g1, 1));
-    EXPECT_EQ(1, mgr->ReceiverOut(0, "127.0.0.3", b.c_str()));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID, mgr->ReceiverOut(0, "127.0.0.3", b.c_str()));
 
     // Renaming and deleting: a deleted group's id is unknown afterwards.
     EXPECT_EQ(PLURAFON_ERR_SEEK_GROUP_ID, mgr->ChangeGroupName(0, "x"));
@@ -229,7 +225,8 @@ TEST_F(Manager, GroupsMembersAndTheirCodes) {
     EXPECT_EQ(g2, mgr->GetGroupIDByName("Kitchen"));
     EXPECT_EQ(0, mgr->DeleteGroup(g1));
     EXPECT_EQ(nullptr, mgr->GetGroupName(g1));
-    EXPECT_EQ(1, mgr->AddDevice(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_ID,
+              mgr->AddDevice(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_PARTY, 1));
     EXPECT_EQ(0, mgr->DeleteGroup(g1));
     EXPECT_EQ(g2, mgr->GetGroupID(0));
     EXPECT_EQ(g3, mgr->GetGroupID(1));
@@ -322,16 +319,17 @@ TEST_F(Manager, JoinRequestsAreHandledOncePerTimeStamp) {
     EXPECT_EQ(0, events.Count("Join "));
     EXPECT_EQ(2, mgr->GetDeviceCount());
 
-    // A name without CR LF, fields far past their arrays, numbers out of range.
-    Join(*mgr, "127.0.0.5",
+    // A name without CR LF, fields far past their arrays (the address too),
+    // numbers out of range.
+    Join(*mgr, std::string(25, '1'),
          "MAC: " + std::string(5000, 'M') + "\r\nGUID: " + std::string(5000, 'G') +
              "\r\nNAME: " + std::string(5000, 'N'));
     Join(*mgr, "127.0.0.6",
          JoinText("aa:06", "g-6", "Six",
                   "VOL: 99999999999999\r\nREQ_TS: " + std::string(200, '7') + "\r\n"));
     ASSERT_EQ(2, events.Count("Join "));
-    EXPECT_EQ("Join 0 127.0.0.5 " + std::string(19, 'M') + " " + std::string(39, 'G') + " " +
-                  std::string(243, 'N'),
+    EXPECT_EQ("Join 0 " + std::string(19, '1') + " " + std::string(19, 'M') + " " +
+                  std::string(39, 'G') + " " + std::string(243, 'N'),
               events.Lines()[0]);
     EXPECT_EQ(4, mgr->GetDeviceCount());
 }
@@ -384,17 +382,25 @@ TEST_F(Manager, StreamerAndDiscoveryEventsReachTheNotifier) {
     EXPECT_EQ(want, events.Lines());
 }
 
-TEST_F(Manager, GroupFileThroughAFreshManager) {
+TEST_F(Manager, GroupFileSavedAndLoadedByAFreshManager) {
     std::string a = AddReceiver(0), b = AddReceiver(1);
     int g1 = mgr->CreateGroup("Living");
-    int g2 = mgr->CreateGroup("Party");
+    int g2 = mgr->CreateGroup("Party\r\n[GROUP]\r\nname:forged");
     mgr->CreateGroup("Empty");
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_FRONT_LEFT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.3", b.c_str(), AV_CHANNEL_FRONT_RIGHT, 0));
     ASSERT_EQ(0, mgr->AddDevice(g2, "127.0.0.3", b.c_str(), AV_CHANNEL_PARTY, 1));
     TempDir dir;
-    ASSERT_EQ(0, mgr->SaveGroup(dir.path.c_str()));
-    EXPECT_EQ(1, mgr->SaveGroup("/nonexistent/dir"));
+    ASSERT_EQ(GROUP_RW_OK, mgr->SaveGroup(dir.path.c_str()));
+    EXPECT_EQ(GROUP_RW_ERR_FILE_OPEN, mgr->SaveGroup("/nonexistent/dir"));
+    // CR LF blocks in list and member order; a name cannot forge a block.
+    std::ifstream in(dir.path + "/multi_group_play.ini", std::ios::binary);
+    std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(
+        "[GROUP]\r\nname:Living\r\nmode:1\r\ndevice:aa:0|1|1\r\ndevice:aa:1|2|0\r\n"
+        "[GROUP]\r\nname:Party\r\nmode:2\r\ndevice:aa:1|7|1\r\n"
+        "[GROUP]\r\nname:Empty\r\nmode:0\r\n",
+        file);
     delete mgr;
     mgr = nullptr;
 
@@ -468,14 +474,11 @@ TEST_F(Manager, ContentQueriesAndTheirCache) {
     std::string wav = dir.path + "/song.wav";
     ASSERT_EQ(0, system(("cp " + fixtures + "/wav16_stereo_44k.wav " + wav).c_str()));
     EXPECT_EQ(0, mgr->IsContentValid(wav.c_str()));
-    EXPECT_EQ(0, mgr->IsContentValidFromMime(wav.c_str(), "audio/x-wav"));
     EXPECT_EQ(44100, mgr->GetContentSampleRate(wav.c_str()));
-    EXPECT_EQ(2, mgr->GetContentChannel(wav.c_str()));
-    // The same path again is answered from the cache, without the file.
+    // The same path again is answered from the cache, without the file; a
+    // fresh question about a file that is gone answers 0.
     ASSERT_EQ(0, unlink(wav.c_str()));
-    EXPECT_EQ(44100, mgr->GetContentSampleRate(wav.c_str()));
     EXPECT_EQ(2, mgr->GetContentChannel(wav.c_str()));
-    // A fresh question about a file that is gone answers 0.
     EXPECT_NE(0, mgr->IsContentValid(wav.c_str()));
     EXPECT_EQ(0, mgr->GetContentSampleRate(wav.c_str()));
 
@@ -483,7 +486,6 @@ TEST_F(Manager, ContentQueriesAndTheirCache) {
     EXPECT_EQ(22050, mgr->GetContentSampleRate(mp3.c_str()));
     EXPECT_EQ(1, mgr->GetContentChannel(mp3.c_str()));
     EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValid("/tmp/a.ogg"));
-    EXPECT_EQ(1, mgr->IsContentValid("/tmp/noextension"));
     EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValidFromMime(mp3.c_str(), "audio/ogg"));
     EXPECT_EQ(0, mgr->IsContentValidFromMime(mp3.c_str(), "audio/mpeg"));
 

@@ -9,6 +9,9 @@
 // Locks: gLogLock (guards gLog).
 #include <jni.h>
 #include <pthread.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <cstdint>
 #include <cstring>
@@ -219,6 +222,18 @@ jint JNICALL rxSendVolumeChanged(JNIEnv*, jclass, jlong h, jint volume) {
     return rxFromHandle(h)->SendVolumeChanged(volume);
 }
 
+// Bytes the C heap has handed out: mallinfo2 where glibc has it, mallinfo on
+// an older glibc; -1 under AddressSanitizer (its own allocator) and off glibc.
+jlong JNICALL nativeHeapBytes(JNIEnv*, jclass) {
+#if defined(__SANITIZE_ADDRESS__) || !defined(__GLIBC__)
+    return -1;
+#elif __GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33)
+    return static_cast<jlong>(mallinfo2().uordblks);
+#else
+    return static_cast<jlong>(static_cast<unsigned int>(mallinfo().uordblks));
+#endif
+}
+
 #define PROBE_METHOD(name, sig) \
     { const_cast<char*>(#name), const_cast<char*>(sig), reinterpret_cast<void*>(name) }
 
@@ -232,6 +247,7 @@ const JNINativeMethod kMethods[] = {
     PROBE_METHOD(rxReport, "(J)[I"),
     PROBE_METHOD(rxStartRole, "(J)Ljava/lang/String;"),
     PROBE_METHOD(rxSendVolumeChanged, "(JI)I"),
+    PROBE_METHOD(nativeHeapBytes, "()J"),
     PROBE_METHOD(create, "(Ljava/lang/Object;)J"),
     PROBE_METHOD(fire, "(JZI)V"),
     PROBE_METHOD(destroy, "(J)V"),

@@ -12,6 +12,7 @@ public final class JvmTests {
     public static void main(String[] args) throws Exception {
         if (args.length < 1) {
             System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress"
+                    + "|reentry|soak"
                     + " | without <callback method>");
             System.exit(2);
         }
@@ -39,6 +40,12 @@ public final class JvmTests {
                 break;
             case "stress":
                 StressTests.run();
+                break;
+            case "reentry":
+                ReentryTests.runReentry();
+                break;
+            case "soak":
+                ReentryTests.runSoak();
                 break;
             default:
                 System.out.println("unknown group " + args[0]);

@@ -60,6 +60,9 @@ final class NotifyProbe {
     /** The role the sender gave this receiver ("Front_Left", ...). */
     static native String rxStartRole(long receiver);
 
+    /** Bytes the C heap has handed out (mallinfo2), or -1 where that is not known. */
+    static native long nativeHeapBytes();
+
     /** Tells the sender this receiver's volume changed on the device. */
     static native int rxSendVolumeChanged(long receiver, int volume);
 }

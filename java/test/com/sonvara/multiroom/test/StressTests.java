@@ -104,6 +104,16 @@ final class StressTests {
         return String.format("02:00:00:00:00:%02x", r & 0xff);
     }
 
+    /** Prints every Java thread's stack and ends the VM: the engine is stuck. */
+    static void dumpAndHalt(String why) {
+        System.out.println("FAIL " + why);
+        for (Map.Entry<Thread, StackTraceElement[]> e : Thread.getAllStackTraces().entrySet()) {
+            System.out.println(e.getKey().getName());
+            for (StackTraceElement s : e.getValue()) System.out.println("    at " + s);
+        }
+        Runtime.getRuntime().halt(1);
+    }
+
     static void hammer(String what, List<IntConsumer> calls) throws Exception {
         AtomicInteger done = new AtomicInteger();
         List<Thread> threads = new ArrayList<>();
@@ -131,13 +141,8 @@ final class StressTests {
         for (Thread th : threads) th.join(Math.max(1, end - System.currentTimeMillis()));
         boolean stuck = threads.stream().anyMatch(Thread::isAlive);
         if (stuck) {
-            System.out.println("FAIL " + what + ": callers still running after "
-                    + DEADLINE_MS / 1000 + " s (deadlock?)");
-            for (Map.Entry<Thread, StackTraceElement[]> e : Thread.getAllStackTraces().entrySet()) {
-                System.out.println(e.getKey().getName());
-                for (StackTraceElement s : e.getValue()) System.out.println("    at " + s);
-            }
-            Runtime.getRuntime().halt(1);
+            dumpAndHalt(what + ": callers still running after " + DEADLINE_MS / 1000
+                    + " s (deadlock?)");
         }
         for (Throwable e : errors) e.printStackTrace(System.out);
         Check.eq(what + ": Java exceptions", 0, errors.size());
