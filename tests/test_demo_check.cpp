@@ -1,7 +1,7 @@
 // The demo's verdict logic on known data: per-role references from real
 // files must equal what the streamer's own readers and filters make, and the
 // packet-by-packet comparison must tell the faults a real run shows (late
-// start, underruns, seeks, a pause's cut) from wrong audio.
+// start, underruns, seeks) from wrong audio.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
@@ -167,20 +167,6 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     EXPECT_EQ(DEMO_EXACT_PART, m.verdict);
     EXPECT_EQ(30u * DEMO_PACKET_BYTES + 8, m.startOffset);
     EXPECT_EQ(0u, m.jumps);
-
-    // A pause that dropped a chunk for a full buffer: one packet is cut, and
-    // the stream goes on in a second exact run.
-    rx = packets(ref, 0, 10);
-    std::vector<unsigned char> cut = packets(ref, 10 * DEMO_PACKET_BYTES, 1);
-    cut.resize(600);
-    append(&cut, packets(ref, 14 * DEMO_PACKET_BYTES + 600 + 6144, 1));
-    cut.resize(DEMO_PACKET_BYTES);
-    append(&rx, cut);
-    append(&rx, packets(ref, 15 * DEMO_PACKET_BYTES + 6144, 10));
-    DemoCompare(ref, rx, 4, &m);
-    EXPECT_EQ(DEMO_EXACT_RUNS, m.verdict);
-    EXPECT_EQ(21u, m.matched);
-    EXPECT_EQ(1u, m.jumps);
 
     // The other channel, one flipped bit, nothing.
     DemoCompare(ref, packets(left, 0, 30), 4, &m);

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "PAL.h"
+#include "TempDir.h"
+#include "audio_check.h"
 #include "netns_rig.h"
 
 namespace {
@@ -26,56 +28,30 @@ void capture_line(const char* line, void* ctx) {
     c->lines.push_back(line);
 }
 
-class EnvVar {
-public:
-    EnvVar(const char* name, const char* value) : m_name(name) {
-        const char* old = getenv(name);
-        m_had = old != nullptr;
-        if (old) m_old = old;
-        if (value) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
-    }
-    ~EnvVar() {
-        if (m_had) {
-            setenv(m_name, m_old.c_str(), 1);
-        } else {
-            unsetenv(m_name);
-        }
-    }
-
-private:
-    const char* m_name;
-    bool m_had;
-    std::string m_old;
-};
-
 }  // namespace
 
 TEST(NicInfo, OverrideAndLoopbackFallback) {
     char mac[20];
     char ip[20];
-    {
-        // The namespace has nothing but lo: the fallback picks it.
-        EnvVar e("SONVARA_IFACE", nullptr);
-        ASSERT_NE(0, GetNICInfo(mac, ip));
-        EXPECT_STREQ("127.0.0.1", ip);
-        EXPECT_STREQ("00:00:00:00:00:00", mac);
-    }
-    {
-        EnvVar e("SONVARA_IFACE", "lo");
-        ASSERT_NE(0, GetNICInfo(mac, ip));
-        EXPECT_STREQ("127.0.0.1", ip);
-    }
-    {
-        // A named interface that does not exist is an error, not a guess.
-        EnvVar e("SONVARA_IFACE", "wlan-does-not-exist-and-is-far-too-long-for-a-name");
+    // The namespace has nothing but lo: the fallback picks it, as does naming
+    // it; a named interface that does not exist is an error, not a guess.
+    const char* ifaces[][2] = {{nullptr, "127.0.0.1"},
+                               {"lo", "127.0.0.1"},
+                               {"wlan-missing-and-far-too-long-for-a-name", ""}};
+    for (const auto& c : ifaces) {
+        if (c[0]) {
+            setenv("SONVARA_IFACE", c[0], 1);
+        } else {
+            unsetenv("SONVARA_IFACE");
+        }
         memset(ip, 'x', sizeof(ip));
-        EXPECT_EQ(0, GetNICInfo(mac, ip));
-        EXPECT_STREQ("", ip);
+        EXPECT_EQ(c[1][0] != 0, GetNICInfo(mac, ip) != 0) << c[1];
+        EXPECT_STREQ(c[1], ip);
+        if (!c[0]) {
+            EXPECT_STREQ("00:00:00:00:00:00", mac);
+        }
     }
+    unsetenv("SONVARA_IFACE");
     EXPECT_EQ(0, GetNICInfo(nullptr, ip));
     EXPECT_STREQ("", gmasterip);
 }
@@ -137,22 +113,19 @@ TEST(DebugUi, DISABLED_ChildLogsTwoLines) {
 }
 
 TEST(DebugUi, LogTargetComesFromTheEnvironment) {
-    char dir[] = "/tmp/sonvara-log-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    std::string path = std::string(dir) + "/engine.log";
+    TempDir dir;
+    std::string path = dir.path + "/engine.log";
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    ASSERT_GT(n, 0);
+    self[n] = 0;
     for (const char* target : {path.c_str(), "off"}) {
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
             setenv("SONVARA_LOG", target, 1);
-            const char* args[] = {sonvara_emulator(), "/proc/self/exe",
-                                  "--gtest_also_run_disabled_tests",
+            const char* args[] = {sonvara_emulator(), self, "--gtest_also_run_disabled_tests",
                                   "--gtest_filter=DebugUi.DISABLED_ChildLogsTwoLines", nullptr};
-            char self[4096];
-            ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-            if (n <= 0) _exit(127);
-            self[n] = 0;
-            args[1] = self;
             const char** argv = args[0] ? args : args + 1;
             execv(argv[0], const_cast<char* const*>(argv));
             _exit(127);
@@ -161,13 +134,7 @@ TEST(DebugUi, LogTargetComesFromTheEnvironment) {
         waitpid(pid, &status, 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    FILE* f = fopen(path.c_str(), "r");
-    ASSERT_NE(nullptr, f);
-    char text[256] = {0};
-    size_t n = fread(text, 1, sizeof(text) - 1, f);
-    fclose(f);
-    EXPECT_EQ(std::string("PlurafonMgr::CreateGroup+++\nPlurafonMgr::CreateGroup---\n"),
-              std::string(text, n));
-    unlink(path.c_str());
-    rmdir(dir);
+    std::vector<unsigned char> text = read_whole_file(path);
+    EXPECT_EQ("PlurafonMgr::CreateGroup+++\nPlurafonMgr::CreateGroup---\n",
+              std::string(text.begin(), text.end()));
 }

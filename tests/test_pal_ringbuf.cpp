@@ -1,6 +1,6 @@
-// The ring buffer under real threads: whole-or-nothing transfers, a writer
-// and a reader hammering it, resets under load, and the stamp / read-count
-// rules the play position is built on.
+// The ring buffer: whole-or-nothing transfers, the stamp / read-count rules
+// the play position is built on, and a writer and a reader hammering it
+// while a third thread resets it.
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -9,15 +9,6 @@
 #include <vector>
 
 #include "PAL.h"
-
-namespace {
-
-// Deterministic byte stream: byte i of the stream.
-unsigned char stream_byte(unsigned long long i) {
-    return (unsigned char)((i * 131u + (i >> 9)) & 0xff);
-}
-
-}  // namespace
 
 TEST(RingBuf, TransfersAreWholeOrNothingAndWrapCorrectly) {
     PAL_RINGBUF* rb = Pal_RingBufCreate(10);
@@ -112,99 +103,69 @@ TEST(RingBuf, StampAndReadCountFollowTheSeekRules) {
     Pal_RingBufClose(rb);
 }
 
-TEST(RingBuf, WriterAndReaderThreadsKeepTheStreamIntact) {
-    const unsigned long kCapacity = 409600;
-    const unsigned long long kTotal = 16ull * 1024 * 1024;
-    PAL_RINGBUF* rb = Pal_RingBufCreate(kCapacity);
+// A writer that sleeps until the reader made room, as the music source does,
+// and a reader of RTP-sized blocks; every byte of a block holds its number,
+// and the capacity is no multiple of the block, so transfers wrap mid-block.
+// First the stream must arrive whole and in order (a lost wake would show as
+// a time-out); then, with a third thread resetting the buffer, blocks may
+// vanish but none may arrive torn or out of step with the blocks.
+TEST(RingBuf, ThreadsKeepBlocksWholeAndInOrderThroughResets) {
+    const unsigned long kBlock = 1400, kPhase = 12000;
+    PAL_RINGBUF* rb = Pal_RingBufCreate(kBlock * 37 + 100);
     ASSERT_NE(nullptr, rb);
-
-    // The writer sleeps until the reader made room, as the music source does;
-    // a lost wake would show as a time-out (the reader never stops reading).
     PAL_SEM* room = nullptr;
     ASSERT_NE(0, PAL_SemCreate(&room, 0));
+    std::atomic<bool> stop{false}, resetting{false};
     std::atomic<int> lostWakes{0};
+    std::atomic<unsigned long> resets{0};
     std::thread writer([&] {
-        std::vector<unsigned char> chunk(4608);  // one decoded MP3 frame of stereo PCM
-        unsigned long long pos = 0;
-        while (pos < kTotal) {
-            unsigned long n =
-                (unsigned long)std::min<unsigned long long>(chunk.size() - (pos % 7), kTotal - pos);
-            for (unsigned long i = 0; i < n; i++) chunk[i] = stream_byte(pos + i);
-            if (Pal_RingBufWrite(rb, chunk.data(), n) == 0) {
-                pos += n;
-            } else if (Pal_RingBufNotifyRoom(rb, n, room) == 0 &&
+        std::vector<unsigned char> block(kBlock);
+        for (unsigned char seq = 0; !stop.load();) {
+            memset(block.data(), seq, kBlock);
+            if (Pal_RingBufWrite(rb, block.data(), kBlock) == 0) {
+                seq++;
+            } else if (Pal_RingBufNotifyRoom(rb, kBlock, room) == 0 &&
                        PAL_SemTimedWait(room, 10000) != 0) {
                 lostWakes++;
             }
         }
     });
-    unsigned long long got = 0;
-    unsigned long long mismatches = 0;
-    std::vector<unsigned char> pkt(1400);  // one RTP payload
-    while (got < kTotal) {
-        unsigned long n = (unsigned long)std::min<unsigned long long>(pkt.size(), kTotal - got);
-        if (Pal_RingBufRead(rb, pkt.data(), n) != 0) {
-            std::this_thread::yield();
-            continue;
-        }
-        for (unsigned long i = 0; i < n; i++) mismatches += pkt[i] != stream_byte(got + i);
-        got += n;
-    }
-    writer.join();
-    PAL_SemDelete(room);
-    EXPECT_EQ(0, lostWakes.load());
-    EXPECT_EQ(0ull, mismatches);
-    EXPECT_EQ(0ul, Pal_RingBufUsed(rb));
-    EXPECT_EQ((unsigned long)kTotal, Pal_RingBufGetReadSize(rb));
-    Pal_RingBufClose(rb);
-}
-
-// Writer blocks carry their own sequence number in every byte, so a reader
-// can tell a torn block (part old, part new) from whole ones even while a
-// third thread resets the buffer.
-TEST(RingBuf, ResetUnderLoadNeverTearsABlock) {
-    const unsigned long kBlock = 1400;
-    PAL_RINGBUF* rb = Pal_RingBufCreate(kBlock * 37);
-    ASSERT_NE(nullptr, rb);
-    std::atomic<bool> stop(false);
-    std::atomic<unsigned long> resets(0);
-
-    std::thread writer([&] {
-        std::vector<unsigned char> block(kBlock);
-        unsigned char seq = 0;
-        while (!stop.load()) {
-            memset(block.data(), seq, kBlock);
-            if (Pal_RingBufWrite(rb, block.data(), kBlock) == 0) seq++;
-        }
-    });
     std::thread resetter([&] {
-        while (!stop.load()) {
-            Pal_RingBufReset(rb);
-            resets++;
-            PAL_ThreadSleep(1);
+        for (; !stop.load(); PAL_ThreadSleep(1)) {
+            if (resetting.load()) {
+                Pal_RingBufReset(rb);
+                resets++;
+            }
         }
     });
     std::vector<unsigned char> block(kBlock);
-    unsigned long reads = 0;
-    unsigned long torn = 0;
+    unsigned long reads = 0, torn = 0, outOfOrder = 0, misaligned = 0;
+    unsigned char expect = 0;
     unsigned int start = PAL_GetClock();
-    while (reads < 20000 && PAL_GetClock() - start < 20000) {
-        if (Pal_RingBufRead(rb, block.data(), kBlock) != 0) continue;
-        reads++;
-        for (unsigned long i = 1; i < kBlock; i++) {
-            if (block[i] != block[0]) {
-                torn++;
-                break;
-            }
+    while ((reads < 2 * kPhase || resets.load() < 20) && PAL_GetClock() - start < 60000) {
+        if (Pal_RingBufRead(rb, block.data(), kBlock) != 0) {
+            std::this_thread::yield();
+            continue;
         }
-        // Reads must stay aligned to blocks, whatever the resets did.
-        EXPECT_EQ(0ul, Pal_RingBufUsed(rb) % kBlock);
+        torn += memcmp(block.data(), block.data() + 1, kBlock - 1) != 0;
+        outOfOrder += !resetting.load() && block[0] != expect;
+        misaligned += Pal_RingBufUsed(rb) % kBlock != 0;
+        expect = (unsigned char)(block[0] + 1);
+        if (++reads == kPhase) {
+            EXPECT_EQ(kPhase * kBlock, Pal_RingBufGetReadSize(rb));
+            resetting = true;
+        }
     }
     stop = true;
+    Pal_RingBufReset(rb);  // wakes a writer waiting for room
     writer.join();
     resetter.join();
-    EXPECT_GT(reads, 100ul);
-    EXPECT_GT(resets.load(), 10ul);
+    PAL_SemDelete(room);
+    EXPECT_GE(reads, 2 * kPhase);
+    EXPECT_GE(resets.load(), 20ul);
+    EXPECT_EQ(0, lostWakes.load());
     EXPECT_EQ(0ul, torn);
+    EXPECT_EQ(0ul, outOfOrder);
+    EXPECT_EQ(0ul, misaligned);
     Pal_RingBufClose(rb);
 }

@@ -45,83 +45,62 @@ int group_listener(unsigned short port) {
 
 }  // namespace
 
-TEST(PalSocket, OneGroupDatagramReachesEverySocketBoundToTheGroupPort) {
+TEST(PalSocket, GroupAndUnicastDatagramsWithTheirSource) {
     const unsigned short port = 41234;
     int a = group_listener(port);
     int b = group_listener(port);
     ASSERT_GE(a, 0);
     ASSERT_GE(b, 0);
-
     // The sender never joins: it only names the interface to send from.
     int tx = PAL_SockCreate(PAL_SOCK_UDP);
-    ASSERT_GE(tx, 0);
-    ASSERT_EQ(0, PAL_SockOpen(tx, kPhone, 0, PAL_SOCK_UDP, PAL_NET_UNI));
+    ASSERT_EQ(0, PAL_SockOpen(tx, "127.0.0.3", 9090, PAL_SOCK_UDP, PAL_NET_UNI));
     ASSERT_EQ(0, PAL_SockSetMulticastIf(tx, kPhone));
     ASSERT_EQ(6, PAL_SockWrite(tx, PAL_SOCK_UDP, "SEARCH", 6, kGroup, port));
     EXPECT_EQ("SEARCH", recv_text(a, 5000));
     EXPECT_EQ("SEARCH", recv_text(b, 5000));
 
     // A unicast datagram to the same port is not the group's: the group
-    // sockets do not hear it, a unicast socket sharing the port does.
-    int uni = PAL_SockCreate(PAL_SOCK_UDP);
-    ASSERT_EQ(0, PAL_SockServerOpen(uni, nullptr, port, PAL_SOCK_UDP, PAL_NET_UNI));
-    ASSERT_EQ(5, PAL_SockWrite(tx, PAL_SOCK_UDP, "hello", 5, kPhone, port));
-    EXPECT_EQ("hello", recv_text(uni, 5000));
+    // sockets do not hear it; of two unicast sockets sharing the port (two
+    // streamers) the kernel hands it to one, with its source.
+    int uni[2];
+    for (int& u : uni) {
+        u = PAL_SockCreate(PAL_SOCK_UDP);
+        ASSERT_EQ(0, PAL_SockServerOpen(u, kPhone, port, PAL_SOCK_UDP, PAL_NET_UNI));
+    }
+    std::vector<unsigned char> dgram(1412), in(2000);
+    for (size_t i = 0; i < dgram.size(); i++) dgram[i] = (unsigned char)i;
+    PAL_SOCK_DEST dest;
+    ASSERT_EQ(0, PAL_SockDestSet(&dest, kPhone, port));
+    for (int round = 0; round < 2; round++) {
+        // Addressed by text, then through a destination resolved once.
+        ASSERT_EQ(1412, round ? PAL_SockWriteDest(tx, dgram.data(), 1412, &dest)
+                              : PAL_SockWrite(tx, PAL_SOCK_UDP, dgram.data(), 1412, kPhone, port));
+        struct pollfd pfds[2] = {{uni[0], POLLIN, 0}, {uni[1], POLLIN, 0}};
+        ASSERT_EQ(1, poll(pfds, 2, 5000));
+        int got = (pfds[0].revents & POLLIN) ? uni[0] : uni[1];
+        char fromIp[20];
+        memset(fromIp, 'x', sizeof(fromIp));
+        unsigned short fromPort = 0;
+        ASSERT_EQ(1412, PAL_SockRecvFrom(got, in.data(), (int)in.size(), fromIp, &fromPort));
+        EXPECT_EQ(0, memcmp(in.data(), dgram.data(), 1412));
+        EXPECT_STREQ("127.0.0.3", fromIp);
+        EXPECT_EQ(9090, fromPort);
+    }
     EXPECT_EQ("", recv_text(a, 200));
+    EXPECT_EQ(-1, PAL_SockDestSet(&dest, "127.0.0.300", 15000));
+    EXPECT_EQ(-1, PAL_SockDestSet(&dest, nullptr, 15000));
+    // Non-blocking with nothing queued: -1 at once.
+    ASSERT_EQ(0, PAL_SetBlockingMode(uni[0], 0));
+    EXPECT_EQ(-1, PAL_SockRead(uni[0], PAL_SOCK_UDP, in.data(), 10));
+    EXPECT_EQ(-1, PAL_SockRecvFrom(uni[0], in.data(), 10, nullptr, nullptr));
 
-    // Leaving works once; a second leave has nothing to drop.
+    // Leaving works once; a second leave has nothing to drop; a group socket
+    // needs the group's address.
     EXPECT_EQ(0, PAL_SockLeaveGroup(b, kGroup, kPhone));
     EXPECT_EQ(-1, PAL_SockLeaveGroup(b, kGroup, kPhone));
     int nogroup = PAL_SockCreate(PAL_SOCK_UDP);
     EXPECT_EQ(-1, PAL_SockServerOpen(nogroup, nullptr, port, PAL_SOCK_UDP, PAL_NET_MULTI));
-    PAL_SockClose(nogroup);
-    for (int s : {a, b, tx, uni}) EXPECT_EQ(0, PAL_SockClose(s));
-}
-
-TEST(PalSocket, UnicastDatagramsReportTheirSource) {
-    int rx = PAL_SockCreate(PAL_SOCK_UDP);
-    int rx2 = PAL_SockCreate(PAL_SOCK_UDP);
-    int tx = PAL_SockCreate(PAL_SOCK_UDP);
-    ASSERT_GE(rx, 0);
-    // Two streamers share the stream port.
-    ASSERT_EQ(0, PAL_SockServerOpen(rx, kPhone, 15000, PAL_SOCK_UDP, PAL_NET_UNI));
-    ASSERT_EQ(0, PAL_SockServerOpen(rx2, kPhone, 15000, PAL_SOCK_UDP, PAL_NET_UNI));
-    ASSERT_EQ(0, PAL_SockOpen(tx, "127.0.0.3", 9090, PAL_SOCK_UDP, PAL_NET_UNI));
-
-    std::vector<unsigned char> dgram(1412);
-    for (size_t i = 0; i < dgram.size(); i++) dgram[i] = (unsigned char)i;
-    ASSERT_EQ(1412, PAL_SockWrite(tx, PAL_SOCK_UDP, dgram.data(), 1412, kPhone, 15000));
-    // With SO_REUSEPORT the kernel hands the datagram to one of the two.
-    struct pollfd pfds[2] = {{rx, POLLIN, 0}, {rx2, POLLIN, 0}};
-    ASSERT_EQ(1, poll(pfds, 2, 5000));
-    int got = (pfds[0].revents & POLLIN) ? rx : rx2;
-    std::vector<unsigned char> in(2000);
-    char fromIp[20];
-    memset(fromIp, 'x', sizeof(fromIp));
-    unsigned short fromPort = 0;
-    ASSERT_EQ(1412, PAL_SockRecvFrom(got, in.data(), (int)in.size(), fromIp, &fromPort));
-    EXPECT_EQ(0, memcmp(in.data(), dgram.data(), 1412));
-    EXPECT_STREQ("127.0.0.3", fromIp);
-    EXPECT_EQ(9090, fromPort);
-
-    // A destination resolved once carries the same datagram; a bad address
-    // resolves to nothing that can be sent to.
-    PAL_SOCK_DEST dest;
-    ASSERT_EQ(0, PAL_SockDestSet(&dest, kPhone, 15000));
-    ASSERT_EQ(1412, PAL_SockWriteDest(tx, dgram.data(), 1412, &dest));
-    ASSERT_EQ(1, poll(pfds, 2, 5000));
-    got = (pfds[0].revents & POLLIN) ? rx : rx2;
-    ASSERT_EQ(1412, PAL_SockRead(got, PAL_SOCK_UDP, in.data(), (int)in.size()));
-    EXPECT_EQ(0, memcmp(in.data(), dgram.data(), 1412));
-    EXPECT_EQ(-1, PAL_SockDestSet(&dest, "127.0.0.300", 15000));
-    EXPECT_EQ(-1, PAL_SockDestSet(&dest, nullptr, 15000));
-
-    // Non-blocking with nothing queued: -1 at once.
-    ASSERT_EQ(0, PAL_SetBlockingMode(rx, 0));
-    EXPECT_EQ(-1, PAL_SockRead(rx, PAL_SOCK_UDP, in.data(), 10));
-    EXPECT_EQ(-1, PAL_SockRecvFrom(rx, in.data(), 10, nullptr, nullptr));
-
-    for (int s : {rx, rx2, tx}) PAL_SockClose(s);
+    for (int s : {a, b, tx, uni[0], uni[1], nogroup}) EXPECT_EQ(0, PAL_SockClose(s));
 }
 
 TEST(PalSocket, TcpControlConnection) {

@@ -91,16 +91,9 @@ TEST(PlayScheduler, StartsOnTheExactFrameAndFillsGapsWithSilence) {
     while (late.out[first] == 0) first++;
     EXPECT_EQ((uint32_t)(5 * kFpp + 1), late.out[first]);
     EXPECT_NEAR(0.68 * kRate / 1000, (double)first, 1.0);
-
-    // Starting after the stream's start: skips to the frame that is due.
-    s = make();
-    st.PushRange(s, 0, 60);
-    Device behind(100100000LL, 0);
-    behind.Write(s, 441);
-    EXPECT_EQ((uint32_t)(kRate / 10 + 1), behind.out[0]);
 }
 
-TEST(PlayScheduler, CorrectsSmallErrorsFrameByFrameAndJumpsOverLargeOnes) {
+TEST(PlayScheduler, CorrectsASmallErrorFrameByFrame) {
     PlayScheduler* s = make();
     Stream st = {7, 5000, 0};
     Device d(5000000LL);
@@ -132,33 +125,4 @@ TEST(PlayScheduler, CorrectsSmallErrorsFrameByFrameAndJumpsOverLargeOnes) {
     }
     long long playing = (long long)d.out.size() - 1;
     EXPECT_NEAR((double)(playing - d.delay) + 0.001 * kRate, (double)d.out.back() - 441 - 1, 12.0);
-
-    // A step of 50 ms back: silence until the stream is due again, nothing
-    // played twice; 30 ms forward: skipped at once.
-    unsigned int dropped = r.dropped, inserted = r.inserted;
-    size_t mark = d.out.size();
-    d.clockErrUs -= 50000;
-    run(10);
-    d.clockErrUs += 30000;
-    run(10);
-    EXPECT_EQ(2u, r.resyncs);
-    EXPECT_NEAR(80.0 * kRate / 1000, (double)r.resyncFrames, 2.0);
-    EXPECT_LE(r.dropped + r.inserted - dropped - inserted, 2u);
-    size_t zeros = 0;
-    uint32_t prev = d.out[mark - 1];
-    for (size_t i = mark; i < d.out.size(); i++) {
-        if (d.out[i] == 0) {
-            zeros++;
-            continue;
-        }
-        ASSERT_GT(d.out[i], prev) << i;
-        prev = d.out[i];
-    }
-    EXPECT_NEAR(50.0 * kRate / 1000, (double)zeros, 2.0);
-
-    // An underrun: the device lost 100 ms (its clock ran on while it was
-    // not fed); the stream continues at the frame due now.
-    d.masterStartUs += 100000;
-    run(2);
-    EXPECT_EQ(3u, r.resyncs);
 }

@@ -13,7 +13,9 @@
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
+#include "TempDir.h"
 #include "TimeSyncInitiator.h"
+#include "audio_check.h"
 
 namespace {
 
@@ -114,7 +116,7 @@ std::string reply_to(int fd, const char* method, std::string reply) {
 
 // RTP straight to an emulator's client port: payload byte i of packet seq is
 // fill + i (0 = a silent packet); ts follows the sequence at 44.1 kHz 16-bit
-// stereo, tsSkew ms off when given.
+// stereo from 5000 ms on, tsSkew ms off when given.
 void send_rtp(int sock, const struct sockaddr_in& to, unsigned int seq, unsigned char fill,
               size_t len = 1412, int pt = 96, int tsSkew = 0, unsigned char first = 0x80) {
     std::vector<unsigned char> p(len, fill);
@@ -207,13 +209,11 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsAndRequestsByteForByte) {
     EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
 }
 
-TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
-    char path[] = "/tmp/rx-wav-XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
+TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
+    TempDir dir;
+    const std::string path = dir.path + "/received.wav";
     ReceiverConfig cfg = config("127.0.0.2");
-    rx_copy_text(cfg.wavPath, sizeof(cfg.wavPath), path);
+    rx_copy_text(cfg.wavPath, sizeof(cfg.wavPath), path.c_str());
     ReceiverEmulator rx(cfg);
     ASSERT_EQ(0, rx.Start());
     ScriptedSender tx;
@@ -223,7 +223,7 @@ TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
     // START and a setting command in one write: the receiver must split them.
     send_text(tx.conn, "START\r\nRef: 127.0.0.2:5000\r\nRole: Woofer\r\n\r\nVOLUME: 11\r\n\r\n");
     const std::string sdp =
-        "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L16/22050/2\r\ni=Song \xc3\xa9t\xc3\xa9\r\n";
+        "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L16/44100/2\r\ni=Song \xc3\xa9t\xc3\xa9\r\n";
     reply_to(tx.conn, "DESCRIBE ",
              "RTSP/1.0 200 OK\r\nCseq: %d\r\nContent-Type: application/sdp\r\nContent-Length: " +
                  std::to_string(sdp.size()) + "\r\n\r\n" + sdp + "DEVICETYPE: 4\r\n\r\n");
@@ -240,7 +240,7 @@ TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
     ASSERT_TRUE(rx.WaitForCommand("UITYPE", 3000));
     ReceiverReport r = rx.Report();
     EXPECT_EQ(0u, r.handshakeErrors) << (r.nErrors ? r.errors[0] : "");
-    EXPECT_EQ(22050, r.sdpRate);
+    EXPECT_EQ(44100, r.sdpRate);
     EXPECT_EQ(16, r.sdpBits);
     EXPECT_STREQ("Song \xc3\xa9t\xc3\xa9", r.sdpTitle);
     EXPECT_STREQ("Woofer", r.startRole);
@@ -254,16 +254,39 @@ TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
     for (int i = 0; i < 5; i++) EXPECT_STREQ(order[i], cmds[i].keyword);
     EXPECT_EQ(11, cmds[1].value);
 
-    // Every payload lands in memory and in the WAV file, byte for byte.
+    // Every payload lands in memory, byte for byte, across the sequence's wrap.
     int sock = rx_udp_bind("127.0.0.1", 0);
     struct sockaddr_in to;
     rx_sockaddr("127.0.0.2", rx.RtpPort(), &to);
-    for (unsigned int s = 1; s <= 20; s++) send_rtp(sock, to, s, (unsigned char)s);
-    close(sock);
-    ASSERT_TRUE(rx.WaitForPackets(20, 3000));
+    for (unsigned int k = 0; k < 10; k++)
+        send_rtp(sock, to, (65530 + k) & 0xFFFF, (unsigned char)(k + 1));
+    ASSERT_TRUE(rx.WaitForPackets(10, 3000));
     std::vector<unsigned char> pcm = rx.Pcm();
-    ASSERT_EQ(20u * 1400, pcm.size());
-    for (unsigned int s = 1; s <= 20; s++) EXPECT_EQ((unsigned char)(s + 12), pcm[(s - 1) * 1400]);
+    ASSERT_EQ(10u * 1400, pcm.size());
+    for (unsigned int k = 0; k < 10; k++) EXPECT_EQ((unsigned char)(k + 13), pcm[k * 1400]);
+    // Every fault in the stream is counted.
+    send_rtp(sock, to, 7, 1);                      // 4, 5, 6 lost
+    send_rtp(sock, to, 8, 0);                      // silent
+    send_rtp(sock, to, 9, 1, 1000);                // short
+    send_rtp(sock, to, 10, 1, 1412, 97);           // wrong payload type
+    send_rtp(sock, to, 11, 1, 1412, 96, 0, 0xA0);  // padding bit: not version-2-plain
+    send_rtp(sock, to, 8, 1);                      // repeated
+    send_rtp(sock, to, 12, 1);
+    send_rtp(sock, to, 13, 1, 1412, 96, 5);  // 5 ms off its place on the sender's clock
+    close(sock);
+    ASSERT_TRUE(rx.WaitForPackets(14, 3000));
+    r = rx.Report();
+    EXPECT_EQ(14u, r.packets);
+    EXPECT_EQ(2u, r.seqGaps);  // 7 after 3, and 12 after 8 (9-11 were unusable)
+    EXPECT_EQ(6u, r.lostPackets);
+    EXPECT_EQ(1u, r.badLength);
+    EXPECT_EQ(1u, r.badPayloadType);
+    EXPECT_EQ(1u, r.badVersion);
+    EXPECT_EQ(1u, r.outOfOrder);
+    EXPECT_EQ(1u, r.silentPackets);
+    EXPECT_EQ(1u, r.timestampErrors);
+    EXPECT_EQ(13, r.lastSeq);
+    pcm = rx.Pcm();
 
     close(tx.conn);  // the sender closing the connection is seen
     tx.conn = -1;
@@ -276,48 +299,12 @@ TEST(ReceiverEmulator, HandshakeCommandsAndByteExactCapture) {
     };
     le(36 + (unsigned int)pcm.size(), 4);
     want += "WAVEfmt ";
-    le(16, 4), le(1, 2), le(2, 2), le(22050, 4), le(22050 * 4, 4), le(4, 2), le(16, 2);
+    le(16, 4), le(1, 2), le(2, 2), le(44100, 4), le(44100 * 4, 4), le(4, 2), le(16, 2);
     want += "data";
     le((unsigned int)pcm.size(), 4);
     want.append(pcm.begin(), pcm.end());
-    std::string file;
-    FILE* f = fopen(path, "rb");
-    ASSERT_NE(nullptr, f);
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;) file.append(buf, n);
-    fclose(f);
-    unlink(path);
-    EXPECT_TRUE(want == file) << file.size() << " bytes";
-}
-
-TEST(ReceiverEmulator, RtpChecksCatchGapsWrongLengthAndPayloadType) {
-    ReceiverEmulator rx(config("127.0.0.2"));
-    ASSERT_EQ(0, rx.Start());
-    int sock = rx_udp_bind("127.0.0.1", 0);
-    struct sockaddr_in to;
-    rx_sockaddr("127.0.0.2", rx.RtpPort(), &to);
-    for (unsigned int s = 65530; s != 4; s = (s + 1) & 0xFFFF) send_rtp(sock, to, s, 1);  // wraps
-    send_rtp(sock, to, 7, 1);                      // 4, 5, 6 lost
-    send_rtp(sock, to, 8, 0);                      // silent
-    send_rtp(sock, to, 9, 1, 1000);                // short
-    send_rtp(sock, to, 10, 1, 1412, 97);           // wrong payload type
-    send_rtp(sock, to, 11, 1, 1412, 96, 0, 0xA0);  // padding bit: not version-2-plain
-    send_rtp(sock, to, 8, 1);                      // repeated
-    send_rtp(sock, to, 12, 1);
-    send_rtp(sock, to, 13, 1, 1412, 96, 5);  // 5 ms off its place on the sender's clock
-    close(sock);
-    ASSERT_TRUE(rx.WaitForPackets(14, 3000));
-    ReceiverReport r = rx.Report();
-    EXPECT_EQ(14u, r.packets);
-    EXPECT_EQ(2u, r.seqGaps);  // 7 after 3, and 12 after 8 (9-11 were unusable)
-    EXPECT_EQ(6u, r.lostPackets);
-    EXPECT_EQ(1u, r.badLength);
-    EXPECT_EQ(1u, r.badPayloadType);
-    EXPECT_EQ(1u, r.badVersion);
-    EXPECT_EQ(1u, r.outOfOrder);
-    EXPECT_EQ(1u, r.silentPackets);
-    EXPECT_EQ(1u, r.timestampErrors);
-    EXPECT_EQ(13, r.lastSeq);
+    std::vector<unsigned char> file = read_whole_file(path);
+    EXPECT_TRUE(std::string(file.begin(), file.end()) == want) << file.size() << " bytes";
 }
 
 TEST(ReceiverEmulator, HostileBytesAreReportedNeverFatal) {

@@ -3,9 +3,8 @@
 // each playing through ALSA's `default`, which its own configuration routes
 // to the `file` plugin over the clock-paced speaker (sonvara_clock). The
 // written files must hold each role's audio bit-exact apart from the frames
-// the scheduler reports it inserted or dropped (and, for the speaker whose
-// process is stopped for a while, the jump after its underrun), and the
-// content must start on the shared clock, within 1 ms, in both.
+// the scheduler reports it inserted or dropped (and any jump it reports), and
+// the content must start on the shared clock, within 1 ms, in both.
 #include <arpa/inet.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -134,15 +133,6 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
     ASSERT_EQ(0, st.AVStreamerInit(&ri, &mi, 0));
     ASSERT_EQ(0, st.AVStreamerOpen(31554, 35000, "224.1.2.4:1234", 9, 0));
     ASSERT_EQ(0, st.ReceiverSearch(&ri));
-    // Front right's machine stalls for 300 ms in the middle of the content:
-    // its device runs dry, restarts and the stream goes on at the due frame.
-    for (int i = 0; i < 200 && access((sp[1].base + ".starts").c_str(), F_OK) != 0; i++) {
-        PAL_ThreadSleep(50);
-    }
-    PAL_ThreadSleep(2000);
-    kill(sp[1].pid, SIGSTOP);
-    PAL_ThreadSleep(300);
-    kill(sp[1].pid, SIGCONT);
     StreamerEvent e;
     EXPECT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 30000, &e));
     PAL_ThreadSleep(1500);  // the last packets are due a second after they were sent
@@ -173,10 +163,6 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
         EXPECT_EQ(json_number(json, "play_dropped"), (double)m.dropped);
         // Jumps happen only when the machine stalls a player; they are
         // counted too, and then account for what was skipped or held back.
-        if (k == 1) {
-            EXPECT_GE(json_number(json, "play_underruns"), 1.0);
-            EXPECT_LE(json_number(json, "play_underruns"), 3.0);  // restarted cleanly
-        }
         if (json_number(json, "play_resyncs") == 0) {
             EXPECT_EQ(0u, m.skipped + m.silence);
         } else {
@@ -197,9 +183,6 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
             startUs[k], (unsigned int)json_number(json, "first_timestamp"), net.startFrame, 44100);
         EXPECT_GT(offUs, -1000) << "content started " << offUs << " us before its time stamp";
         EXPECT_LT(offUs, 2000) << "content started " << offUs << " us after its time stamp";
-        printf("%s: start %+lld us after its time stamp, %u inserted, %u dropped, %.0f resyncs\n",
-               sp[k].role, offUs, m.inserted, m.dropped, json_number(json, "play_resyncs"));
     }
     EXPECT_LE(llabs(startUs[0] - startUs[1]), 1000) << "the two speakers started apart";
-    printf("the two speakers started %+lld us apart\n", startUs[1] - startUs[0]);
 }
