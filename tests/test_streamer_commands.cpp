@@ -124,6 +124,8 @@ TEST_F(StreamerCommands, PlaybackCommandsFollowTheStateTableAndBroadcastRules) {
     st->AVStreamerSeek(5);
     st->AVStreamerStop();
     expectAll("", {});
+    EXPECT_FALSE(st->canAction(-1));
+    EXPECT_FALSE(st->canAction(STREAM_ACTION_MAX));
 
     st->SetStreamState(STREAM_STATE_OPEN);
     st->AVStreamerPause();
