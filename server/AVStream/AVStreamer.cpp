@@ -56,6 +56,9 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     } else {
         m_wakeFd[0] = m_wakeFd[1] = -1;  // the control server then waits out its deadlines
     }
+    // The feed lock and the music source's wake-up live with the object too.
+    if (!PAL_MutexCreate(&m_pFeedLock)) m_pFeedLock = nullptr;
+    if (!PAL_SemCreate(&m_pMusicWakeSem, 0)) m_pMusicWakeSem = nullptr;
     // What does not start at zero.
     m_unSyncSeqNum = 1;
     mp3BitrateIdx = 15;  // invalid header values: format not known yet
@@ -76,6 +79,8 @@ CAVStreamer::~CAVStreamer() {
     }
     for (int fd : m_wakeFd)
         if (fd >= 0) close(fd);
+    if (m_pMusicWakeSem != nullptr) PAL_SemDelete(m_pMusicWakeSem);
+    if (m_pFeedLock != nullptr) PAL_MutexDelete(m_pFeedLock);
 }
 
 void CAVStreamer::_session_clear(int index) {
@@ -92,6 +97,7 @@ void CAVStreamer::_session_clear(int index) {
     s.bIsSync = 0;
     s.hTcpClientSock = -1;  // no connection
     s._rtp_sock = -1;
+    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));
     s.nDeviceVolume = 0;
     s.uwClientRtpPort = 0;
     s.uwClientRtcpPort = 0;
@@ -107,8 +113,9 @@ void CAVStreamer::_session_clear(int index) {
 
 // The one list of the streamer's starting values: every member zero, null,
 // false or "none", the per-playback part by _reset_stream (which init runs
-// again). The session mutexes, the outgoing queues and the wake-up pipe live
-// with the object and are not touched.
+// again). The session mutexes, the outgoing queues, the wake-up pipe, the
+// feed lock and the music source's wake-up live with the object and are not
+// touched.
 void CAVStreamer::AVStreamerSetDefault() {
     m_NotifyMsg = nullptr;
     m_pParent = nullptr;
@@ -144,6 +151,8 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_nVolume = 0;
     m_unSearchBaseClock = 0;
     m_NumChannels = 0;
+    memset(&m_logReadError, 0, sizeof(m_logReadError));
+    memset(&m_logSendError, 0, sizeof(m_logSendError));
     mp3FrameStartPos = 0;
     mp3LayerIdx = 0;
     mp3BitrateIdx = 0;
@@ -156,8 +165,7 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_pendingProgress = 0;
     m_bProgressDue = false;
     m_rtpOutSock = -1;  // nothing to send
-    m_rtpOutPort = 0;
-    memset(m_rtpOutIp, 0, sizeof(m_rtpOutIp));
+    memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
     _reset_stream();
 }
 
@@ -256,6 +264,7 @@ int CAVStreamer::_receiver_release_l(int index) {
     s.bIsPlayable = false;
     s.bActive = false;
     s.bIsSync = 0;
+    memset(&s._rtp_dest, 0, sizeof(s._rtp_dest));  // the slot's next receiver is resolved anew
     debug_UI("[_receiver_release_l] m_AVRcvSessInfo.nAVRcvSessCnt %d",
              (int)m_AVRcvSessInfo.nAVRcvSessCnt);
     int top = index + 1;

@@ -52,6 +52,13 @@ class MP3Parser;
 #define AV_OUT_STALL_MS 3000
 // A seek waits this long for the music source and the stream thread.
 #define AV_SEEK_WAIT_MS 3000
+// The music source sleeps at most this long (waiting for room in a
+// receiver's buffer, for the stream to start, for a resume) before it looks
+// at every buffer and flag again; whatever it waits for also wakes it.
+#define AV_MUSIC_WAIT_MS 200
+// It waits for room for this much beyond the chunk (about 0.19 s at 44.1 kHz
+// stereo), so that one wake moves several chunks.
+#define AV_MUSIC_ROOM_BATCH 32768
 
 // Streamer state, gated by canAction().
 typedef enum _STATE {
@@ -117,6 +124,7 @@ typedef struct _AV_RCV_SESS {
     std::atomic<uint8_t> bIsSync;         // lined up with the group's stream position
     std::atomic<int32_t> hTcpClientSock;  // accepted control connection, -1 when none
     int32_t _rtp_sock;                    // RTP socket, -1 when none
+    PAL_SOCK_DEST _rtp_dest;  // pReceiverIP:uwClientRtpPort, resolved at the first packet
     uint16_t nDeviceVolume;
     uint16_t uwClientRtpPort;
     uint16_t uwClientRtcpPort;
@@ -380,12 +388,25 @@ private:
     int m_wakeFd[2];             // pipe: other threads wake the control server with a byte
     uint32_t m_pendingProgress;  // progress found by SendRTP, raised after the pass
     bool m_bProgressDue;
+    // Held by the music source while it writes one chunk into the receivers'
+    // buffers (one after the other, never waiting), and by the stream thread
+    // while it compares two buffers' fill levels to line a receiver up:
+    // levels taken half-way through a chunk belong to different chunks.
+    // Lives as long as the streamer.
+    PAL_MUTEX* m_pFeedLock;
     // The packet SendRTP made ready in m_pSendBuf, sent by the stream thread
     // once the session lock is released (the RTP socket lives as long as
     // the slot's thread does, so the descriptor stays valid).
     int m_rtpOutSock;  // -1: nothing to send
-    uint16_t m_rtpOutPort;
-    char m_rtpOutIp[AV_IP_LEN];
+    PAL_SOCK_DEST m_rtpOutDest;
+    // Faults the pacing path can meet on every packet, logged at most once
+    // a second each.
+    DEBUG_UI_RATE m_logReadError;
+    DEBUG_UI_RATE m_logSendError;
+    // The music source sleeps on it; a ring buffer's reader that made room,
+    // a seek, pause, resume, the stream start and the close signal it. Lives
+    // as long as the streamer (null: the music source sleeps in 5 ms steps).
+    PAL_SEM* m_pMusicWakeSem;
 
     // Content and stream set-up (AVStreamerOpen.cpp).
     bool _is_mime(const char* mime);
@@ -399,6 +420,8 @@ private:
     void _music_seek();
     long _read_chunk(char* origin);
     bool _wait_for_room(long n);
+    void _music_idle(unsigned int ms);
+    void _wake_music_source();
     const char* _convert_for(int index, char* origin, long n, char* divide, unsigned long* len);
     bool _drained(long nReadSize, int* nCntReadEnd, unsigned int* unEndStartClk);
 

@@ -203,6 +203,7 @@ void CAVStreamer::AVStreamerSeek(int offset) {
     // seek cannot be wiped out.
     _bseek_complete = false;
     bSeekReqMusicSrcT = true;
+    _wake_music_source();
     debug_UI("xxxseek [AVStreamerSeek] bSeekReqMusicSrcT = TRUE set");
     // Bounded: the application must get its call back whatever the receivers
     // do. At the bound the receivers are told to seek anyway; the music source
@@ -244,6 +245,7 @@ void CAVStreamer::AVStreamerPause() {
     }
     SetStreamState(STREAM_STATE_PAUSE);
     _bpause = true;
+    _wake_music_source();  // a chunk waiting for room is abandoned now
     ReceiverPauseRequest(-1);
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerPause() End", m_groupId);
 }
@@ -265,6 +267,7 @@ void CAVStreamer::AVStreamerResume() {
     }
     SetStreamState(STREAM_STATE_RESUME);
     _bpause = false;
+    _wake_music_source();
     ReceiverResumeRequest();
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerResume() End", m_groupId);
 }

@@ -5,7 +5,11 @@
 //
 // Allocates its two work buffers once per thread (nothing per chunk).
 // Runs on: MusicSourceThread (started by AVStreamerInit).
-// Locks: a session's `_lpmutex` only while scanning for the end of a seek.
+// Locks: a session's `_lpmutex` only while scanning for the end of a seek;
+// m_pFeedLock while writing one chunk into the buffers (no wait inside).
+// Waits: on m_pMusicWakeSem, each wait bounded (AV_MUSIC_WAIT_MS): for room
+// in the buffer shortest of it (signalled by the stream thread's read), and
+// while idle for the stream start, a resume, a seek or the close.
 #include <string.h>
 
 #include "AVStreamer.h"
@@ -96,18 +100,54 @@ const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* div
 bool CAVStreamer::_wait_for_room(long n) {
     unsigned c = m_AVMusicInfo.NumChannels ? m_AVMusicInfo.NumChannels : 1;
     for (;;) {
-        bool room = true;
-        for (int i = 0; i < AV_MAX_RECEIVER && room; i++) {
+        // The buffer shortest of room for its share; among equals the last
+        // one the stream thread serves in a pass, so that when it has room
+        // the pass has made room in all.
+        PAL_RINGBUF* tightest = nullptr;
+        long long slack = 0;
+        unsigned long need = 0;
+        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
             AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
             PAL_RINGBUF* rb = s.pFD;
             if (!s.bActive || rb == nullptr) continue;
             int conv = pick_conversion(s.ChannelType, c, m_AVMusicInfo.BytesPerSample);
-            room = Pal_RingBufAvailable(rb) >= converted_length(conv, n, c);
+            unsigned long len = converted_length(conv, n, c);
+            long long left = (long long)Pal_RingBufAvailable(rb) - (long long)len;
+            if (tightest == nullptr || left <= slack) {
+                tightest = rb;
+                slack = left;
+                need = len;
+            }
         }
-        if (room) return true;
+        if (tightest == nullptr || slack >= 0) return true;
         if (m_bSerExit || _bpause || bSeekReqMusicSrcT) return false;
-        PAL_ThreadSleep(5);
+        // Asleep until the stream thread has read room for this chunk and a
+        // batch more, so that one wake moves several chunks; a seek, pause
+        // or close signals the same semaphore. At the bound every buffer and
+        // flag is looked at again (a receiver whose buffer nobody reads
+        // holds the chunk as before).
+        int armed =
+            m_pMusicWakeSem == nullptr
+                ? -1
+                : Pal_RingBufNotifyRoom(tightest, need + AV_MUSIC_ROOM_BATCH, m_pMusicWakeSem);
+        if (armed == 0)
+            PAL_SemTimedWait(m_pMusicWakeSem, AV_MUSIC_WAIT_MS);
+        else if (armed < 0)
+            PAL_ThreadSleep(5);
     }
+}
+
+// The pause between passes: ms at most, cut short by whatever the thread
+// waits for (stream start, resume, seek, close).
+void CAVStreamer::_music_idle(unsigned int ms) {
+    if (m_pMusicWakeSem == nullptr)
+        PAL_ThreadSleep(ms < 5 ? ms : 5);
+    else
+        PAL_SemTimedWait(m_pMusicWakeSem, ms);
+}
+
+void CAVStreamer::_wake_music_source() {
+    if (m_pMusicWakeSem != nullptr) PAL_SemSignal(m_pMusicWakeSem, 1);
 }
 
 void CAVStreamer::_music_seek() {
@@ -150,6 +190,9 @@ int CAVStreamer::MusicSourceThread(void* param) {
     unsigned int unEndStartClk = 0;
     bool bStopReq = false;
     while (!self->m_bSerExit) {
+        // Asleep until signalled (stream start, resume, seek, close), unless
+        // a step below has work on a clock.
+        unsigned int idle = AV_MUSIC_WAIT_MS;
         if (bStopReq) {
             if (self->bSeekReqMusicSrcT) {  // nothing left to move: acknowledge at once
                 self->bSeekReqMusicSrcT = false;
@@ -163,29 +206,41 @@ int CAVStreamer::MusicSourceThread(void* param) {
             if (!self->_bpause) {
                 if (nCntReadEnd == 0) nReadSize = self->_read_chunk(buf->origin);
                 if (nReadSize >= 1) {
-                    if (self->_wait_for_room(nReadSize)) {
-                        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-                            AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
-                            if (!s.bActive) continue;
-                            unsigned long len = 0;
-                            const char* out =
-                                self->_convert_for(i, buf->origin, nReadSize, buf->divide, &len);
-                            if (len > 0)
-                                self->ReceiverMediaWrite((unsigned char)i, (char*)out, len);
-                            PAL_RINGBUF* rb = s.pFD;
-                            if (rb != nullptr)
-                                Pal_RingBufSetTimeStamp(rb, (unsigned int)self->m_nOffsetTime);
+                    // Paced by the buffers: the next chunk waits for room,
+                    // not for a step. A pause, seek or close that abandons
+                    // the chunk is handled at once.
+                    if (!self->_wait_for_room(nReadSize)) continue;
+                    bool delivered = false;
+                    PAL_MutexLock(self->m_pFeedLock, 1);
+                    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                        AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
+                        if (!s.bActive) continue;
+                        unsigned long len = 0;
+                        const char* out =
+                            self->_convert_for(i, buf->origin, nReadSize, buf->divide, &len);
+                        if (len > 0) self->ReceiverMediaWrite((unsigned char)i, (char*)out, len);
+                        PAL_RINGBUF* rb = s.pFD;
+                        if (rb != nullptr) {
+                            Pal_RingBufSetTimeStamp(rb, (unsigned int)self->m_nOffsetTime);
+                            delivered = true;
                         }
                     }
+                    PAL_MutexUnLock(self->m_pFeedLock);
+                    if (delivered) continue;
+                    // Nobody to deliver to: the chunk is dropped at the pace
+                    // of the step.
+                    idle = 5;
                 } else if (self->_drained(nReadSize, &nCntReadEnd, &unEndStartClk)) {
                     self->_close_content();
                     self->_notify(AVMSG_SERVICE_STOP, self->m_groupId, 1, 0, 0);
                     bStopReq = true;
                     continue;  // straight to the next pass
+                } else {
+                    idle = 5;  // draining: the first receiver's queue is watched in steps
                 }
             }
         }
-        PAL_ThreadSleep(5);
+        self->_music_idle(idle);
     }
     self->_close_content();
     delete buf;

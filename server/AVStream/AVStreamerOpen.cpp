@@ -170,6 +170,7 @@ void CAVStreamer::AVStreamerClose() {
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerClose() Start", m_groupId);
     SetStreamState(STREAM_STATE_CLOSE);
     m_bSerExit = true;
+    _wake_music_source();  // it sees the exit now, not at the end of a wait
     ServerClose();
     // The music source closes the content on its way out; an init that
     // failed before starting it left the content open.

@@ -7,8 +7,10 @@
 // Allocates nothing (the send buffer belongs to the control server).
 // Runs on: RtpStreamThread; the filters on the music source thread.
 // Locks: each session's `_lpmutex` while serving that session; never two.
+// Inside it, m_pFeedLock while lining a receiver up.
 // The packet is sent, and the progress event raised after the pass, with no
 // lock held.
+#include <arpa/inet.h>
 #include <string.h>
 
 #include "AVStreamer.h"
@@ -38,6 +40,7 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
     debug_UI("[AVStreamer m_groupId : %d] RtpStreamThread", self->m_groupId);
     self->commonSeqNum = 1;
     self->m_bStreamReady = true;
+    self->_wake_music_source();
 
     // Every connected receiver must have asked to PLAY before the clock runs,
     // but once the late-start point has passed those that did play without
@@ -85,6 +88,10 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
                 unsigned char report = 1;
                 self->m_bProgressDue = false;
                 for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                    // A slot that never had a receiver has nothing to serve
+                    // and costs no lock (a released one keeps its buffer and
+                    // is still served, to be emptied).
+                    if (sess[i].pFD.load() == nullptr && !sess[i].bActive) continue;
                     self->m_rtpOutSock = -1;
                     PAL_MutexLock(sess[i]._lpmutex, 1);
                     self->_serve_session_l(i, &report);
@@ -135,10 +142,12 @@ void CAVStreamer::_serve_session_l(int index, unsigned char* reportFlag) {
 
 // Gives session index the stream position of the first synchronised session
 // j by dropping the PCM it holds beyond j's. Both buffers are fed the same
-// chunks, so equal fill levels mean equal positions. A j still to be served
-// in this pass will have sent one more packet by the time index is next
-// served, hence the one-packet lead. The session is sent to from the next
-// pass on.
+// chunks, so equal fill levels mean equal positions, but only between two
+// chunks: the music source feeds the buffers one after the other, so they
+// are compared under the feed lock (a wait of at most one chunk's copies,
+// during which the music source never waits). A j still to be served in this pass will have sent
+// one more packet by the time index is next served, hence the one-packet lead. The session is sent
+// to from the next pass on.
 void CAVStreamer::_line_up_session_l(int index) {
     AV_RCV_SESS* sess = m_AVRcvSessInfo.AVRcvSess;
     AV_RCV_SESS& s = sess[index];
@@ -157,8 +166,10 @@ void CAVStreamer::_line_up_session_l(int index) {
     PAL_RINGBUF* rbj = sess[j].pFD;
     if (rbj == nullptr) return;
     long long lead = j < index ? 0 : AV_STREAM_PACKET_SIZE;
+    PAL_MutexLock(m_pFeedLock, 1);
     long long excess =
         (long long)Pal_RingBufAvailable(rbj) - (long long)Pal_RingBufAvailable(rb) + lead;
+    PAL_MutexUnLock(m_pFeedLock);
     if (excess < 0) return;  // not enough queued yet to catch up
     if (excess > 0 && Pal_RingBufRead(rb, nullptr, (unsigned long)excess) != 0)
         Pal_RingBufReset(rb);
@@ -175,8 +186,9 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     PAL_RINGBUF* rb = s.pFD;
     int res = rb ? Pal_RingBufRead(rb, payload, AV_STREAM_PACKET_SIZE) : -1;
     if (res != 0) {
-        debug_UI("[AVStreamer m_groupId : %d] nRcv : %d, Pal_RingBufRead Error nRes1 = %d ",
-                 m_groupId, nRcv, res);
+        debug_UI_Rate(&m_logReadError,
+                      "[AVStreamer m_groupId : %d] nRcv : %d, Pal_RingBufRead Error nRes1 = %d ",
+                      m_groupId, nRcv, res);
         memset(payload, 0, AV_STREAM_PACKET_SIZE);  // silence keeps the position moving
     }
     m_RtpPacket.unSeqNum = commonSeqNum;
@@ -187,9 +199,12 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     s.szSent += AV_STREAM_PACKET_SIZE;
 
     if (s.ServerState == AV_STREAMER_STATE_PLAY) {
+        // The address text becomes a socket address once, at the first
+        // packet after the receiver's RTP port became known.
+        if (s._rtp_dest.addr == 0 || s._rtp_dest.port != htons(s.uwClientRtpPort))
+            PAL_SockDestSet(&s._rtp_dest, s.pReceiverIP, s.uwClientRtpPort);
         m_rtpOutSock = s._rtp_sock;
-        m_rtpOutPort = s.uwClientRtpPort;
-        memcpy(m_rtpOutIp, s.pReceiverIP, sizeof(m_rtpOutIp));
+        m_rtpOutDest = s._rtp_dest;
     }
     if (report != 1) return 1;
     if (m_RtpPacket.unSeqNum % 100 == 0)
@@ -212,11 +227,15 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
 
 void CAVStreamer::_send_ready_packet(int index) {
     if (m_rtpOutSock < 0) return;
-    int sent = PAL_SockWrite(m_rtpOutSock, PAL_SOCK_UDP, m_pSendBuf,
-                             AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE, m_rtpOutIp, m_rtpOutPort);
+    // A malformed address resolves to nothing: the send fails like any other.
+    int sent = m_rtpOutDest.addr == 0
+                   ? -1
+                   : PAL_SockWriteDest(m_rtpOutSock, m_pSendBuf,
+                                       AV_RTP_HEADER_SIZE + AV_STREAM_PACKET_SIZE, &m_rtpOutDest);
     if (sent == -1)
-        debug_UI("xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
-                 m_groupId, index, sent);
+        debug_UI_Rate(&m_logSendError,
+                      "xxxxsending [AVStreamer m_groupId : %d] Send error  nRcv = %d, nRes2 = %d",
+                      m_groupId, index, sent);
     m_rtpOutSock = -1;
 }
 

@@ -114,20 +114,27 @@ void JNICALL captureLog(JNIEnv*, jclass, jboolean on) {
     debug_UI_SetSink(on ? captureSink : nullptr, nullptr);
 }
 
-jobjectArray JNICALL takeLog(JNIEnv* env, jclass) {
-    std::vector<std::string> lines;
-    pthread_mutex_lock(&gLogLock);
-    lines.swap(gLog);
-    pthread_mutex_unlock(&gLogLock);
+// A Java String[] of the texts, through the bridge's conversion.
+jobjectArray stringArray(JNIEnv* env, const char* const* texts, size_t n) {
     jclass str = env->FindClass("java/lang/String");
-    jobjectArray out = env->NewObjectArray(static_cast<jsize>(lines.size()), str, nullptr);
-    for (size_t i = 0; out != nullptr && i < lines.size(); i++) {
-        jstring s = jniNewStringUTF(env, lines[i].c_str());
+    jobjectArray out = env->NewObjectArray(static_cast<jsize>(n), str, nullptr);
+    for (size_t i = 0; out != nullptr && i < n; i++) {
+        jstring s = jniNewStringUTF(env, texts[i]);
         env->SetObjectArrayElement(out, static_cast<jsize>(i), s);
         env->DeleteLocalRef(s);
     }
     env->DeleteLocalRef(str);
     return out;
+}
+
+jobjectArray JNICALL takeLog(JNIEnv* env, jclass) {
+    std::vector<std::string> lines;
+    pthread_mutex_lock(&gLogLock);
+    lines.swap(gLog);
+    pthread_mutex_unlock(&gLogLock);
+    std::vector<const char*> texts;
+    for (const std::string& l : lines) texts.push_back(l.c_str());
+    return stringArray(env, texts.data(), texts.size());
 }
 
 // Raw engine bytes through the bridge's text conversion.
@@ -173,15 +180,7 @@ void JNICALL rxStop(JNIEnv*, jclass, jlong h) {
 jobjectArray JNICALL rxIdentity(JNIEnv* env, jclass, jlong h) {
     const ReceiverConfig& cfg = rxFromHandle(h)->Config();
     const char* fields[] = {cfg.address, cfg.mac, cfg.guid};
-    jclass str = env->FindClass("java/lang/String");
-    jobjectArray out = env->NewObjectArray(3, str, nullptr);
-    for (int i = 0; out != nullptr && i < 3; i++) {
-        jstring s = env->NewStringUTF(fields[i]);
-        env->SetObjectArrayElement(out, i, s);
-        env->DeleteLocalRef(s);
-    }
-    env->DeleteLocalRef(str);
-    return out;
+    return stringArray(env, fields, 3);
 }
 
 jint JNICALL rxSendExit(JNIEnv*, jclass, jlong h) {

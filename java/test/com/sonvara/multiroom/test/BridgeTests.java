@@ -15,6 +15,8 @@ final class BridgeTests {
     static final int MGR_NULL = SonvaraNativeMgr.ERR_MGR_NULL;
     static final int BAD_STRING = SonvaraNativeMgr.ERR_GET_STRING_UTF;
     static final int MADE_UP = 0x5EED1234;
+    /** The manager's answer when a group has no stream (PLURAFON_ERR_NO_STREAMER). */
+    static final int NO_STREAMER = 265;
 
     static void expect(String what, Object expected, Supplier<Object> call) {
         Object got = call.get();
@@ -167,7 +169,7 @@ final class BridgeTests {
         Check.eq("member past the end", "", m.GetDeviceIpInGroup(g, 1));
         String mac = m.GetDeviceMacInGroup(g, 0);
         // No stream: the flag changes and the answer says there is no streamer.
-        Check.eq("take the member out of service", 265,
+        Check.eq("take the member out of service", NO_STREAMER,
                 m.SetDeviceEnableInGroup(g, "127.0.0.1", mac, false));
         Check.eq("member out of service", false, m.IsDeviceServiceInGroup(g, 0));
         Check.eq("DebugPrintGroup", 0, m.DebugPrintGroup());

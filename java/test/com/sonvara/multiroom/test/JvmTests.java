@@ -11,15 +11,11 @@ public final class JvmTests {
 
     public static void main(String[] args) throws Exception {
         if (args.length < 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|session|playback|stress"
-                    + "|reentry|soak"
-                    + " | without <callback method>");
+            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|playback|stress"
+                    + "|reentry|soak");
             System.exit(2);
         }
         switch (args[0]) {
-            case "without":
-                VariantTests.run(args[1]);
-                break;
             case "notifier":
                 NotifierTests.run();
                 break;
@@ -31,9 +27,6 @@ public final class JvmTests {
                 break;
             case "onload":
                 OnLoadTests.run();
-                break;
-            case "session":
-                SessionTests.run();
                 break;
             case "playback":
                 PlaybackTests.run();
