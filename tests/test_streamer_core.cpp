@@ -35,9 +35,9 @@ TEST_F(StreamerCore, ReleaseShrinksTopOnlyAndHandsOverReference) {
     // Entries 0 and 3 share an address; 2, 4, 5 and 7 connect, 7 first.
     const char* ips[8] = {"127.0.0.50", "127.0.0.11", "127.0.0.12", "127.0.0.50",
                           "127.0.0.14", "127.0.0.15", "127.0.0.16", "127.0.0.17"};
-    std::vector<RxSpec> spec;
-    for (const char* ip : ips) spec.push_back({ip, AV_CHANNEL_FRONT_LEFT, 5});
-    Open(spec);
+    std::vector<RxSpec> listed;
+    for (const char* ip : ips) listed.push_back({ip, AV_CHANNEL_FRONT_LEFT, 5});
+    Open(listed);
     std::vector<std::unique_ptr<ScriptedReceiver>> rx;
     for (int i : {7, 2, 4, 5}) {
         rx.emplace_back(new ScriptedReceiver(ips[i]));
