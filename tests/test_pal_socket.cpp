@@ -120,18 +120,6 @@ TEST(PalSocket, TcpControlConnection) {
     int conn = accept(srv, nullptr, nullptr);
     ASSERT_GE(conn, 0);
 
-    const char* req = "DESCRIBE rtsp://127.0.0.1:1554/ RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-    ASSERT_EQ((int)strlen(req),
-              PAL_SockWrite(cli, PAL_SOCK_TCP, req, (int)strlen(req), nullptr, 0));
-    std::string got;
-    char buf[1024];
-    while (got.size() < strlen(req) && readable(conn, 5000)) {
-        int n = PAL_SockRead(conn, PAL_SOCK_TCP, buf, sizeof(buf) - 1);
-        if (n <= 0) break;
-        got.append(buf, (size_t)n);
-    }
-    EXPECT_EQ(req, got);
-
     // A big write from a non-blocking socket still goes out whole.
     std::vector<char> big(4 * 1024 * 1024);
     for (size_t i = 0; i < big.size(); i++) big[i] = (char)(i * 7);
@@ -155,6 +143,7 @@ TEST(PalSocket, TcpControlConnection) {
 
     // The peer goes away: reads see 0, writes fail without killing us.
     PAL_SockClose(cli);
+    char buf[64];
     ASSERT_EQ(0, PAL_SetBlockingMode(conn, 1));
     ASSERT_TRUE(readable(conn, 5000));
     EXPECT_EQ(0, PAL_SockRead(conn, PAL_SOCK_TCP, buf, sizeof(buf)));
