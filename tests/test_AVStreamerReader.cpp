@@ -159,7 +159,8 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
     const struct {
         const char* what;
         std::vector<unsigned char> bytes;
-        uint32_t start;  // 0: refused
+        uint32_t start;               // 0: refused
+        unsigned bytesPerSample = 0;  // 0: not looked at
     } cases[] = {
         {"empty", {}, 0},
         {"RIFF only", {'R', 'I', 'F', 'F'}, 0},
@@ -171,8 +172,11 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         {"24-bit PCM", head(1, 2, 44100, 24, 16), 0},
         {"a rate beyond any receiver", head(1, 2, 384001, 16, 16), 0},
         {"a head cut short", std::vector<unsigned char>(ext.begin(), ext.begin() + 35), 0},
-        // 8 to 23 bits are taken as 1 or 2 bytes per sample.
-        {"12-bit PCM", head(1, 1, 8000, 12, 16), 44},
+        // A sample takes whole bytes on disk: 12 bits are 16-bit PCM, 20
+        // bits take 3 bytes, which no receiver plays.
+        {"12-bit PCM", head(1, 1, 8000, 12, 16), 44, 2},
+        {"8-bit PCM", head(1, 1, 8000, 8, 16), 44, 1},
+        {"20-bit PCM", head(1, 2, 44100, 20, 16), 0},
         {"extensible fmt shorter than 16", head(0xFFFE, 2, 44100, 16, 8), 0},
         {"PCM head without a data header", head(1, 2, 44100, 16, 16), 44},
         {"extensible without data", chunk(ext, "fact", 4, 4), 60 + 12 + 8},
@@ -202,6 +206,9 @@ TEST(AVStreamerReader, HostileWavHeadsAreRefusedOrEndCleanly) {
         ASSERT_GE(fd, 1) << c.what;
         const std::string start = "wave info: start: " + std::to_string(c.start) + ",";
         EXPECT_NE(log.text.find(start), std::string::npos) << c.what;
+        if (c.bytesPerSample != 0) {
+            EXPECT_EQ(c.bytesPerSample, Probe::Music(&s).BytesPerSample) << c.what;
+        }
         char buf[64];
         EXPECT_EQ(s.Wav_FileRead(fd, buf, sizeof buf), 0) << c.what;
         s.Wav_FileClose(fd);

@@ -230,9 +230,9 @@ int CAVRepDlna::_start_worker(PalWorker* worker, const char* name, PAL_THREAD_FU
         case PalWorker::kStarted:
             return TAV_OK;
         case PalWorker::kNoSemaphore:
-            return 15;
+            return AV_ERR_SEMAPHORE;
         default:
-            return 6;
+            return AV_ERR_THREAD_START;
     }
 }
 
