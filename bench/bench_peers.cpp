@@ -147,8 +147,9 @@ Measure measure(pid_t pid, double warmupS) {
 
 // A child that drains UDP port kSinkPort on the addresses of receivers
 // first .. first + n - 1 until stopFd closes; exits 0 when every one got
-// datagrams and all were 1412 bytes.
-pid_t start_sink(int first, int n, int* stopFd) {
+// datagrams and all were 1412 bytes. It closes the stop pipes of the sinks
+// started before it (others), so that each one sees only its own close.
+pid_t start_sink(int first, int n, int* stopFd, const std::vector<int>& others) {
     int p[2];
     if (pipe(p) != 0) return -1;
     pid_t pid = fork();
@@ -158,6 +159,7 @@ pid_t start_sink(int first, int n, int* stopFd) {
         return pid;
     }
     close(p[1]);
+    for (int fd : others) close(fd);
     std::vector<struct pollfd> pfd(n + 1);
     std::vector<unsigned long> good(n), bad(n);
     for (int i = 0; i < n; i++) {
@@ -196,7 +198,7 @@ Sinks start_sinks(int n, bool each) {
     Sinks s;
     for (int first = 0; first < n; first += each ? 1 : n) {
         int fd = -1;
-        s.pids.push_back(start_sink(first, each ? 1 : n, &fd));
+        s.pids.push_back(start_sink(first, each ? 1 : n, &fd, s.stopFds));
         s.stopFds.push_back(fd);
     }
     return s;
