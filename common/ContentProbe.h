@@ -39,7 +39,7 @@ struct WaveFormat {
     uint32_t sampleRate;
     uint32_t byteRate;
     uint16_t bitsPerSample;
-    uint8_t bytesPerSample;  // bitsPerSample / 8
+    uint8_t bytesPerSample;  // bytes each sample takes in the file (whole bytes)
 };
 
 inline uint32_t ProbeLe32(const unsigned char* p) {
@@ -51,10 +51,12 @@ inline uint16_t ProbeLe16(const unsigned char* p) {
 }
 
 // Reads the head (n bytes at p, of which WAVE_HEAD_LEN are needed). The
-// fields are filled whenever the head is complete. Receivers take 8- or
-// 16-bit samples (a bit count of 8 to 23 gives 1 or 2 bytes), and a format
-// with no channels, no rate or a rate beyond any real device would stop the
-// pacing arithmetic: those are WAVE_PROBE_UNPLAYABLE.
+// fields are filled whenever the head is complete. A PCM sample takes whole
+// bytes in the file, left-justified: 12 bits are stored in 2 bytes and play
+// as 16-bit PCM. Receivers take 8- or 16-bit samples, so 1 to 16 bits play
+// and wider ones do not; a format with no channels, no rate or a rate beyond
+// any real device would stop the pacing arithmetic. Those are
+// WAVE_PROBE_UNPLAYABLE.
 inline int ProbeWaveHead(const unsigned char* p, size_t n, WaveFormat* out) {
     memset(out, 0, sizeof *out);
     if (p == nullptr || n < WAVE_HEAD_LEN) return WAVE_PROBE_NOT_WAVE;
@@ -64,7 +66,7 @@ inline int ProbeWaveHead(const unsigned char* p, size_t n, WaveFormat* out) {
     out->sampleRate = ProbeLe32(p + 24);
     out->byteRate = ProbeLe32(p + 28);
     out->bitsPerSample = ProbeLe16(p + 34);
-    out->bytesPerSample = (uint8_t)(out->bitsPerSample >> 3);
+    out->bytesPerSample = (uint8_t)((out->bitsPerSample + 7u) >> 3);
     if (memcmp(p, "RIFF", 4) != 0 || memcmp(p + 8, "WAVE", 4) != 0 ||
         memcmp(p + 12, "fmt ", 4) != 0 ||
         (out->audioFormat != WAVE_FORMAT_PCM && out->audioFormat != WAVE_FORMAT_EXTENSIBLE))

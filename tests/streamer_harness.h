@@ -79,45 +79,6 @@ private:
     std::vector<StreamerEvent> m_events;
 };
 
-// Captures every log line while alive.
-class LogCapture {
-public:
-    LogCapture() { debug_UI_SetSink(&LogCapture::Sink, this); }
-    ~LogCapture() { debug_UI_SetSink(nullptr, nullptr); }
-    bool Has(const std::string& line) {
-        std::lock_guard<std::mutex> g(m_lock);
-        for (const std::string& l : m_lines)
-            if (l == line) return true;
-        return false;
-    }
-    // The first line that starts with prefix, or "".
-    std::string Find(const std::string& prefix) {
-        std::lock_guard<std::mutex> g(m_lock);
-        for (const std::string& l : m_lines)
-            if (l.compare(0, prefix.size(), prefix) == 0) return l;
-        return "";
-    }
-    size_t Size() {
-        std::lock_guard<std::mutex> g(m_lock);
-        return m_lines.size();
-    }
-    void Clear() {
-        std::lock_guard<std::mutex> g(m_lock);
-        m_lines.clear();
-    }
-
-private:
-    static void Sink(const char* line, void* ctx) {
-        LogCapture* self = (LogCapture*)ctx;
-        std::lock_guard<std::mutex> g(self->m_lock);
-        std::string l(line);
-        while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.pop_back();
-        self->m_lines.push_back(l);
-    }
-    std::mutex m_lock;
-    std::vector<std::string> m_lines;
-};
-
 inline unsigned int NowMs() {
     return PAL_GetClock();
 }
@@ -128,11 +89,11 @@ struct RxSpec {
     int volume;
 };
 
-// Fills the streamer's receiver table and music description as init does
-// (no content file is opened).
-inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint32_t rate = 44100,
-                            uint8_t channels = 2, uint8_t bytesPerSample = 2,
-                            const char* title = "Test Song") {
+// Fills the streamer's receiver table and music description (44.1 kHz
+// 16-bit stereo) as init does, without a content file, and brings its
+// control server up on the test's ports, multicast on the group.
+inline int StartServer(CAVStreamer* s, const std::vector<RxSpec>& rx, unsigned short tcpPort,
+                       unsigned short rtpPort, unsigned int searchAgoMs = 0) {
     AV_RECEIVER_INFO ri;
     memset(&ri, 0, sizeof(ri));
     for (size_t i = 0; i < rx.size(); i++) {
@@ -145,17 +106,12 @@ inline void PrepareStreamer(CAVStreamer* s, const std::vector<RxSpec>& rx, uint3
     ri.nAVReceiverCnt = (char)rx.size();
     AV_MUSIC_INFO mi;
     memset(&mi, 0, sizeof(mi));
-    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "%s", title);
+    snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "Test Song");
     snprintf(mi.pMime, sizeof(mi.pMime), "audio/x-wav");
-    mi.SampleRate = rate;
-    mi.NumChannels = channels;
-    mi.BytesPerSample = bytesPerSample;
+    mi.SampleRate = 44100;
+    mi.NumChannels = 2;
+    mi.BytesPerSample = 2;
     Probe::Prepare(s, ri, mi);
-}
-
-// Brings the control server up on the given ports, multicast on the group.
-inline int OpenServer(CAVStreamer* s, unsigned short tcpPort, unsigned short rtpPort,
-                      unsigned int searchAgoMs = 0) {
     return Probe::OpenServer(s, tcpPort, rtpPort, 21234, searchAgoMs);
 }
 
@@ -246,12 +202,6 @@ public:
         pkt.resize(n > 0 ? (size_t)n : 0);
         return pkt;
     }
-    void DrainRtp() {
-        while (rx_wait_readable(m_rtp, 0) == 1) {
-            char tmp[2048];
-            if (recv(m_rtp, tmp, sizeof(tmp), 0) <= 0) break;
-        }
-    }
 
     std::string m_ip;
     int m_tcp = -1;
@@ -259,13 +209,6 @@ public:
     unsigned short m_rtpPort = 0;
     std::string m_buf;
 };
-
-inline unsigned RtpSeq(const std::vector<unsigned char>& p) {
-    return (p[2] << 8) | p[3];
-}
-inline uint32_t RtpTs(const std::vector<unsigned char>& p) {
-    return ((uint32_t)p[4] << 24) | ((uint32_t)p[5] << 16) | ((uint32_t)p[6] << 8) | p[7];
-}
 
 // Polls cond every 5 ms for up to timeoutMs.
 template <typename F>
@@ -280,7 +223,6 @@ bool WaitUntil(F cond, int timeoutMs = 10000) {
 
 // A streamer (group 42) whose control server the test brings up; its events
 // are recorded and it is closed and deleted after the test.
-// A streamer whose control server is up; closed at the end of the test.
 class StreamerTest : public ::testing::Test {
 public:
     static const unsigned short kTcpPort = 31554;
@@ -289,13 +231,11 @@ public:
 protected:
     void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
     void TearDown() override {
-        StopFeeder();
         if (opened) Probe::CloseServer(st);
         delete st;
     }
     void Open(const std::vector<RxSpec>& rx, unsigned int searchAgoMs = 0) {
-        PrepareStreamer(st, rx);
-        ASSERT_EQ(0, OpenServer(st, kTcpPort, kRtpPort, searchAgoMs));
+        ASSERT_EQ(0, StartServer(st, rx, kTcpPort, kRtpPort, searchAgoMs));
         opened = true;
     }
     AV_RCV_SESS& Sess(int i) { return Probe::Sess(st, i); }
@@ -313,42 +253,16 @@ protected:
         return v;
     }
 
-    // Plays the music source: the same byte stream to every active session,
-    // each 4-byte word holding its stream offset / 4. A chunk goes out once
-    // every buffer has room for it, so all buffers always hold the same
-    // stream end (the slowest receiver sets the pace).
-    void StartFeeder() {
-        feeding = true;
-        feeder = std::thread([this] {
-            std::vector<uint32_t> chunk(6144 / 4);
-            uint32_t word = 0;
-            while (feeding) {
-                bool room = true;
-                for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-                    PAL_RINGBUF* rb = Sess(i).pFD;
-                    if (Sess(i).bActive && rb && Pal_RingBufAvailable(rb) < chunk.size() * 4)
-                        room = false;
-                }
-                if (room) {
-                    for (uint32_t& w : chunk) w = word++;
-                    for (int i = 0; i < AV_MAX_RECEIVER; i++)
-                        EXPECT_TRUE(st->ReceiverMediaWrite((unsigned char)i, (char*)chunk.data(),
-                                                           chunk.size() * 4));
-                }
-                PAL_ThreadSleep(2);
-            }
-        });
-    }
-    void StopFeeder() {
-        feeding = false;
-        if (feeder.joinable()) feeder.join();
+    // Gives session i enough PCM to start streaming (the line-up wants
+    // 14001 bytes queued).
+    void Feed(int i) {
+        static char pcm[16384];
+        ASSERT_TRUE(st->ReceiverMediaWrite((unsigned char)i, pcm, sizeof(pcm)));
     }
 
     CAVStreamer* st = nullptr;
     EventLog events;
     bool opened = false;
-    std::atomic<bool> feeding{false};
-    std::thread feeder;
 };
 
 #endif

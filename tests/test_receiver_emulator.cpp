@@ -1,6 +1,7 @@
 // The receiver emulator against a scripted sender on loopback. The engine's
-// tests and the demo trust the bytes it sends, what it captures and what it
-// reports, so each of those is checked here against traffic written by hand.
+// tests and the demo trust the bytes it sends, what it captures, what it
+// reports and its misbehaviours, so each of those is checked here against
+// traffic written by hand.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -134,7 +135,7 @@ void send_rtp(int sock, const struct sockaddr_in& to, unsigned int seq, unsigned
 
 }  // namespace
 
-TEST(ReceiverEmulator, DiscoveryAnnouncementsAndRequestsByteForByte) {
+TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndMisbehaviours) {
     int group = rx_udp_group("224.1.2.4", 1234, "127.0.0.1");
     ASSERT_GE(group, 0);
     const std::string name =
@@ -198,13 +199,32 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsAndRequestsByteForByte) {
         "LEAVE\r\nREQ_TS: 555\r\n\r\nTEARDOWN RTSP/1.0\r\n\r\nVOLUME_CHANGED "
         "4\r\n\r\nALIVED\r\n\r\n",
         read_until(tx.conn, "ALIVED\r\n\r\n"));
+
+    // The misbehaviours: stopped reading, commands wait in the socket until
+    // reading resumes; a dropped connection reads as end of stream; refusing,
+    // a SEARCH listing it brings no connection and a DEVICE request no answer.
+    rx3.SetStopReading(true);
+    PAL_ThreadSleep(100);
+    send_text(tx.conn, "VOLUME: 3\r\n\r\n");
+    EXPECT_FALSE(rx3.WaitForCommand("VOLUME", 300));
+    rx3.SetStopReading(false);
+    EXPECT_TRUE(rx3.WaitForCommand("VOLUME", 3000));
+    rx3.DropConnection();
+    EXPECT_EQ("", read_until(tx.conn));
+    EXPECT_TRUE(rx3.WaitForDisconnect(3000));
+    rx3.SetRefuseConnect(true);
+    rx3.SetAnswerDiscovery(false);
+    tx.SendTo(tx.Search({"127.0.0.3"}), "127.0.0.3");  // unicast, to its own port
+    EXPECT_FALSE(tx.Accept(nullptr, 500));
+    tx.SendTo("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
+    EXPECT_EQ(0, rx_wait_readable(answers, 500));
     close(answers);
 
     ReceiverReport r2 = rx2.Report(), r3 = rx3.Report();
     EXPECT_EQ(1u, r2.deviceRequests);
     EXPECT_EQ(1u, r3.deviceRequests);
     EXPECT_EQ(0u, r2.searchesForMe);
-    EXPECT_EQ(1u, r3.searchesForMe);
+    EXPECT_EQ(2u, r3.searchesForMe);
     EXPECT_EQ(1u, r3.connects);
     EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
 }
@@ -287,6 +307,12 @@ TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
     EXPECT_EQ(1u, r.timestampErrors);
     EXPECT_EQ(13, r.lastSeq);
     pcm = rx.Pcm();
+    // BYE is answered unless switched off.
+    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
+    EXPECT_NE(std::string::npos, read_until(tx.conn).find("BYE_ACK\r\n\r\n"));
+    rx.SetAnswerBye(false);
+    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
+    EXPECT_EQ(0, rx_wait_readable(tx.conn, 300)) << "BYE answered although switched off";
 
     close(tx.conn);  // the sender closing the connection is seen
     tx.conn = -1;

@@ -43,8 +43,9 @@ std::vector<int> StreamerAnswers(int h) {
             AVSenderDelete(h)};
 }
 
-const std::vector<int> kNullStreamer = {1, 265, 265, 1,   1,   265, 1, 265, 265,
-                                        1, 265, 265, 265, 265, 265, 0, 265};
+// Most answer AVSENDER_ERR_NULL_STREAMER; a few AVSENDER_ERR_NULL_HANDLE.
+const int H = AVSENDER_ERR_NULL_HANDLE, S = AVSENDER_ERR_NULL_STREAMER;
+const std::vector<int> kNullStreamer = {H, S, S, H, H, S, H, S, S, H, S, S, S, S, S, 0, S};
 
 std::vector<int> DlnaAnswers(int h) {
     AV_DEVICE_INFO devices;
@@ -67,17 +68,17 @@ std::vector<int> DlnaAnswers(int h) {
 TEST(ThinSender, NullAndStaleHandlesGetTheirFixedAnswers) {
     for (int h : {0, -1, 77777}) {
         EXPECT_EQ(kNullStreamer, StreamerAnswers(h)) << h;
-        EXPECT_EQ(std::vector<int>(9, 1), DlnaAnswers(h)) << h;
+        EXPECT_EQ(std::vector<int>(9, H), DlnaAnswers(h)) << h;
     }
-    EXPECT_EQ(1, AVSenderCreate(nullptr, ignore_events, nullptr, 1));
-    EXPECT_EQ(1, AVRepDlnaCreate(nullptr, "224.1.2.4:1234", ignore_dlna, nullptr));
+    EXPECT_EQ(H, AVSenderCreate(nullptr, ignore_events, nullptr, 1));
+    EXPECT_EQ(H, AVRepDlnaCreate(nullptr, "224.1.2.4:1234", ignore_dlna, nullptr));
 
     // A streamer: a null music description is refused before anything else;
     // once deleted, its handle is as unknown as a made-up one.
     int h = 0;
     ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, 7));
     ASSERT_NE(0, h);
-    EXPECT_EQ(1, AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0));
+    EXPECT_EQ(H, AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0));
     EXPECT_FALSE(AVSenderIsStreamReceiverExist(h));
     EXPECT_EQ(TAV_PARAM_INVALID, AVSenderReceiverDeviceVolumeControl(h, nullptr, 3));
     EXPECT_EQ(h, AVSenderHandleOf(h));  // found by handle, never by a made-up one
@@ -101,7 +102,7 @@ TEST(ThinSender, NullAndStaleHandlesGetTheirFixedAnswers) {
     EXPECT_EQ(0, AVRepDlnaClose(d));
     EXPECT_EQ(0, AVRepDlnaOpen(d, "224.1.2.4:1234"));
     EXPECT_NE(0, AVRepDlnaOpen(d, "no-port-here"));
-    EXPECT_EQ(std::vector<int>(9, 1), DlnaAnswers(d));
+    EXPECT_EQ(std::vector<int>(9, H), DlnaAnswers(d));
 
     AVRepDlnaSetGUID(std::string(45, 'g').c_str());
     EXPECT_EQ(std::string(39, 'g'), CAVRepDlna::mguid);
@@ -119,7 +120,7 @@ TEST(ThinSender, DeleteWaitsForCallsInFlight) {
                 while (!go) std::this_thread::yield();
                 char ip[] = "127.0.0.9";
                 // Each call either finds the streamer whole or gets the null answer.
-                while (AVSenderResetAcceptWaitReceiverInfo(h, ip) != 265) calls++;
+                while (AVSenderResetAcceptWaitReceiverInfo(h, ip) != S) calls++;
             });
         }
         go = true;

@@ -56,26 +56,16 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     } else {
         m_wakeFd[0] = m_wakeFd[1] = -1;  // the control server then waits out its deadlines
     }
-    m_pendingProgress = 0;
-    m_bProgressDue = false;
+    // The feed lock and the music source's wake-up live with the object too.
     if (!PAL_MutexCreate(&m_pFeedLock)) m_pFeedLock = nullptr;
-    m_rtpOutSock = -1;
-    memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
     if (!PAL_SemCreate(&m_pMusicWakeSem, 0)) m_pMusicWakeSem = nullptr;
+    // What does not start at zero.
     m_unSyncSeqNum = 1;
-    mp3FrameLen = 0.0f;
     mp3BitrateIdx = 15;  // invalid header values: format not known yet
     mp3SamplerateIdx = 3;
     m_NotifyMsg = notify;
     m_pParent = parent;
     m_groupId = groupId;
-    m_CurrentState = STREAM_STATE_IDLE;
-    m_pMP3Parser = nullptr;
-    _reset_stream();  // flags, counters and the content handle
-    waveDataStartPos = 0;
-    m_nOffsetTime = 0;
-    m_max_idx = 0;
-    m_bTimeSyncOn = false;
 }
 
 CAVStreamer::~CAVStreamer() {
@@ -121,14 +111,19 @@ void CAVStreamer::_session_clear(int index) {
     s.bReachedPlay = false;
 }
 
+// The one list of the streamer's starting values: every member zero, null,
+// false or "none", the per-playback part by _reset_stream (which init runs
+// again). The session mutexes, the outgoing queues, the wake-up pipe, the
+// feed lock and the music source's wake-up live with the object and are not
+// touched.
 void CAVStreamer::AVStreamerSetDefault() {
     m_NotifyMsg = nullptr;
     m_pParent = nullptr;
     m_pMp3Decoder = nullptr;
+    m_pMP3Parser = nullptr;
     m_CurrentState = STREAM_STATE_IDLE;
     m_groupId = 0;
     m_MusicSrcFd = 0;
-    m_bSerExit = false;
     m_pMusicSrcSem = nullptr;
     m_hMusicSrcThrId = nullptr;
     m_pSvrListenSem = nullptr;
@@ -143,10 +138,8 @@ void CAVStreamer::AVStreamerSetDefault() {
     memset(&m_AVReceiverInfo, 0, sizeof(m_AVReceiverInfo));
     memset(&m_AVMusicInfo, 0, sizeof(m_AVMusicInfo));
     for (int i = 0; i < AV_MAX_RECEIVER; i++) _session_clear(i);
-    m_AVRcvSessInfo.nAVRcvSessCnt = 0;
     memset(&m_Mp3Inst, 0, sizeof(m_Mp3Inst));
     memset(&m_ContentInfo, 0, sizeof(m_ContentInfo));
-    nAVRcvReadyCnt = 0;
     m_pMulticastIP = nullptr;
     m_MulticastPort = 0;
     memset(m_pMyIP, 0, sizeof(m_pMyIP));
@@ -157,18 +150,23 @@ void CAVStreamer::AVStreamerSetDefault() {
     memset(&m_RtpPacket, 0, sizeof(m_RtpPacket));
     m_nVolume = 0;
     m_unSearchBaseClock = 0;
-    m_bStreamReady = false;
     m_NumChannels = 0;
-    m_szSent = 0;
     memset(&m_logReadError, 0, sizeof(m_logReadError));
     memset(&m_logSendError, 0, sizeof(m_logSendError));
-    streamStartTime = 0;
     mp3FrameStartPos = 0;
     mp3LayerIdx = 0;
     mp3BitrateIdx = 0;
     mp3SamplerateIdx = 0;
     mp3FrameLen = 0.0f;
     waveDataStartPos = 0;
+    m_nOffsetTime = 0;
+    m_max_idx = 0;
+    m_bTimeSyncOn = false;
+    m_pendingProgress = 0;
+    m_bProgressDue = false;
+    m_rtpOutSock = -1;  // nothing to send
+    memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
+    _reset_stream();
 }
 
 int CAVStreamer::GetStreamState() {

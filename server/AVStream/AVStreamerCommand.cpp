@@ -60,10 +60,10 @@ int CAVStreamer::_find_session(const char* ip, int from) {
 int CAVStreamer::_send_comman_packet(int index, const char* text) {
     debug_UI("%s", text);
     int res = _session_write(index, text);
-    if (res == AV_WRITE_NO_CONN) return 19;
+    if (res == AV_WRITE_NO_CONN) return AV_ERR_NO_CONNECTION;
     if (res == AV_WRITE_FAIL) {
         debug_UI("_send_comman_packet fail(idx %d) ret %d", index, -1);
-        return 18;
+        return AV_ERR_WRITE_FAILED;
     }
     return 0;
 }
@@ -76,7 +76,7 @@ int CAVStreamer::ReceiverUpdateChannelType(const char* ip, int type) {
     debug_UI("%s", cmd);
     debug_UI("%s", kRuleLine);
     int index = _find_session(ip, 0);
-    if (index < 0) return 268;
+    if (index < 0) return AV_ERR_RECEIVER_NOT_FOUND;
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     int ret = 0;
     int prev = s.ChannelType;

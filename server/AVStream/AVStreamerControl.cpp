@@ -118,7 +118,7 @@ int CAVStreamer::AVStreamerReceiverIn(AV_RECEIVER AVReceiver) {
         ReceiverAddSearch(i);
         return 0;
     }
-    return 270;
+    return AV_ERR_NO_FREE_SLOT;
 }
 
 int CAVStreamer::_receiver_leave_l(int nIndex) {
@@ -157,8 +157,8 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
         if (index >= 0) break;
     }
     if (index < 0) {
-        debug_UI("AVStreamerReceiverOut--- Ret %d", 269);
-        return 269;
+        debug_UI("AVStreamerReceiverOut--- Ret %d", AV_ERR_RECEIVER_NOT_ACTIVE);
+        return AV_ERR_RECEIVER_NOT_ACTIVE;
     }
     _wake_server();
     // The control server releases the session when the BYE is acknowledged.
@@ -253,7 +253,8 @@ void CAVStreamer::AVStreamerPause() {
 int CAVStreamer::ReceiverPauseRequest(int idx) {
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         if ((idx >= 0 && i != idx) || !m_AVRcvSessInfo.AVRcvSess[i].bActive) continue;
-        if (_send_comman_packet(i, "PAUSE\r\n\r\n") == 18) debug_UI("fail send pause packet");
+        if (_send_comman_packet(i, "PAUSE\r\n\r\n") == AV_ERR_WRITE_FAILED)
+            debug_UI("fail send pause packet");
     }
     return 0;
 }

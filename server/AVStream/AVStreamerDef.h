@@ -45,7 +45,20 @@ typedef enum _TAV_RET {
     TAV_CALLVOIDMETHOD_ERROR = 17,
 } TAV_RET;
 
-// Result numbers beside TAV_RET, each returned by one layer.
+// Result numbers beside TAV_RET, each returned by one layer. The streamer's
+// init, open and server open share TAV_RET's values with meanings of their
+// own:
+#define AV_ERR_NO_MUSIC_INFO 1          // AVStreamerInit without a music description
+#define AV_ERR_NO_MEMORY 4              // an allocation failed
+#define AV_ERR_NO_MUTEX 5               // a session mutex could not be made
+#define AV_ERR_THREAD_START 6           // a thread could not be started
+#define AV_ERR_NO_NETWORK_ADDRESS 7     // the phone's own address is not known
+#define AV_ERR_MULTICAST_URL 9          // the multicast address is malformed
+#define AV_ERR_TCP_PORT 11              // no control port, retries included
+#define AV_ERR_RTP_PORT 12              // the RTP or RTCP port could not be opened
+#define AV_ERR_MULTICAST_OPEN 13        // the multicast socket could not be opened
+#define AV_ERR_GROUP_JOIN 14            // the multicast group could not be joined
+#define AV_ERR_SEMAPHORE 15             // a thread's exit semaphore could not be made
 #define AV_ERR_WRITE_FAILED 18          // a command could not be written to the receiver
 #define AV_ERR_NO_CONNECTION 19         // the receiver has no control connection
 #define AV_ERR_CONTENT_OPEN 66          // AVStreamerInit: the content cannot be opened
@@ -58,7 +71,8 @@ typedef enum _TAV_RET {
 #define AV_ERR_SERVER_INIT 271          // the control server could not be set up
 #define AV_ERR_WAV_SEEK 275             // the WAV reader could not move to the time
 // The content readers' negative results.
-#define AV_READ_NOT_OPENED (-2)  // file not opened or not a usable WAV; MP3 end of stream
+#define AV_READ_SEEK_FAILED (-1)  // the MP3 byte seek could not position the file
+#define AV_READ_NOT_OPENED (-2)   // file not opened or not a usable WAV; MP3 end of stream
 #define AV_READ_DECODE_FAILED (-3)
 #define AV_DLNA_WAV_NOT_OPENED (-7)  // discovery's WAV open
 

@@ -49,9 +49,9 @@ int CAVStreamer::AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO
     debug_UI("[AVStreamer] AVStreamerInit Start");
     if (!canAction(STREAM_ACTION_INIT)) {
         debug_UI("!canAction(STREAM_ACTION_INIT)");
-        return 263;
+        return AV_ERR_INIT_REFUSED;
     }
-    if (pAVMusicInfo == nullptr) return 1;
+    if (pAVMusicInfo == nullptr) return AV_ERR_NO_MUSIC_INFO;
     SetStreamState(STREAM_STATE_INIT);
     m_MusicSrcFd = 0;
     m_pMp3Decoder = nullptr;
@@ -78,35 +78,35 @@ int CAVStreamer::AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO
     // The session mutexes come with the object; one that could not be made
     // leaves the streamer unusable.
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        if (m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr) return 5;
+        if (m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr) return AV_ERR_NO_MUTEX;
     }
     m_nOffsetTime = offset_time;
 
     const char* uri = m_AVMusicInfo.pMusicURI;
     if (_is_mime("audio/mpeg")) {
         m_send_file = Mp3ToPcm_FileOpen(uri);
-        if (m_send_file < 1) return 66;
+        if (m_send_file < 1) return AV_ERR_CONTENT_OPEN;
         get_mp3_info(m_send_file);
         // Formed in 32 bits: offsets beyond 2147 s wrap, as they always have.
         int us = (int)((unsigned int)offset_time * 1000000u);
         m_pMP3Parser->setSeekTo((long long)us);
     } else if (_is_mime("audio/x-wav")) {
         m_send_file = Wav_FileOpen(uri);
-        if (m_send_file < 1) return 66;
+        if (m_send_file < 1) return AV_ERR_CONTENT_OPEN;
         wav_seek(m_send_file, (unsigned int)offset_time);
     } else {
         m_send_file = PAL_FileOpen(uri, FOPEN_READ, 0);  // raw PCM
         if (m_send_file < 1) {
             m_send_file = 0;
-            return 66;
+            return AV_ERR_CONTENT_OPEN;
         }
     }
 
-    if (!PAL_SemCreate(&m_pMusicSrcSem, 0)) return 15;
+    if (!PAL_SemCreate(&m_pMusicSrcSem, 0)) return AV_ERR_SEMAPHORE;
     if (!PAL_ThreadCreate(&m_hMusicSrcThrId, MusicSourceThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
         PAL_SemDelete(m_pMusicSrcSem);
         m_pMusicSrcSem = nullptr;
-        return 6;
+        return AV_ERR_THREAD_START;
     }
     for (int i = 0; i < count; i++)
         debug_UI("[AVStreamer] m_AVReceiverInfo.AVReceiver[%d].ChannelType = %d", i,
@@ -123,14 +123,14 @@ int CAVStreamer::_parse_multicast_url(const char* url) {
     if (len == 0) return 0;
     free(m_pMulticastIP);
     m_pMulticastIP = (char*)calloc(1, (size_t)len + 1);
-    if (m_pMulticastIP == nullptr) return 4;
+    if (m_pMulticastIP == nullptr) return AV_ERR_NO_MEMORY;
     size_t host = strcspn(url, ":");
-    if (host == 0 || url[host] != ':') return 9;
+    if (host == 0 || url[host] != ':') return AV_ERR_MULTICAST_URL;
     memcpy(m_pMulticastIP, url, host < len ? host : len);
     const char* p = url + host + 1;
     char* end = nullptr;
     unsigned long port = strtoul(p, &end, 10);
-    if (end == p) return 9;
+    if (end == p) return AV_ERR_MULTICAST_URL;
     m_MulticastPort = (uint16_t)port;
     return 0;
 }
@@ -139,7 +139,7 @@ int CAVStreamer::AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvr
                                 const char* pMulticastUrl, int nVolume, int offset_time) {
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerOpen() Start", m_groupId);
     m_bSerExit = false;
-    if (!canAction(STREAM_ACTION_OPEN)) return 264;
+    if (!canAction(STREAM_ACTION_OPEN)) return AV_ERR_OPEN_REFUSED;
     SetStreamState(STREAM_STATE_OPEN);
     int ret = _parse_multicast_url(pMulticastUrl);
     if (ret != 0) return ret;
@@ -149,11 +149,11 @@ int CAVStreamer::AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvr
     memset(m_pMyIP, 0, sizeof(m_pMyIP));
     if (!GetNICInfo(mac, m_pMyIP)) {
         debug_UI("[AVStreamer m_groupId : %d] AVStreamerOpen() End GetNICInfo Error", m_groupId);
-        return 7;
+        return AV_ERR_NO_NETWORK_ADDRESS;
     }
     if (!ServerInit()) {
         debug_UI("[AVStreamer m_groupId : %d] AVStreamerOpen() End ServerInit Error", m_groupId);
-        return 271;
+        return AV_ERR_SERVER_INIT;
     }
     ret = ServerOpen(TcpSvrPort, UdpSvrPort);
     if (ret != 0) {

@@ -233,7 +233,7 @@ int CAVStreamer::mp3_seek(long _fd, unsigned int _skipTimeSec) {
     uint32_t skipLen = float_to_u32(mp3FrameLen * (float)frames);
     if (PAL_FileSeek(_fd, (uint32_t)(skipLen + mp3FrameStartPos), FSEEK_START) < 0) {
         debug_UI("Cannot move to designated position in mp3: %s", strerror(errno));
-        return -1;
+        return AV_READ_SEEK_FAILED;
     }
     unsigned char* buf = static_cast<unsigned char*>(malloc(kMp3SeekSearchSize));
     if (buf == nullptr) return 0;
@@ -272,7 +272,7 @@ int CAVStreamer::GetMp3Info(const char* pUri, AV_CONTENT_INFO* pAVContentInfo) {
     // One decoded frame goes here: 12288 bytes, the reader's full output area,
     // although the read is told 10240.
     char* work = static_cast<char*>(malloc(AV_MP3_BUF_SIZE));
-    if (work == nullptr) return 4;
+    if (work == nullptr) return AV_ERR_NO_MEMORY;
     m_ContentInfo.NumChannels = 0;
     m_ContentInfo.SampleRate = 0;
     int ret = 0;

@@ -73,7 +73,7 @@ bool CAVStreamer::ServerInit() {
 int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
     debug_UI("[AVStreamer m_groupId : %d] ServerOpen() Start", m_groupId);
     m_pSendBuf = (char*)calloc(1, AV_RTP_SEND_BUF_SIZE);
-    if (m_pSendBuf == nullptr) return 4;
+    if (m_pSendBuf == nullptr) return AV_ERR_NO_MEMORY;
 
     // Another streamer may hold the port: drift upwards by a random step.
     unsigned short port = tcpPort;
@@ -82,14 +82,15 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
         port = (unsigned short)(port + PAL_rand(4000));
         res = PAL_SockServerOpen(m_TcpSvr.nSock, nullptr, port, PAL_SOCK_TCP, PAL_NET_UNI);
     }
-    if (res == -1) return 11;
+    if (res == -1) return AV_ERR_TCP_PORT;
     m_TcpSvr.uwPort = port;
 
     m_MulticastSvr.uwPort = m_MulticastPort;
     if (PAL_SockServerOpen(m_MulticastSvr.nSock, m_pMulticastIP, m_MulticastPort, PAL_SOCK_UDP,
                            PAL_NET_MULTI) == -1)
-        return 13;
-    if (PAL_SockJoinGroup(m_MulticastSvr.nSock, m_pMulticastIP, m_pMyIP) == -1) return 14;
+        return AV_ERR_MULTICAST_OPEN;
+    if (PAL_SockJoinGroup(m_MulticastSvr.nSock, m_pMulticastIP, m_pMyIP) == -1)
+        return AV_ERR_GROUP_JOIN;
 
     m_RtpSvr.uwPort = rtpPort;
     m_RtcpSvr.uwPort = (unsigned short)(rtpPort + 1);
@@ -97,7 +98,7 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
             -1 ||
         PAL_SockServerOpen(m_RtcpSvr.nSock, nullptr, m_RtcpSvr.uwPort, PAL_SOCK_UDP, PAL_NET_UNI) ==
             -1)
-        return 12;
+        return AV_ERR_RTP_PORT;
 
     int ret = ServerListen();
     if (ret == 0) debug_UI("[AVStreamer m_groupId : %d] ServerOpen() End", m_groupId);
@@ -106,12 +107,12 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
 
 int CAVStreamer::ServerListen() {
     debug_UI("[AVStreamer m_groupId : %d] ServerListen()", m_groupId);
-    if (!PAL_SemCreate(&m_pSvrListenSem, 0)) return 15;
+    if (!PAL_SemCreate(&m_pSvrListenSem, 0)) return AV_ERR_SEMAPHORE;
     if (!PAL_ThreadCreate(&m_hSerListenThrId, ServerListenThread, this,
                           PAL_THREAD_PRIO_TIMESHARE)) {
         PAL_SemDelete(m_pSvrListenSem);
         m_pSvrListenSem = nullptr;
-        return 6;
+        return AV_ERR_THREAD_START;
     }
     return 0;
 }

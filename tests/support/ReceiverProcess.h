@@ -1,6 +1,5 @@
-// The sonvara-receiver command as a test peer: where it is built, and a
-// child process of it that a test can stop (SIGSTOP) like a speaker that
-// vanishes without closing anything. Header only.
+// The sonvara-receiver command as a test peer: a child process of it that a test can stop (SIGSTOP)
+// like a speaker that vanishes without closing anything. Header only.
 #ifndef RECEIVERPROCESS_H
 #define RECEIVERPROCESS_H
 
@@ -12,21 +11,13 @@
 #include <string>
 
 #include "netns_rig.h"
-
-// build/tools/sonvara-receiver, found from this test executable (build/tests/).
-inline std::string receiver_command() {
-    char self[512] = {0};
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/tools/sonvara-receiver";
-}
+#include "tool_path.h"
 
 // One sonvara-receiver on its own address, quiet, killed with the object.
 class ReceiverProcess {
 public:
     explicit ReceiverProcess(const char* address) {
-        std::string cmd = receiver_command();
+        std::string cmd = tool_path("sonvara-receiver");
         m_pid = fork();
         if (m_pid == 0) {
             int null = open("/dev/null", O_RDWR);

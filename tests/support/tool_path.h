@@ -7,20 +7,12 @@
 
 #include <string>
 
-#include "netns_rig.h"
-
 inline std::string tool_path(const char* name) {
     char self[512] = {0};
     ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
     std::string dir = n > 0 ? std::string(self, (size_t)n) : "";
     dir = dir.substr(0, dir.rfind('/'));
     return dir.substr(0, dir.rfind('/')) + "/tools/" + name;
-}
-
-// How to start it from a shell: through the emulator in a cross build.
-inline std::string tool_command(const char* name) {
-    const char* emulator = sonvara_emulator();
-    return (emulator ? std::string(emulator) + " " : std::string()) + tool_path(name);
 }
 
 #endif

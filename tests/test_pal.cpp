@@ -1,0 +1,491 @@
+// The platform library on real files, threads and processes: open modes,
+// seek origins and positioned reads, the GUID store; threads, mutexes and
+// semaphores in the engine's own pattern (a body that runs until an exit flag
+// is set and signals a semaphore on its way out); the ring buffer's
+// whole-or-nothing transfers, its stamp / read-count rules the play position
+// is built on, and a writer and a reader hammering it while a third thread
+// resets it; the phone's network identity and the log line.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Guidrw.h"
+#include "MediaBuffer.h"
+#include "PAL.h"
+#include "TempDir.h"
+#include "audio_check.h"
+#include "netns_rig.h"
+
+TEST(PalFile, ModesSeekOriginsAndPositionedReads) {
+    TempDir dir;
+    std::string p = dir.path + "/data.bin";
+    EXPECT_LE(PAL_FileOpen(p.c_str(), FOPEN_READ, 0), 0);  // missing
+    long h = PAL_FileOpen(p.c_str(), FOPEN_CREATE, 0);
+    ASSERT_GE(h, 1);
+    EXPECT_EQ(10, PAL_FileWrite(h, "0123456789", 10));
+    EXPECT_EQ(0, PAL_FileClose(h));
+    h = PAL_FileOpen(p.c_str(), FOPEN_APPEND, 0);
+    ASSERT_GE(h, 1);
+    EXPECT_EQ(6, PAL_FileWrite(h, "abcdef", 6));
+    PAL_FileClose(h);
+
+    h = PAL_FileOpen(p.c_str(), FOPEN_READ, 0);
+    ASSERT_GE(h, 1);
+    EXPECT_EQ(16, PAL_FileSize(h));
+    char buf[32] = {0};
+    EXPECT_EQ(4, PAL_FileRead(h, buf, 4));
+    // A positioned read does not move the sequential position; it is short
+    // at the end.
+    EXPECT_EQ(3, PAL_FileReadAt(h, 10, buf, 3));
+    EXPECT_EQ(0, memcmp(buf, "abc", 3));
+    EXPECT_EQ(2, PAL_FileReadAt(h, 14, buf, 8));
+    EXPECT_EQ(0, PAL_FileReadAt(h, 16, buf, 8));
+    // The platform's numbering: START 0, END 1, CURRENT 2; each seek is
+    // followed by a one-byte read, which moves the position on.
+    const struct {
+        long offset;
+        int origin;
+        long at;
+        char next;
+    } seeks[] = {{2, FSEEK_CURRENT, 6, '6'}, {-3, FSEEK_END, 13, 'd'}, {1, FSEEK_START, 1, '1'}};
+    for (const auto& s : seeks) {
+        EXPECT_EQ(s.at, PAL_FileSeek(h, s.offset, s.origin)) << s.origin;
+        EXPECT_EQ(1, PAL_FileRead(h, buf, 1));
+        EXPECT_EQ(s.next, buf[0]);
+    }
+    EXPECT_LT(PAL_FileSeek(h, -100, FSEEK_CURRENT), 0);
+    EXPECT_LT(PAL_FileSeek(h, 0, 7), 0);
+    EXPECT_EQ(16, PAL_FileSeek(h, 0, FSEEK_END));
+    EXPECT_EQ(0, PAL_FileRead(h, buf, 4));
+    EXPECT_EQ(-1, PAL_FileWrite(h, "x", 1));  // opened for reading
+    PAL_FileClose(h);
+
+    h = PAL_FileOpen(p.c_str(), FOPEN_READWRITE, 0);
+    ASSERT_GE(h, 1);
+    PAL_FileSeek(h, 2, FSEEK_START);
+    EXPECT_EQ(2, PAL_FileWrite(h, "XY", 2));
+    EXPECT_EQ(16, PAL_FileSize(h));
+    EXPECT_EQ(4, PAL_FileReadAt(h, 0, buf, 4));
+    EXPECT_EQ(0, memcmp(buf, "01XY", 4));
+    PAL_FileClose(h);
+    EXPECT_EQ(-1, PAL_FileRead(0, buf, 1));  // no open returns 0
+    EXPECT_LE(PAL_FileOpen("/tmp", FOPEN_READ, 0), 0);
+
+    // A media buffer's range stays inside its storage.
+    MediaBuffer b(10240);
+    ASSERT_NE(nullptr, b.data());
+    b.set_range(4, 417);
+    b.set_range(10000, 241);     // past the end: ignored
+    b.set_range((size_t)-1, 2);  // wraps: ignored
+    EXPECT_EQ(4u, b.range_offset());
+    EXPECT_EQ(417u, b.range_length());
+    b.set_range(0, 10240);  // exactly the storage
+    EXPECT_EQ(10240u, b.range_length());
+}
+
+TEST(PalFile, GuidStoreKeepsOneBoundedLine) {
+    TempDir dir;
+    std::string p = dir.path + "/guid";
+    Guidrw rw;
+    char buf[40];
+    memset(buf, 'z', sizeof(buf));
+    EXPECT_NE(0, rw.LoadGuid(p.c_str(), buf));
+    EXPECT_EQ(0, buf[0]);
+    // What is saved is read back; a later save replaces it, leaving nothing
+    // behind; a guid with an embedded line end is saved as its first line.
+    const char* saves[][2] = {{"6f1c2a90-1b7e-4c55-9d0e-3a8b7c6d5e4f", nullptr},
+                              {"short", nullptr},
+                              {"first\nsecond", "first"}};
+    for (const auto& s : saves) {
+        ASSERT_EQ(0, rw.SaveGuid(p.c_str(), s[0]));
+        ASSERT_EQ(0, rw.LoadGuid(p.c_str(), buf));
+        EXPECT_STREQ(s[1] ? s[1] : s[0], buf);
+    }
+    // A hostile file: a long first line is cut to the buffer, CRLF stripped.
+    const char* files[][2] = {
+        {"0123456789012345678901234567890123456789012345678901234567890\r\nsecond\n",
+         "012345678901234567890123456789012345678"},
+        {"abc\r\n", "abc"}};
+    for (const auto& f : files) {
+        FILE* out = fopen(p.c_str(), "w");
+        ASSERT_NE(nullptr, out);
+        fputs(f[0], out);
+        fclose(out);
+        memset(buf, 'z', sizeof(buf));
+        ASSERT_EQ(0, rw.LoadGuid(p.c_str(), buf));
+        EXPECT_STREQ(f[1], buf);
+    }
+}
+
+namespace {
+
+struct WORKER {
+    std::atomic<bool> bExit{false};
+    PAL_SEM* pDoneSem = nullptr;
+    PAL_SEM* pWorkSem = nullptr;
+    PAL_MUTEX* pMutex = nullptr;
+    long counter = 0;  // guarded by pMutex
+};
+
+int worker_body(void* arg) {
+    WORKER* w = static_cast<WORKER*>(arg);
+    while (!w->bExit.load()) {
+        if (PAL_SemTimedWait(w->pWorkSem, 50) == 0) {
+            PAL_MutexLock(w->pMutex, 1);
+            PAL_MutexLock(w->pMutex, 1);  // recursive: a helper re-taking the caller's lock
+            w->counter++;
+            PAL_MutexUnLock(w->pMutex);
+            PAL_MutexUnLock(w->pMutex);
+        }
+    }
+    PAL_SemSignal(w->pDoneSem, 1);
+    return 0;
+}
+
+int self_releasing_body(void* arg) {
+    std::atomic<PAL_THREAD>* self = static_cast<std::atomic<PAL_THREAD>*>(arg);
+    while (self->load() == nullptr) PAL_ThreadSleep(1);
+    PAL_ThreadExit(self->load());
+    return 0;
+}
+
+}  // namespace
+
+TEST(ThreadSync, SemaphoresCountAndAWorkerStopsByItsFlag) {
+    PAL_SEM* s = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&s, 2));
+    EXPECT_EQ(0, PAL_SemWait(s, 0));
+    EXPECT_EQ(0, PAL_SemWait(s, 1));
+    EXPECT_EQ(-1, PAL_SemWait(s, 0));
+    unsigned int t0 = PAL_GetClock();
+    EXPECT_EQ(-1, PAL_SemTimedWait(s, 100));
+    EXPECT_GE(PAL_GetClock() - t0, 95u);
+    PAL_SemDelete(s);
+
+    WORKER w;
+    ASSERT_NE(0, PAL_SemCreate(&w.pDoneSem, 0));
+    ASSERT_NE(0, PAL_SemCreate(&w.pWorkSem, 0));
+    ASSERT_NE(0, PAL_MutexCreate(&w.pMutex));
+    PAL_THREAD th = nullptr;
+    ASSERT_NE(0, PAL_ThreadCreate(&th, worker_body, &w, PAL_THREAD_PRIO_TIMESHARE));
+    EXPECT_EQ(0, PAL_SemSignal(w.pWorkSem, 5));
+    long c = 0;
+    for (int i = 0; i < 500 && c != 5; i++) {
+        PAL_ThreadSleep(10);
+        PAL_MutexLock(w.pMutex, 1);
+        c = w.counter;
+        PAL_MutexUnLock(w.pMutex);
+    }
+    EXPECT_EQ(5, c);
+    EXPECT_EQ(1, PAL_ThreadJoin(th, 0));  // still running
+    EXPECT_EQ(-1, PAL_SemWait(w.pDoneSem, 0));
+    w.bExit = true;
+    EXPECT_EQ(0, PAL_SemWait(w.pDoneSem, 1));
+    EXPECT_EQ(0, PAL_ThreadJoin(th, 1));
+    EXPECT_EQ(0, PAL_ThreadJoin(th, 0));
+    PAL_ThreadExit(th);
+    PAL_SemDelete(w.pDoneSem);
+    PAL_SemDelete(w.pWorkSem);
+    PAL_MutexDelete(w.pMutex);
+
+    // A thread may release its own handle: it detaches and frees itself.
+    // Given time to finish, leak checkers see the record freed.
+    static std::atomic<PAL_THREAD> s_handle;  // outlives the thread
+    s_handle = nullptr;
+    ASSERT_NE(0, PAL_ThreadCreate(&th, self_releasing_body, &s_handle, PAL_THREAD_PRIO_TIMESHARE));
+    s_handle = th;
+    PAL_ThreadSleep(200);
+}
+
+TEST(RingBuf, TransfersAreWholeOrNothingAndWrapCorrectly) {
+    PAL_RINGBUF* rb = Pal_RingBufCreate(10);
+    ASSERT_NE(nullptr, rb);
+    EXPECT_EQ(10ul, Pal_RingBufAvailable(rb));
+    EXPECT_EQ(-1, Pal_RingBufWrite(rb, "0123456789A", 11));  // larger than capacity
+    EXPECT_EQ(0ul, Pal_RingBufUsed(rb));
+
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, "abcdefg", 7));
+    EXPECT_EQ(3ul, Pal_RingBufAvailable(rb));
+    EXPECT_EQ(-1, Pal_RingBufWrite(rb, "wxyz", 4));  // does not fit: nothing written
+    EXPECT_EQ(7ul, Pal_RingBufUsed(rb));
+
+    char out[16] = {0};
+    EXPECT_EQ(-1, Pal_RingBufRead(rb, out, 8));  // fewer held: nothing consumed
+    EXPECT_EQ(7ul, Pal_RingBufUsed(rb));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, out, 5));
+    EXPECT_EQ(0, memcmp(out, "abcde", 5));
+
+    // Next write crosses the end of the storage.
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, "hijklmno", 8));
+    EXPECT_EQ(0ul, Pal_RingBufAvailable(rb));
+    EXPECT_EQ(-1, Pal_RingBufWrite(rb, "p", 1));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 2));  // discard "fg"
+    ASSERT_EQ(0, Pal_RingBufRead(rb, out, 8));
+    EXPECT_EQ(0, memcmp(out, "hijklmno", 8));
+    EXPECT_EQ(15ul, Pal_RingBufGetReadSize(rb));
+    Pal_RingBufClose(rb);
+
+    EXPECT_EQ(nullptr, Pal_RingBufCreate(0));
+    EXPECT_EQ(-1, Pal_RingBufWrite(nullptr, "a", 1));
+    EXPECT_EQ(-1, Pal_RingBufRead(nullptr, out, 1));
+}
+
+TEST(RingBuf, StampAndReadCountFollowTheSeekRules) {
+    PAL_RINGBUF* rb = Pal_RingBufCreate(4096);
+    ASSERT_NE(nullptr, rb);
+    char block[1000];
+    memset(block, 7, sizeof(block));
+    EXPECT_EQ(0u, Pal_RingBufGetTimeStamp(rb));
+
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 400));
+    Pal_RingBufSetTimeStamp(rb, 0);  // same stamp: the count goes on
+    EXPECT_EQ(400ul, Pal_RingBufGetReadSize(rb));
+
+    Pal_RingBufSetTimeStamp(rb, 30);  // a seek to 30 s restarts the count
+    EXPECT_EQ(30u, Pal_RingBufGetTimeStamp(rb));
+    EXPECT_EQ(0ul, Pal_RingBufGetReadSize(rb));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 300));
+    Pal_RingBufSetTimeStamp(rb, 30);  // stamped again each pass with the same value
+    EXPECT_EQ(300ul, Pal_RingBufGetReadSize(rb));
+
+    Pal_RingBufReset(rb);  // empties, restarts the count, keeps the stamp
+    EXPECT_EQ(0ul, Pal_RingBufUsed(rb));
+    EXPECT_EQ(0ul, Pal_RingBufGetReadSize(rb));
+    EXPECT_EQ(30u, Pal_RingBufGetTimeStamp(rb));
+
+    Pal_RingBufSetSync(rb, 12, 88200);
+    EXPECT_EQ(12u, Pal_RingBufGetTimeStamp(rb));
+    EXPECT_EQ(88200ul, Pal_RingBufGetReadSize(rb));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 100));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 100));
+    EXPECT_EQ(88300ul, Pal_RingBufGetReadSize(rb));
+
+    // A wake for room fires once, on the read or reset that makes the room.
+    PAL_SEM* room = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&room, 0));
+    EXPECT_EQ(1, Pal_RingBufNotifyRoom(rb, 4096, room));  // already empty
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 2500, room));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // 2096 free: not yet
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // 3096 free
+    EXPECT_EQ(0, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 1000));  // disarmed: no second wake
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 4000, room));
+    Pal_RingBufReset(rb);
+    EXPECT_EQ(0, PAL_SemWait(room, 0));
+    ASSERT_EQ(0, Pal_RingBufWrite(rb, block, 1000));
+    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 4000, room));
+    EXPECT_EQ(-1, Pal_RingBufNotifyRoom(rb, 0, nullptr));  // disarms
+    Pal_RingBufReset(rb);
+    EXPECT_EQ(-1, PAL_SemWait(room, 0));
+    PAL_SemDelete(room);
+    Pal_RingBufClose(rb);
+}
+
+// A writer that sleeps until the reader made room, as the music source does,
+// and a reader of RTP-sized blocks; every byte of a block holds its number,
+// and the capacity is no multiple of the block, so transfers wrap mid-block.
+// First the stream must arrive whole and in order (a lost wake would show as
+// a time-out); then, with a third thread resetting the buffer, blocks may
+// vanish but none may arrive torn or out of step with the blocks.
+TEST(RingBuf, ThreadsKeepBlocksWholeAndInOrderThroughResets) {
+    const unsigned long kBlock = 1400, kPhase = 12000;
+    PAL_RINGBUF* rb = Pal_RingBufCreate(kBlock * 37 + 100);
+    ASSERT_NE(nullptr, rb);
+    PAL_SEM* room = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&room, 0));
+    std::atomic<bool> stop{false}, resetting{false};
+    std::atomic<int> lostWakes{0};
+    std::atomic<unsigned long> resets{0};
+    std::thread writer([&] {
+        std::vector<unsigned char> block(kBlock);
+        for (unsigned char seq = 0; !stop.load();) {
+            memset(block.data(), seq, kBlock);
+            if (Pal_RingBufWrite(rb, block.data(), kBlock) == 0) {
+                seq++;
+            } else if (Pal_RingBufNotifyRoom(rb, kBlock, room) == 0 &&
+                       PAL_SemTimedWait(room, 10000) != 0) {
+                lostWakes++;
+            }
+        }
+    });
+    std::thread resetter([&] {
+        for (; !stop.load(); PAL_ThreadSleep(1)) {
+            if (resetting.load()) {
+                Pal_RingBufReset(rb);
+                resets++;
+            }
+        }
+    });
+    std::vector<unsigned char> block(kBlock);
+    unsigned long reads = 0, torn = 0, outOfOrder = 0, misaligned = 0;
+    unsigned char expect = 0;
+    unsigned int start = PAL_GetClock();
+    while ((reads < 2 * kPhase || resets.load() < 20) && PAL_GetClock() - start < 60000) {
+        if (Pal_RingBufRead(rb, block.data(), kBlock) != 0) {
+            std::this_thread::yield();
+            continue;
+        }
+        torn += memcmp(block.data(), block.data() + 1, kBlock - 1) != 0;
+        outOfOrder += !resetting.load() && block[0] != expect;
+        misaligned += Pal_RingBufUsed(rb) % kBlock != 0;
+        expect = (unsigned char)(block[0] + 1);
+        if (++reads == kPhase) {
+            EXPECT_EQ(kPhase * kBlock, Pal_RingBufGetReadSize(rb));
+            resetting = true;
+        }
+    }
+    stop = true;
+    Pal_RingBufReset(rb);  // wakes a writer waiting for room
+    writer.join();
+    resetter.join();
+    PAL_SemDelete(room);
+    EXPECT_GE(reads, 2 * kPhase);
+    EXPECT_GE(resets.load(), 20ul);
+    EXPECT_EQ(0, lostWakes.load());
+    EXPECT_EQ(0ul, torn);
+    EXPECT_EQ(0ul, outOfOrder);
+    EXPECT_EQ(0ul, misaligned);
+    Pal_RingBufClose(rb);
+}
+
+namespace {
+
+struct CAPTURE {
+    std::mutex lock;
+    std::vector<std::string> lines;
+};
+
+void capture_line(const char* line, void* ctx) {
+    CAPTURE* c = static_cast<CAPTURE*>(ctx);
+    std::lock_guard<std::mutex> g(c->lock);
+    c->lines.push_back(line);
+}
+
+}  // namespace
+
+TEST(NicInfo, OverrideAndLoopbackFallback) {
+    char mac[20];
+    char ip[20];
+    // The namespace has nothing but lo: the fallback picks it, as does naming
+    // it; a named interface that does not exist is an error, not a guess.
+    const char* ifaces[][2] = {{nullptr, "127.0.0.1"},
+                               {"lo", "127.0.0.1"},
+                               {"wlan-missing-and-far-too-long-for-a-name", ""}};
+    for (const auto& c : ifaces) {
+        if (c[0]) {
+            setenv("SONVARA_IFACE", c[0], 1);
+        } else {
+            unsetenv("SONVARA_IFACE");
+        }
+        memset(ip, 'x', sizeof(ip));
+        EXPECT_EQ(c[1][0] != 0, GetNICInfo(mac, ip) != 0) << c[1];
+        EXPECT_STREQ(c[1], ip);
+        if (!c[0]) {
+            EXPECT_STREQ("00:00:00:00:00:00", mac);
+        }
+    }
+    unsetenv("SONVARA_IFACE");
+    EXPECT_EQ(0, GetNICInfo(nullptr, ip));
+    EXPECT_STREQ("", gmasterip);
+}
+
+TEST(Clock, SleepUntilWakesAtTheDeadlineNeverBefore) {
+    for (int i = 0; i < 5; i++) {
+        unsigned int deadline = PAL_GetClock() + 7 + i;
+        PAL_ThreadSleepUntil(deadline);
+        EXPECT_GE((int)(PAL_GetClock() - deadline), 0);
+    }
+    // Deadlines already passed, also across the clock's wrap, return at once.
+    unsigned int start = PAL_GetClock();
+    PAL_ThreadSleepUntil(start - 5);
+    PAL_ThreadSleepUntil(start + 0x80000001u);
+    EXPECT_LT(PAL_GetClock() - start, 1000u);
+}
+
+TEST(DebugUi, OneWholeLinePerCallToTheSink) {
+    CAPTURE cap;
+    debug_UI_SetSink(capture_line, &cap);
+    debug_UI("[AVStreamer m_groupId : %d] ServerOpen() Start", 3);
+    debug_UI("DeleteGroup--- Ret %u\n", 259u);
+    std::string longText(5000, 'q');
+    debug_UI("%s", longText.c_str());
+    // A fault met on every packet: the first line, then only a count once a
+    // second (the line's text unchanged).
+    DEBUG_UI_RATE rate = {0, 0, 0};
+    unsigned int start = PAL_GetClock();
+    int calls = 0;
+    while (cap.lines.size() < 6 && PAL_GetClock() - start < 10000) {
+        debug_UI_Rate(&rate, "nRcv : %d, Pal_RingBufRead Error", calls++ % 3);
+        PAL_ThreadSleep(2);
+    }
+    debug_UI_SetSink(nullptr, nullptr);
+    debug_UI("not captured");
+
+    ASSERT_GE(cap.lines.size(), 6u);
+    EXPECT_EQ("[AVStreamer m_groupId : 3] ServerOpen() Start", cap.lines[0]);
+    EXPECT_EQ("DeleteGroup--- Ret 259", cap.lines[1]);
+    EXPECT_GT(cap.lines[2].size(), 500u);
+    EXPECT_LT(cap.lines[2].size(), 5000u);
+    EXPECT_EQ("nRcv : 0, Pal_RingBufRead Error", cap.lines[3]);
+    // However slow the machine, at most one count and one line per second.
+    unsigned int held = 0;
+    EXPECT_LE(cap.lines.size(), 3u + 1u + 2u * ((PAL_GetClock() - start) / 1000u));
+    for (size_t i = 4; i + 1 < cap.lines.size(); i += 2) {
+        EXPECT_EQ(1, sscanf(cap.lines[i].c_str(), "(%u more of the next line in", &held))
+            << cap.lines[i];
+        EXPECT_NE(std::string::npos, cap.lines[i + 1].find(", Pal_RingBufRead Error"));
+    }
+    EXPECT_GT(held, 0u);
+}
+
+// Run only as a child of the next test (the log target is chosen once per
+// process, so each target needs a fresh process).
+TEST(DebugUi, DISABLED_ChildLogsTwoLines) {
+    debug_UI("PlurafonMgr::CreateGroup+++");
+    debug_UI("PlurafonMgr::CreateGroup---");
+}
+
+TEST(DebugUi, LogTargetComesFromTheEnvironment) {
+    TempDir dir;
+    std::string path = dir.path + "/engine.log";
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    ASSERT_GT(n, 0);
+    self[n] = 0;
+    for (const char* target : {path.c_str(), "off"}) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            setenv("SONVARA_LOG", target, 1);
+            const char* args[] = {sonvara_emulator(), self, "--gtest_also_run_disabled_tests",
+                                  "--gtest_filter=DebugUi.DISABLED_ChildLogsTwoLines", nullptr};
+            const char** argv = args[0] ? args : args + 1;
+            execv(argv[0], const_cast<char* const*>(argv));
+            _exit(127);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::vector<unsigned char> text = read_whole_file(path);
+    EXPECT_EQ("PlurafonMgr::CreateGroup+++\nPlurafonMgr::CreateGroup---\n",
+              std::string(text.begin(), text.end()));
+}
