@@ -1,6 +1,9 @@
 // The engine beside its peers: what the sending process spends to stream
 // 44.1 kHz stereo 16-bit PCM to 1, 10 and 30 receivers on loopback, for
-//   - the floor: a bare loop with the engine's pacing rule (bench_floor.h);
+//   - the floor: a bare loop with the engine's pacing rule (bench_floor.h),
+//     into one sink process that drains every receiver's port, and again
+//     into a sink process per receiver (the engine's receivers are N
+//     processes, and on loopback waking each costs the sender);
 //   - GStreamer: gst-launch-1.0 audiotestsrc ! rtpL16pay mtu=1412 ! multiudpsink
 //     (350 frames a buffer, so that every datagram is 1412 bytes);
 //   - Snapcast: snapserver (pcm codec, file source) with N snapclients;
@@ -142,10 +145,11 @@ Measure measure(pid_t pid, double warmupS) {
     return Measure{(b.cpuS - a.cpuS) * 1000 / (t1 - t0), (b.ctx - a.ctx) / (t1 - t0), ok};
 }
 
-// A child that drains UDP port kSinkPort on the n receivers' addresses until
-// stopFd closes; exits 0 when every one got datagrams and all were 1412
-// bytes.
-pid_t start_sinks(int n, int* stopFd) {
+// A child that drains UDP port kSinkPort on the addresses of receivers
+// first .. first + n - 1 until stopFd closes; exits 0 when every one got
+// datagrams and all were 1412 bytes. It closes the stop pipes of the sinks
+// started before it (others), so that each one sees only its own close.
+pid_t start_sink(int first, int n, int* stopFd, const std::vector<int>& others) {
     int p[2];
     if (pipe(p) != 0) return -1;
     pid_t pid = fork();
@@ -155,10 +159,11 @@ pid_t start_sinks(int n, int* stopFd) {
         return pid;
     }
     close(p[1]);
+    for (int fd : others) close(fd);
     std::vector<struct pollfd> pfd(n + 1);
     std::vector<unsigned long> good(n), bad(n);
     for (int i = 0; i < n; i++) {
-        pfd[i] = {rx_udp_bind(rx_ip(i).c_str(), kSinkPort), POLLIN, 0};
+        pfd[i] = {rx_udp_bind(rx_ip(first + i).c_str(), kSinkPort), POLLIN, 0};
         int size = 4 << 20;
         setsockopt(pfd[i].fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
     }
@@ -174,20 +179,42 @@ pid_t start_sinks(int n, int* stopFd) {
     for (int i = 0; i < n; i++) {
         if (good[i] != 0 && bad[i] == 0) continue;
         fprintf(stderr, "sink %s: %lu datagrams of 1412 bytes, %lu of other sizes\n",
-                rx_ip(i).c_str(), good[i], bad[i]);
+                rx_ip(first + i).c_str(), good[i], bad[i]);
         _exit(1);
     }
     _exit(0);
 }
 
-bool stop_sinks(pid_t pid, int stopFd) {
-    close(stopFd);
-    return stop(pid, 0, 5) == 0;
+// The sinks of n receivers: one process draining them all (a sender's one
+// peer, woken once per burst of datagrams), or one process each (as the
+// engine's emulated receivers are, each woken by its own datagram, a wake
+// that loopback charges to the sender).
+struct Sinks {
+    std::vector<pid_t> pids;
+    std::vector<int> stopFds;
+};
+
+Sinks start_sinks(int n, bool each) {
+    Sinks s;
+    for (int first = 0; first < n; first += each ? 1 : n) {
+        int fd = -1;
+        s.pids.push_back(start_sink(first, each ? 1 : n, &fd, s.stopFds));
+        s.stopFds.push_back(fd);
+    }
+    return s;
 }
 
-Measure run_floor(int n) {
-    int stopFd = -1;
-    pid_t sinks = start_sinks(n, &stopFd);
+bool stop_sinks(const Sinks& s) {
+    bool ok = true;
+    for (size_t i = 0; i < s.pids.size(); i++) {
+        if (s.stopFds[i] >= 0) close(s.stopFds[i]);
+        ok = stop(s.pids[i], 0, 5) == 0 && ok;
+    }
+    return ok;
+}
+
+Measure run_floor(int n, bool sinkEach) {
+    Sinks sinks = start_sinks(n, sinkEach);
     sleep_s(0.2);
     pid_t pid = fork();
     if (pid == 0) {
@@ -203,13 +230,12 @@ Measure run_floor(int n) {
     }
     Measure m = measure(pid, 1);
     stop(pid, SIGTERM, 5);
-    m.ok = stop_sinks(sinks, stopFd) && m.ok;
+    m.ok = stop_sinks(sinks) && m.ok;
     return m;
 }
 
 Measure run_gstreamer(int n) {
-    int stopFd = -1;
-    pid_t sinks = start_sinks(n, &stopFd);
+    Sinks sinks = start_sinks(n, false);
     std::string clients;
     for (int i = 0; i < n; i++)
         clients += (i ? "," : "") + rx_ip(i) + ":" + std::to_string(kSinkPort);
@@ -220,7 +246,7 @@ Measure run_gstreamer(int n) {
                "multiudpsink", "clients=" + clients});
     Measure m = measure(pid, 2);
     stop(pid, SIGINT, 5);
-    m.ok = stop_sinks(sinks, stopFd) && m.ok;
+    m.ok = stop_sinks(sinks) && m.ok;
     return m;
 }
 
@@ -355,13 +381,15 @@ int main(int argc, char** argv) {
     printf("window %.0f s, CPU of the sending process only; log %s\n", g_window, g_log.c_str());
     for (int run = 1; run <= runs; run++) {
         for (int n : counts) {
-            Measure floor = run_floor(n);
+            Measure floor = run_floor(n, false);
+            Measure floorEach = run_floor(n, true);
             Measure gst = run_gstreamer(n);
             Measure snap = run_snapcast(n, pcm);
             EngineResult ew = run_engine(n, wav, seconds);
             EngineResult em = run_engine(n, mp3, seconds);
             printf("run %d, %d receiver(s): floor %.2f ms CPU per s of audio, %.0f ctx/s%s\n", run,
                    n, floor.msPerS, floor.ctxPerS, floor.ok ? "" : " (FAILED)");
+            print_ratio("floor, a sink each", floorEach, floor.msPerS);
             print_ratio("GStreamer", gst, floor.msPerS);
             print_ratio("Snapcast", snap, floor.msPerS);
             print_engine("engine WAV (JVM)", ew, floor.msPerS);
