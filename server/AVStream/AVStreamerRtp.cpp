@@ -47,14 +47,24 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
     // the others (who are dropped by the control server at the no-show
     // limit, or lined up when they do ask).
     while (!self->m_bSerExit) {
-        int ready = 0;
+        int ready = 0, fed = 0;
         // A released session's state means nothing (a LEAVE can carry more
-        // keywords behind it): only connected sessions count.
-        for (int i = 0; i < AV_MAX_RECEIVER; i++)
-            if (sess[i].bActive && sess[i].ServerState == AV_STREAMER_STATE_PLAY) ready++;
+        // keywords behind it): only connected sessions count. The clock also
+        // waits for the music source's first chunk in every playing buffer:
+        // this thread may start only after the last PLAY (a loaded phone),
+        // and a first pass before that chunk would send silence ahead of the
+        // music. Both waits end at the late-start point, whatever is fed.
+        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+            if (!sess[i].bActive || sess[i].ServerState != AV_STREAMER_STATE_PLAY) continue;
+            ready++;
+            PAL_RINGBUF* rb = sess[i].pFD;
+            if (rb != nullptr &&
+                RING_BUFFER_TOTAL_SIZE - Pal_RingBufAvailable(rb) >= AV_STREAM_PACKET_SIZE)
+                fed++;
+        }
         int sessCnt = self->m_AVRcvSessInfo.nAVRcvSessCnt;
         int waited = (int)(PAL_GetClock() - self->m_unSearchBaseClock);
-        if (ready == sessCnt || (ready > 0 && waited > AV_SEARCH_WAIT_MS)) {
+        if ((ready == sessCnt && fed == ready) || (ready > 0 && waited > AV_SEARCH_WAIT_MS)) {
             debug_UI("nReadyCnt %d", ready);
             self->m_unSvrStartClock = PAL_GetClock();
             break;
