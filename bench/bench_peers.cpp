@@ -39,6 +39,7 @@
 #include "RxSocket.h"
 #include "bench_floor.h"
 #include "bench_mp3_file.h"
+#include "bench_start.h"
 
 namespace {
 
@@ -342,11 +343,7 @@ void print_engine(const char* name, const EngineResult& e, double floorMs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (getenv("SONVARA_NETNS") == nullptr) {
-        fprintf(stderr, "run me through scripts/netns-run\n");
-        return 2;
-    }
-    setenv("SONVARA_LOG", "off", 0);
+    if (!bench_start(argv[0])) return 2;
     g_window = argc > 1 ? atof(argv[1]) : 10;
     int runs = argc > 2 ? atoi(argv[2]) : 1;
     std::vector<int> counts;

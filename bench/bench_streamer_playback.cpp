@@ -26,6 +26,7 @@
 #include "AVStreamer.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
+#include "bench_start.h"
 #include "position_wav.h"
 #include "streamer_probe.h"
 
@@ -246,11 +247,7 @@ void part_cpu(double seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (getenv("SONVARA_NETNS") == nullptr) {
-        fprintf(stderr, "run me through scripts/netns-run\n");
-        return 2;
-    }
-    setenv("SONVARA_LOG", "off", 0);
+    if (!bench_start(argv[0])) return 2;
     int runs = argc > 1 ? atoi(argv[1]) : 20;
     double seconds = argc > 2 ? atof(argv[2]) : 300;
     part_timings(runs);

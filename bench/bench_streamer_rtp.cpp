@@ -30,6 +30,7 @@
 #include "AVStreamer.h"
 #include "RxSocket.h"
 #include "bench_floor.h"
+#include "bench_start.h"
 #include "streamer_probe.h"
 
 namespace {
@@ -272,11 +273,7 @@ int run(int n, double seconds, Result* res) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (getenv("SONVARA_NETNS") == nullptr) {
-        fprintf(stderr, "run me through scripts/netns-run\n");
-        return 2;
-    }
-    setenv("SONVARA_LOG", "off", 0);
+    if (!bench_start(argv[0])) return 2;
     double seconds = argc > 1 ? atof(argv[1]) : 30;
     printf(
         "receivers  sender ms/s-audio  floor ms/s-audio  ratio  late median/p99/max ms  "

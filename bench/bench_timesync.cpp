@@ -27,6 +27,7 @@
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
 #include "TimeSyncInitiator.h"
+#include "bench_start.h"
 #include "position_wav.h"
 
 namespace {
@@ -117,12 +118,7 @@ Result run_case(const Case& c, int n, int seconds, const char* wav) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!getenv("SONVARA_NETNS")) {
-        fprintf(stderr, "run me inside the private namespace: scripts/netns-run %s\n",
-                "bench_timesync");
-        return 2;
-    }
-    setenv("SONVARA_LOG", "off", 0);
+    if (!bench_start(argv[0])) return 2;
     int seconds = argc > 1 ? atoi(argv[1]) : 20;
     if (seconds < 5) seconds = 5;
     std::string wav = "/tmp/bench_timesync_" + std::to_string(getpid()) + ".wav";
