@@ -118,8 +118,8 @@ void CAVStreamer::_session_clear(int index) {
 // The one list of the streamer's starting values: every member zero, null,
 // false or "none", the per-playback part by _reset_stream (which init runs
 // again). The session mutexes, the outgoing queues, the wake-up pipe, the
-// feed lock and the music source's wake-up live with the object and are not
-// touched.
+// feed lock, the music source's wake-up and the three thread helpers live
+// with the object and are not touched.
 void CAVStreamer::AVStreamerSetDefault() {
     m_NotifyMsg = nullptr;
     m_pParent = nullptr;
@@ -128,10 +128,6 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_CurrentState = STREAM_STATE_IDLE;
     m_groupId = 0;
     m_MusicSrcFd = 0;
-    m_pMusicSrcSem = nullptr;
-    m_hMusicSrcThrId = nullptr;
-    m_pRtpSvrSem = nullptr;
-    m_hRtpSvrThrId = nullptr;
     m_unSyncSeqNum = 0;
     memset(&m_TcpSvr, 0, sizeof(m_TcpSvr));
     memset(&m_MulticastSvr, 0, sizeof(m_MulticastSvr));

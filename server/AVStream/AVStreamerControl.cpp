@@ -212,7 +212,7 @@ void CAVStreamer::AVStreamerSeek(int offset) {
     // receivers do. At the bound the receivers are told to seek anyway; the
     // music source still carries the request out when it next runs.
     unsigned int start = PAL_GetClock();
-    while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) {
+    while (!m_bSerExit && m_rtpWorker.Started() && !_bseek_complete) {
         unsigned int waited = PAL_GetClock() - start;
         if (waited > AV_SEEK_WAIT_MS) {
             debug_UI("xxxseek [AVStreamerSeek] no completion within %d ms", AV_SEEK_WAIT_MS);

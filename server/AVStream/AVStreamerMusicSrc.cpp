@@ -167,7 +167,7 @@ void CAVStreamer::_music_seek() {
     // emptied by the stream thread when it gets to them.
     bool pending = true;
     unsigned int start = PAL_GetClock();
-    while (pending && !m_bSerExit && m_hRtpSvrThrId.load() != nullptr &&
+    while (pending && !m_bSerExit && m_rtpWorker.Started() &&
            PAL_GetClock() - start <= AV_SEEK_WAIT_MS) {
         pending = false;
         for (int i = 0; i < AV_MAX_RECEIVER && !pending; i++) {
@@ -244,8 +244,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
     }
     self->_close_content();
     delete buf;
-    PAL_SemSignal(self->m_pMusicSrcSem, 1);
-    debug_UI("[MusicSourceThread] exit");
+    debug_UI("[MusicSourceThread] exit");  // the helper signals the close on the way out
     return 0;
 }
 

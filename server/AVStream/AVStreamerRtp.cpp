@@ -15,17 +15,10 @@
 
 #include "AVStreamer.h"
 
+// Started once; a start that failed leaves no thread for the close to wait
+// for (the receivers then get no RTP, as when their stream never started).
 bool CAVStreamer::AddRtpStreamer() {
-    if (m_hRtpSvrThrId.load() != nullptr) return true;
-    if (!PAL_SemCreate(&m_pRtpSvrSem, 0)) return true;
-    PAL_THREAD tid = nullptr;
-    if (!PAL_ThreadCreate(&tid, RtpStreamThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
-        // No thread will ever signal it: the closing side must not wait.
-        PAL_SemDelete(m_pRtpSvrSem);
-        m_pRtpSvrSem = nullptr;
-        return true;
-    }
-    m_hRtpSvrThrId = tid;
+    if (!m_rtpWorker.Started()) m_rtpWorker.Start("stream", RtpStreamThread, this);
     return true;
 }
 
@@ -120,8 +113,7 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
         // at most one packet's time (7.9 ms at 44.1 kHz) after it was asked.
         PAL_ThreadSleepUntil(self->_next_due_clock());
     }
-    PAL_SemSignal(self->m_pRtpSvrSem, 1);
-    debug_UI("RtpStreamThread---");
+    debug_UI("RtpStreamThread---");  // the helper signals the close on the way out
     return 0;
 }
 

@@ -37,9 +37,9 @@ static unsigned short parse_u16(const char* p) {
 }
 
 // The value after "<key>" in req, or 0 when the key is absent.
-// How long the close waits for the control server before it logs it as
-// late (and waits on): one pass of its loop, after the wake-up.
-static const unsigned int kServerStopMs = 2000;
+// How long the close waits for each of the streamer's threads before it
+// logs it as late (and waits on): one pass of its loop, after the wake-up.
+static const unsigned int kThreadStopMs = 2000;
 
 static unsigned short header_u16(const char* req, const char* key) {
     const char* p = strstr(req, key);
@@ -52,8 +52,6 @@ bool CAVStreamer::ServerInit() {
     m_RtpPacket.bMarker = 1;
     m_RtpPacket.unSeqNum = 1;
     m_RtpPacket.unSsrc = PAL_rand(0x7FFFFFFF);
-    m_pRtpSvrSem = nullptr;
-    m_hRtpSvrThrId = nullptr;
     m_pSendBuf = nullptr;
     m_bStreamReady = false;
     m_bSerExit = false;
@@ -109,14 +107,7 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
 
 int CAVStreamer::ServerListen() {
     debug_UI("[AVStreamer m_groupId : %d] ServerListen()", m_groupId);
-    switch (m_serverWorker.Start("control server", ServerListenThread, this)) {
-        case PalWorker::kStarted:
-            return 0;
-        case PalWorker::kNoSemaphore:
-            return AV_ERR_SEMAPHORE;
-        default:
-            return AV_ERR_THREAD_START;
-    }
+    return _start_worker(&m_serverWorker, "control server", ServerListenThread);
 }
 
 void CAVStreamer::_accept_receiver(bool* rtpStarted) {
@@ -664,14 +655,6 @@ int CAVStreamer::SendSDP(int index, unsigned short cseq) {
     return _session_write(index, reply, AV_STREAMER_STATE_SEND_SDP) == AV_WRITE_OK ? 1 : 0;
 }
 
-// Waits for a worker thread's way-out signal, then forgets the semaphore.
-static void wait_and_delete_sem(PAL_SEM** sem) {
-    if (*sem == nullptr) return;
-    PAL_SemWait(*sem, 1);
-    PAL_SemDelete(*sem);
-    *sem = nullptr;
-}
-
 static void close_server_sock(AV_STREAMER_SOCK* s) {
     if (s->nSock > 0) PAL_SockClose(s->nSock);
     s->nSock = -1;
@@ -679,15 +662,15 @@ static void close_server_sock(AV_STREAMER_SOCK* s) {
 
 int CAVStreamer::ServerClose() {
     _wake_server();  // the control server sees m_bSerExit now, not at its next deadline
-    wait_and_delete_sem(&m_pMusicSrcSem);
+    // Woken by the close, each thread ends within one pass of its loop: the
+    // music source within one wait on its semaphore (AV_MUSIC_WAIT_MS) or
+    // one chunk, the control server within one poll, the stream thread
+    // within one packet's time. At the bound the close logs the thread as
+    // late and waits on: what it uses is freed below.
+    m_musicWorker.Stop(kThreadStopMs);
     debug_UI("ServerClose ServerListen Thread quit2");
-    // Woken above, the control server ends within one pass of its loop.
-    m_serverWorker.Stop(kServerStopMs);
-    wait_and_delete_sem(&m_pRtpSvrSem);
-    PAL_ThreadExit(m_hMusicSrcThrId);
-    m_hMusicSrcThrId = nullptr;
-    PAL_ThreadExit(m_hRtpSvrThrId);
-    m_hRtpSvrThrId = nullptr;
+    m_serverWorker.Stop(kThreadStopMs);
+    m_rtpWorker.Stop(kThreadStopMs);
 
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
