@@ -423,6 +423,7 @@ private:
 
     // Music source steps (AVStreamerMusicSrc.cpp).
     void _music_seek();
+    bool _seek_pending();
     void _seek_done();  // the music source has carried a seek out: wake AVStreamerSeek
     long _read_chunk(char* origin);
     bool _wait_for_room(long n);
@@ -451,6 +452,7 @@ private:
 
     // Control server steps (ServerListenThread).
     void _accept_receiver(bool* rtpStarted);
+    bool _take_connection_l(int index, int conn, const char* ip);
     unsigned int _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
     void _drop_session(int index, const char* why);
