@@ -209,10 +209,6 @@ TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvive
     ASSERT_TRUE(rx.WaitForCommand("UITYPE", 3000));
     ReceiverReport r = rx.Report();
     EXPECT_EQ(0u, r.handshakeErrors) << (r.nErrors ? r.errors[0] : "");
-    EXPECT_EQ(44100, r.sdpRate);
-    EXPECT_EQ(16, r.sdpBits);
-    EXPECT_STREQ("Woofer", r.startRole);
-    EXPECT_EQ(9, r.volume);
     std::vector<ReceiverCommand> cmds = rx.Commands();
     const char* order[] = {"START", "VOLUME", "DEVICETYPE", "VOLUME", "UITYPE"};
     ASSERT_EQ(5u, cmds.size());
