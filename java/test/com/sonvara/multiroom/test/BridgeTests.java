@@ -5,7 +5,13 @@ import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.lang.reflect.Method;
+import java.lang.reflect.Modifier;
+import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Comparator;
+import java.util.List;
+import java.util.Set;
 import java.util.function.Supplier;
 
 /** The native method table from Java: answers without an engine, bad strings, the GUID file. */
@@ -32,98 +38,70 @@ final class BridgeTests {
         return Arrays.asList(lines).contains(line);
     }
 
-    /** Every method of the table but the lifecycle and GUID ones, with no engine behind it. */
-    static void answersWithoutEngine(SonvaraNativeMgr m, String when) {
-        String w = when + ": ";
-        int g = 1;
-        expect(w + "Open", MGR_NULL, () -> m.Open(g, "/a.wav", "t", "audio/wav", 2, 44100, 5, 0, false));
-        expect(w + "Play", 0, m::Play);
-        expect(w + "Pause", MGR_NULL, () -> m.Pause(g));
-        expect(w + "Resume", MGR_NULL, () -> m.Resume(g));
-        expect(w + "Stop", MGR_NULL, () -> m.Stop(g, false));
-        expect(w + "stopPlayer", MGR_NULL, () -> m.stopPlayer(g));
-        expect(w + "CreateGroup", 0, () -> m.CreateGroup("living"));
-        expect(w + "AddDevice", MGR_NULL, () -> m.AddDevice(g, "127.0.0.2", "m", 1, true));
-        expect(w + "UpdateDeviceChannelType", MGR_NULL,
-                () -> m.UpdateDeviceChannelType(g, "127.0.0.2", "m", 2));
-        expect(w + "DeleteDevice", MGR_NULL, () -> m.DeleteDevice(g, "127.0.0.2", "m"));
-        expect(w + "ReceiverIn", MGR_NULL, () -> m.ReceiverIn(g, "127.0.0.2", "m", 1, true));
-        expect(w + "ReceiverOut", MGR_NULL, () -> m.ReceiverOut(g, "127.0.0.2", "m"));
-        expect(w + "DevicePlay", MGR_NULL, () -> m.DevicePlay(g, "127.0.0.2", "m", 1, 5));
-        expect(w + "ChangeGroupName", MGR_NULL, () -> m.ChangeGroupName(g, "x"));
-        expect(w + "DeleteGroup", MGR_NULL, () -> m.DeleteGroup(g));
-        expect(w + "SaveGroup", MGR_NULL, () -> m.SaveGroup("/tmp"));
-        expect(w + "LoadGroup", MGR_NULL, () -> m.LoadGroup("/tmp"));
-        expect(w + "GetGroupID", 0, () -> m.GetGroupID(0));
-        expect(w + "GetGroupIDByName", 0, () -> m.GetGroupIDByName("living"));
-        expect(w + "GetGroupName", "", () -> m.GetGroupName(0));
-        expect(w + "IsContentValid", MGR_NULL, () -> m.IsContentValid("/a.wav", "audio/wav"));
-        expect(w + "GetContentInfo", MGR_NULL, () -> m.GetContentInfo("/a.wav"));
-        expect(w + "GetContentChannel", MGR_NULL, () -> m.GetContentChannel("/a.wav"));
-        expect(w + "GetContentSampleRate", MGR_NULL, () -> m.GetContentSampleRate("/a.wav"));
-        expect(w + "SearchDevice", MGR_NULL, m::SearchDevice);
-        expect(w + "GetDeviceCountInGroup", 0, () -> m.GetDeviceCountInGroup(g));
-        expect(w + "GetDeviceIpInGroup", "", () -> m.GetDeviceIpInGroup(g, 0));
-        expect(w + "GetDeviceMacInGroup", "", () -> m.GetDeviceMacInGroup(g, 0));
-        expect(w + "GetDeviceGuidInGroup", "", () -> m.GetDeviceGuidInGroup(g, 0));
-        expect(w + "GetDeviceNameInGroup", "", () -> m.GetDeviceNameInGroup(g, 0));
-        expect(w + "GetDeviceTypeInGroup", 0, () -> m.GetDeviceTypeInGroup(g, 0));
-        expect(w + "IsDeviceServiceInGroup", false, () -> m.IsDeviceServiceInGroup(g, 0));
-        expect(w + "GetDeviceStateInGroup", 0, () -> m.GetDeviceStateInGroup(g, 0));
-        expect(w + "SetDeviceEnableInGroup", MGR_NULL,
-                () -> m.SetDeviceEnableInGroup(g, "127.0.0.2", "m", true));
-        expect(w + "ReceiverVolumeControl", MGR_NULL, () -> m.ReceiverVolumeControl(g, 5));
-        expect(w + "ReceiverDeviceVolumeControl", MGR_NULL,
-                () -> m.ReceiverDeviceVolumeControl("127.0.0.2", "m", 5));
-        expect(w + "SetReceiverUITypeAll", MGR_NULL, () -> m.SetReceiverUITypeAll(g, 1));
-        expect(w + "SetReceiverUIType", MGR_NULL, () -> m.SetReceiverUIType("127.0.0.2", "m", 1));
-        expect(w + "AddMyDevice", MGR_NULL, () -> m.AddMyDevice(g));
-        expect(w + "LoadMyDevice", MGR_NULL, m::LoadMyDevice);
-        expect(w + "GetServiceDeviceList", null, m::GetServiceDeviceList);
-        expect(w + "GetServiceGroupIdOfReceiver", 0, () -> m.GetServiceGroupIdOfReceiver("127.0.0.2"));
-        expect(w + "SearchDeviceAsync", MGR_NULL, () -> m.SearchDeviceAsync(3));
-        expect(w + "GetDeviceCount", 0, m::GetDeviceCount);
-        expect(w + "GetDeviceHandle", 0, () -> m.GetDeviceHandle(0));
-        expect(w + "GetDeviceIp", null, () -> m.GetDeviceIp(1));
-        expect(w + "GetDeviceMac", null, () -> m.GetDeviceMac(1));
-        expect(w + "GetDeviceGuid", null, () -> m.GetDeviceGuid(1));
-        expect(w + "GetDeviceName", null, () -> m.GetDeviceName(1));
-        expect(w + "GetDeviceReceiverType", 0, () -> m.GetDeviceReceiverType(1));
-        expect(w + "GetDeviceVolume", 0, () -> m.GetDeviceVolume(1));
-        expect(w + "DisconnectedWiFi", MGR_NULL, m::DisconnectedWiFi);
-        expect(w + "ConnectedWiFi", MGR_NULL, m::ConnectedWiFi);
-        expect(w + "DebugPrintGroup", -1, m::DebugPrintGroup);
-        expect(w + "seekTo", -1, () -> m.seekTo(g, 10));
+    /** The lifecycle and GUID methods: they answer with or without an engine. */
+    static final Set<String> LIFECYCLE = Set.of("initialize", "Finalize", "SaveGuid", "LoadGuid");
+
+    /** The rest of the native method table, in a fixed order. */
+    static List<Method> table() {
+        List<Method> out = new ArrayList<>();
+        for (Method f : SonvaraNativeMgr.class.getDeclaredMethods()) {
+            if (Modifier.isNative(f.getModifiers()) && !LIFECYCLE.contains(f.getName())) out.add(f);
+        }
+        out.sort(Comparator.comparing(Method::toString));
+        return out;
     }
 
-    /** A null string from Java is a failed conversion: code 2 (or 0 / null by kind). */
+    /** Arguments for f: every number n, every flag true, every text "127.0.0.2" but the nullAt-th. */
+    static Object[] args(Method f, int n, int nullAt) {
+        Class<?>[] p = f.getParameterTypes();
+        Object[] a = new Object[p.length];
+        for (int i = 0; i < p.length; i++) {
+            a[i] = p[i] == String.class ? (i == nullAt ? null : "127.0.0.2") : p[i] == boolean.class ? true : n;
+        }
+        return a;
+    }
+
+    static Object call(SonvaraNativeMgr m, Method f, Object[] args) {
+        try {
+            Object got = f.invoke(m, args);
+            return got instanceof String[] ? Arrays.asList((String[]) got) : got;
+        } catch (ReflectiveOperationException e) {
+            return e;
+        }
+    }
+
+    /**
+     * A question answers "nothing" (0, "" for group texts, null for device
+     * texts, false), a command 256; the content questions count as commands.
+     */
+    static Object noEngineAnswer(Method f) {
+        String n = f.getName();
+        Class<?> t = f.getReturnType();
+        if (t != int.class) {
+            return t == boolean.class ? false : t == String.class && n.matches(".*(InGroup|GroupName)") ? "" : null;
+        }
+        if (n.equals("DebugPrintGroup") || n.equals("seekTo")) return -1;
+        boolean question = n.startsWith("Get") && !n.startsWith("GetContent");
+        return question || n.equals("Play") || n.equals("CreateGroup") ? 0 : MGR_NULL;
+    }
+
+    static void answersWithoutEngine(SonvaraNativeMgr m, String when) {
+        for (Method f : table()) {
+            Check.eq(when + ": " + f.getName(), noEngineAnswer(f), call(m, f, args(f, 1, -1)));
+        }
+    }
+
+    /** A null string from Java is a failed conversion: code 2, or 0 from a question. */
     static void nullStrings(SonvaraNativeMgr m) {
-        int g = MADE_UP;
-        expect("Open null source", BAD_STRING, () -> m.Open(g, null, "t", "audio/wav", 2, 44100, 5, 0, false));
-        expect("Open null title", BAD_STRING, () -> m.Open(g, "/a.wav", null, "audio/wav", 2, 44100, 5, 0, false));
-        expect("Open null mime", BAD_STRING, () -> m.Open(g, "/a.wav", "t", null, 2, 44100, 5, 0, false));
-        expect("CreateGroup null", 0, () -> m.CreateGroup(null));
-        expect("AddDevice null mac", BAD_STRING, () -> m.AddDevice(g, "127.0.0.2", null, 1, true));
-        expect("UpdateDeviceChannelType null ip", BAD_STRING,
-                () -> m.UpdateDeviceChannelType(g, null, "m", 2));
-        expect("DeleteDevice null ip", BAD_STRING, () -> m.DeleteDevice(g, null, "m"));
-        expect("ReceiverIn null mac", BAD_STRING, () -> m.ReceiverIn(g, "127.0.0.2", null, 1, true));
-        expect("ReceiverOut null", BAD_STRING, () -> m.ReceiverOut(g, null, null));
-        expect("DevicePlay null mac", BAD_STRING, () -> m.DevicePlay(g, "127.0.0.2", null, 1, 5));
-        expect("ChangeGroupName null", BAD_STRING, () -> m.ChangeGroupName(g, null));
-        expect("SaveGroup null", BAD_STRING, () -> m.SaveGroup(null));
-        expect("LoadGroup null", BAD_STRING, () -> m.LoadGroup(null));
-        expect("GetGroupIDByName null", 0, () -> m.GetGroupIDByName(null));
-        expect("IsContentValid null mime", BAD_STRING, () -> m.IsContentValid("/a.wav", null));
-        expect("GetContentInfo null", BAD_STRING, () -> m.GetContentInfo(null));
-        expect("GetContentChannel null", BAD_STRING, () -> m.GetContentChannel(null));
-        expect("GetContentSampleRate null", BAD_STRING, () -> m.GetContentSampleRate(null));
-        expect("SetDeviceEnableInGroup null mac", BAD_STRING,
-                () -> m.SetDeviceEnableInGroup(g, "127.0.0.2", null, true));
-        expect("ReceiverDeviceVolumeControl null ip", BAD_STRING,
-                () -> m.ReceiverDeviceVolumeControl(null, "m", 5));
-        expect("SetReceiverUIType null mac", BAD_STRING, () -> m.SetReceiverUIType("127.0.0.2", null, 1));
-        expect("GetServiceGroupIdOfReceiver null", 0, () -> m.GetServiceGroupIdOfReceiver(null));
+        for (Method f : table()) {
+            Class<?>[] p = f.getParameterTypes();
+            for (int i = 0; i < p.length; i++) {
+                if (p[i] != String.class) continue;
+                boolean question = f.getName().startsWith("Get") && !f.getName().startsWith("GetContent");
+                Object want = question || f.getName().equals("CreateGroup") ? 0 : BAD_STRING;
+                Check.eq(f.getName() + " null text " + i, want, call(m, f, args(f, MADE_UP, i)));
+            }
+        }
     }
 
     /** Made-up ids and handles get the not-found answers. */
@@ -188,7 +166,7 @@ final class BridgeTests {
         Check.eq("DeleteGroup after load", 0, m.DeleteGroup(back));
     }
 
-    static void runLifecycle() {
+    static void run() throws Exception {
         SonvaraNativeMgr.loadLibrary();
         NotifyProbe.captureLog(true);
         SonvaraNativeMgr m = new SonvaraNativeMgr();
@@ -230,11 +208,10 @@ final class BridgeTests {
         thisPhone(m, longGuid.substring(0, 39));
         Check.eq("final Finalize", 0, m.Finalize());
         NotifyProbe.captureLog(false);
+        guidFile(m);
     }
 
-    static void runGuid() throws Exception {
-        SonvaraNativeMgr.loadLibrary();
-        SonvaraNativeMgr m = new SonvaraNativeMgr();
+    static void guidFile(SonvaraNativeMgr m) throws Exception {
         Path dir = Files.createTempDirectory("sonvara-guid");
         String file = dir.resolve("guid.txt").toString();
 
