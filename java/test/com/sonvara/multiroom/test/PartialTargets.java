@@ -13,15 +13,15 @@ final class PartialTargets {
         final EventLog log = new EventLog();
 
         void NotifyDieDeviceInfo(String ip) {
-            log.onDieDeviceInfo(ip);
+            log.add("DieDeviceInfo", ip);
         }
 
         void NotifyServiceStop(int g, int nextPlay) {
-            log.onServiceStop(g, nextPlay);
+            log.add("ServiceStop", g, nextPlay);
         }
 
         void NotifyPlayProgress(int g, int sec) {
-            log.onPlayProgress(g, sec);
+            log.add("PlayProgress", g, sec);
         }
     }
 
@@ -30,11 +30,11 @@ final class PartialTargets {
         final EventLog log = new EventLog();
 
         void NotifyContentsInfo(int channels, int rate) {
-            log.onContentsInfo(channels, rate);
+            log.add("ContentsInfo", channels, rate);
         }
 
         void NotifyLeaveDeviceInfo(int g, String ip) {
-            log.onLeaveDeviceInfo(g, ip);
+            log.add("LeaveDeviceInfo", g, ip);
         }
     }
 }

@@ -124,11 +124,6 @@ final class ReentryTests {
         return n;
     }
 
-    static long rssBytes() throws Exception {
-        String[] statm = Files.readString(Path.of("/proc/self/statm")).trim().split(" ");
-        return Long.parseLong(statm[1]) * 4096;
-    }
-
     static void runSoak() throws Exception {
         SonvaraNativeMgr.loadLibrary();
         int cycles = rounds("SONVARA_SOAK_CYCLES", 16);
@@ -139,7 +134,7 @@ final class ReentryTests {
         // they keep of the audio then counts in this process's numbers.
         try (Scene st = new Scene(log, System.getenv("SONVARA_SOAK_IN_JVM") == null)) {
             String file = st.wav(10);
-            long heap0 = 0, rss0 = 0;
+            long heap0 = 0;
             int fds0 = 0, threads0 = 0;
             long heapMax = 0;
             for (int c = 0; c < cycles; c++) {
@@ -147,7 +142,6 @@ final class ReentryTests {
                     fds0 = entries("/proc/self/fd");
                     threads0 = threads();
                     heap0 = NotifyProbe.nativeHeapBytes();
-                    rss0 = rssBytes();
                 }
                 Check.eq("Open in cycle " + c, 0, st.open(file));
                 Thread.sleep(playMs);
@@ -158,7 +152,7 @@ final class ReentryTests {
             long heap1 = NotifyProbe.nativeHeapBytes();
             System.out.println("soak: " + cycles + " cycles of " + playMs + " ms; after warm-up ("
                     + warmup + ") native heap " + heap0 + " -> " + heap1 + " bytes (peak "
-                    + heapMax + "), RSS " + rss0 + " -> " + rssBytes() + ", Java heap used "
+                    + heapMax + "), Java heap used "
                     + (Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory()));
             Check.eq("descriptors back", fds0, entries("/proc/self/fd"));
             Check.eq("threads back", threads0, threads());

@@ -73,7 +73,7 @@ final class Scene implements AutoCloseable {
                     .redirectOutput(ProcessBuilder.Redirect.DISCARD)
                     .redirectError(ProcessBuilder.Redirect.DISCARD).start());
         }
-        m.setListener(log);
+        m.setListener(log.listener());
         Check.eq("initialize", 0, m.initialize("4f1c2a9e-scene"));
         Check.eq("ConnectedWiFi", 0, m.ConnectedWiFi());
         group = m.CreateGroup("Erdgeschoss");
