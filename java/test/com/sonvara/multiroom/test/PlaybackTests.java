@@ -71,19 +71,15 @@ final class PlaybackTests {
             Check.eq("volume of " + s.ip, s.volume, m.GetDeviceVolume(h));
             Check.eq("type of " + s.ip, 1, m.GetDeviceReceiverType(h));
         }
-        for (Scene.Speaker s : sc.speakers) {
-            int i = sc.slot(s.ip);
-            Check.eq("member name " + s.ip, s.name, m.GetDeviceNameInGroup(sc.group, i));
-            Check.eq("member guid " + s.ip, s.guid, m.GetDeviceGuidInGroup(sc.group, i));
-            Check.eq("member mac " + s.ip, s.mac, m.GetDeviceMacInGroup(sc.group, i));
-            Check.eq("member role " + s.ip, s.role, m.GetDeviceTypeInGroup(sc.group, i));
-            Check.eq("member in service " + s.ip, true, m.IsDeviceServiceInGroup(sc.group, i));
-        }
+        // Texts out of the group (their conversion is shared with the registry's).
         Scene.Speaker second = sc.speakers.get(1);
+        int i = sc.slot(second.ip);
+        Check.eq("member name", second.name, m.GetDeviceNameInGroup(sc.group, i));
+        Check.eq("member guid", second.guid, m.GetDeviceGuidInGroup(sc.group, i));
+        Check.eq("member role", second.role, m.GetDeviceTypeInGroup(sc.group, i));
         Check.eq("UpdateDeviceChannelType", 0, m.UpdateDeviceChannelType(sc.group, second.ip,
                 second.mac, SonvaraNativeMgr.CHANNEL_CENTER));
-        Check.eq("new role", SonvaraNativeMgr.CHANNEL_CENTER,
-                m.GetDeviceTypeInGroup(sc.group, sc.slot(second.ip)));
+        Check.eq("new role", SonvaraNativeMgr.CHANNEL_CENTER, m.GetDeviceTypeInGroup(sc.group, i));
     }
 
     static void play(Scene sc, EventLog log, Scene.Speaker outsider) throws Exception {
