@@ -146,6 +146,8 @@ final class PlaybackTests {
         log.clear();
         Scene.Speaker leaving = sc.speakers.get(sc.speakers.size() - 1);
         int slot = sc.slot(leaving.ip); // an absent member has no address
+        Check.eq("SearchDevice", 0, sc.m.SearchDevice()); // back after the rounds' Wi-Fi loss
+        Check.ok("member present before EXIT", sc.m.GetDeviceStateInGroup(sc.group, slot) != 2);
         Check.eq("EXIT sent", true, NotifyProbe.rxSendExit(leaving.rx) >= 0);
         Check.ok("die event", log.await("DieDeviceInfo|" + leaving.ip, WAIT_MS));
         for (EventLog.Event e : log.events()) {

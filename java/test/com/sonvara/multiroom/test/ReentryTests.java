@@ -9,8 +9,8 @@ import java.util.concurrent.atomic.AtomicInteger;
 /**
  * The engine against an application that calls back into it: a listener that
  * calls native methods from inside every event while another Java thread
- * plays, pauses, seeks and stops (no deadlock; run in the playback group's
- * scene), and a soak of many plays in
+ * plays, pauses, seeks and stops, or reports Wi-Fi lost (no deadlock; run
+ * in the playback group's scene), and a soak of many plays in
  * one process (descriptors, threads and native heap back where they were).
  */
 final class ReentryTests {
@@ -58,8 +58,8 @@ final class ReentryTests {
 
     /**
      * Plays the scene's group again and again from a second thread, which
-     * seeks, pauses, resumes and stops as soon as the stream reports, while
-     * the listener calls in from inside every event.
+     * seeks, pauses, resumes and stops (or reports Wi-Fi lost) as soon as the
+     * stream reports, while the listener calls in from inside every event.
      */
     static void rounds(Scene sc, Reentrant log) throws Exception {
         String file = sc.wav(30);
@@ -79,7 +79,15 @@ final class ReentryTests {
                     sc.m.Resume(sc.group);
                     log.clear();
                     log.await("PlayProgress", WAIT_MS);
-                    Check.eq("Stop in round " + r, 0, sc.m.Stop(sc.group, false));
+                    if (r % 4 == 3) {
+                        // Wi-Fi lost mid-play: the group stops while its
+                        // receivers' leave events call in.
+                        Check.eq("DisconnectedWiFi in round " + r, 0, sc.m.DisconnectedWiFi());
+                        Check.eq("stopped by the loss", 265, sc.m.Stop(sc.group, false));
+                        Check.eq("ConnectedWiFi in round " + r, 0, sc.m.ConnectedWiFi());
+                    } else {
+                        Check.eq("Stop in round " + r, 0, sc.m.Stop(sc.group, false));
+                    }
                     done.incrementAndGet();
                 }
             } catch (InterruptedException e) {
