@@ -166,6 +166,11 @@ public:
             m_buf.append(tmp, (size_t)n);
         }
     }
+    // Sends text and returns the next whole message.
+    std::string Ask(const std::string& text) {
+        Send(text);
+        return Next();
+    }
     // True when the sender closed the connection within timeoutMs.
     bool ClosedByPeer(int timeoutMs = 3000) {
         if (rx_wait_readable(m_tcp, timeoutMs) != 1) return false;

@@ -76,17 +76,9 @@ void add_frames(std::vector<unsigned char>& v, unsigned long header, size_t size
 }
 
 void add_id3(std::vector<unsigned char>& v, unsigned body) {
-    const unsigned char head[10] = {'I',
-                                    'D',
-                                    '3',
-                                    4,
-                                    0,
-                                    0,
-                                    (unsigned char)(body >> 21 & 0x7F),
-                                    (unsigned char)(body >> 14 & 0x7F),
-                                    (unsigned char)(body >> 7 & 0x7F),
-                                    (unsigned char)(body & 0x7F)};
-    v.insert(v.end(), head, head + 10);
+    const unsigned char head[6] = {'I', 'D', '3', 4, 0, 0};
+    v.insert(v.end(), head, head + 6);
+    for (int shift = 21; shift >= 0; shift -= 7) v.push_back((unsigned char)(body >> shift & 0x7F));
     v.resize(v.size() + body, 0);
 }
 
@@ -556,17 +548,13 @@ TEST(MP3Parser, SeeksByTableOfContentsAndByBitrate) {
     p.setSeekTo(p.mDuration + 5000000);
     EXPECT_EQ(p.read(&buf), 64) << "past the end: the end of the stream bytes";
 
-    // CBR without a table goes by the first frame's bit rate: 16000 bytes a
-    // second at 128 kbit/s.
+    // CBR without a table goes by the first frame's bit rate (where 1 s
+    // lands: the reader's seek test); its ends.
     const std::vector<MpegFrameRef> cbrFrames =
         split_mpeg_frames(read_whole_file(fixture_path("sine_cbr128_id3.mp3")));
     OpenParser cbr(fixture_path("sine_cbr128_id3.mp3"));
     MP3Parser& c = *cbr.parser;
-    c.setSeekTo(1000000);
-    ASSERT_EQ(c.read(&buf), 0);
-    EXPECT_TRUE(is_frame_start(cbrFrames, frame_start(c, buf)));
-    EXPECT_GE(frame_start(c, buf), c.mFirstFramePos + 16000);
-    EXPECT_LT(frame_start(c, buf), c.mFirstFramePos + 16000 + 418);
+    read_all(c, 10);
     c.setSeekTo(0);
     ASSERT_EQ(c.read(&buf), 0);
     EXPECT_EQ(frame_start(c, buf), c.mFirstFramePos);
