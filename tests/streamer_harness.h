@@ -272,13 +272,6 @@ protected:
         return rx;
     }
 
-    // Gives session i enough PCM to start streaming (the line-up wants
-    // 14001 bytes queued).
-    void Feed(int i) {
-        static char pcm[16384];
-        ASSERT_TRUE(st->ReceiverMediaWrite((unsigned char)i, pcm, sizeof(pcm)));
-    }
-
     CAVStreamer* st = nullptr;
     EventLog events;
     bool opened = false;

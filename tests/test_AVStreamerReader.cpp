@@ -485,17 +485,14 @@ TEST(AVStreamerReader, ContentInfoOfStreamerAndDiscoveryByExtensionAndMime) {
 }
 
 TEST(MP3Parser, FrameHeaderSizesRatesAndRejections) {
+    // Headers the fixtures do not have (theirs: the fixture walk).
     const struct {
         unsigned long header;
         unsigned long size;
         int rate, channels, bitrate;
     } ok[] = {
-        {kH128, 417, 44100, 2, 128},
         {kH128Pad | 0xC0, 418, 44100, 1, 128},                 // padded, mono
-        {0xFFF38000, 72000 * 64 / 22050, 22050, 2, 64},        // MPEG-2 Layer III
-        {0xFFE34000, 72000 * 32 / 11025, 11025, 2, 32},        // MPEG-2.5 Layer III
         {0xFFF58000, 72000 * 64 / 22050, 22050, 2, 64},        // MPEG-2 Layer II: 72000 too
-        {0xFFFD8000, 144000 * 128 / 44100, 44100, 2, 128},     // MPEG-1 Layer II
         {0xFFFF1000, (12000 * 32 / 44100) * 4, 44100, 2, 32},  // MPEG-1 Layer I
         {0xFFFFE600, (12000 * 448 / 48000 + 1) * 4, 48000, 2, 448},
         {0xFFF7E800, (12000 * 256 / 16000) * 4, 16000, 2, 256},  // MPEG-2 Layer I
