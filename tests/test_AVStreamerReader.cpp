@@ -382,9 +382,7 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     ASSERT_EQ(s.mp3_seek(fd, 1), 0);
     EXPECT_GE(file_pos(fd), (long long)frames[0].offset + 38 * 417);
     EXPECT_LT(file_pos(fd), (long long)frames[0].offset + 39 * 418);
-    bool onFrame = false;
-    for (const MpegFrameRef& r : frames) onFrame |= (long long)r.offset == file_pos(fd);
-    EXPECT_TRUE(onFrame) << file_pos(fd);
+    EXPECT_TRUE(is_frame_start(frames, (long)file_pos(fd))) << file_pos(fd);
     ASSERT_EQ(s.mp3_seek(fd, 0), 0);
     EXPECT_EQ(file_pos(fd), (long long)frames[0].offset);
     EXPECT_EQ(s.mp3_seek(fd, 100), 0) << "past the end";

@@ -419,10 +419,7 @@ TEST_F(StreamerCore, SearchAndJoinsInviteByMulticastAndUnicastUpToThirty) {
     // A join takes the first free slot and is invited by unicast only.
     int joiner = rx_udp_bind("127.0.0.7", 21234);
     ASSERT_GE(joiner, 0);
-    AV_RECEIVER r;
-    memset(&r, 0, sizeof(r));
-    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.7");
-    r.ChannelType = AV_CHANNEL_WOOFER;
+    AV_RECEIVER r = MakeReceiver("127.0.0.7", AV_CHANNEL_WOOFER, 5);
     unsigned int t0 = NowMs();
     EXPECT_EQ(0, st->AVStreamerReceiverIn(r));
     got = Datagrams(joiner, 400);
