@@ -347,12 +347,33 @@ int PlurafonMgr::ConnectedWiFi() {
 }
 
 int PlurafonMgr::DisconnectedWiFi() {
+    MGR_WIFI_LOSS loss;
+    DisconnectBegin(&loss);
+    DisconnectWait(&loss);
+    DisconnectEnd(&loss);
+    return 0;
+}
+
+void PlurafonMgr::DisconnectBegin(MGR_WIFI_LOSS* loss) {
+    loss->stops.clear();
+    PalLock lock(_lpmutex);
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
-        if (g->bIsPlay == 1) Stop(g->_gid, 0);
+        MGR_STOPPING stopping = {g->_gid, 0};
+        if (g->bIsPlay == 1 && StopBegin(g->_gid, &stopping.handle) == 0) {
+            loss->stops.push_back(stopping);
+        }
         for (LPGITEM item = g->_lpdevice_list; item; item = item->_next) {
             item->DeviceState = DEVICE_STATE_OFF;
         }
     }
-    AVRepDlnaClose(_dlna_handle);
-    return 0;
+    loss->dlnaHandle = _dlna_handle;
+}
+
+void PlurafonMgr::DisconnectWait(const MGR_WIFI_LOSS* loss) {
+    for (const MGR_STOPPING& s : loss->stops) StopStreamer(s.handle);
+    AVRepDlnaClose(loss->dlnaHandle);
+}
+
+void PlurafonMgr::DisconnectEnd(const MGR_WIFI_LOSS* loss) {
+    for (const MGR_STOPPING& s : loss->stops) StopEnd(s.groupId, 0);
 }

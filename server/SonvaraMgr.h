@@ -29,6 +29,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <vector>
 
 #include "AVRepDlna.h"
 #include "AVStreamerDef.h"
@@ -107,6 +108,20 @@ typedef struct _SERVICE_GROUP_LIST {
     int GroupCnt;
 } SERVICE_GROUP_LIST;
 
+// A group whose streamer a stop (or a Wi-Fi loss) has taken away and is
+// ending.
+typedef struct _MGR_STOPPING {
+    int groupId;
+    int handle;  // the streamer's facade handle
+} MGR_STOPPING;
+
+// What the first phase of a Wi-Fi loss took: the streamers of the groups
+// that played, and the discovery object to close.
+typedef struct _MGR_WIFI_LOSS {
+    std::vector<MGR_STOPPING> stops;
+    int dlnaHandle;
+} MGR_WIFI_LOSS;
+
 // The clock the bridge hands in: microseconds since boot.
 typedef long long (*GET_BOOTTIME_USEC)(void);
 
@@ -132,6 +147,13 @@ public:
     int AddMyDevice(int group_id);
     int ConnectedWiFi();
     int DisconnectedWiFi();
+    // DisconnectedWiFi in the phases of its waits, as Stop's (below): Begin
+    // takes every playing group's streamer away and turns every member off;
+    // Wait ends those streamers and closes discovery, touching no manager
+    // record; End does each stopped group's bookkeeping as StopEnd does.
+    void DisconnectBegin(MGR_WIFI_LOSS* loss);
+    static void DisconnectWait(const MGR_WIFI_LOSS* loss);
+    void DisconnectEnd(const MGR_WIFI_LOSS* loss);
 
     // ---- groups and members ----
     int CreateGroup(const char* GName);
@@ -190,7 +212,7 @@ public:
     // manager record and may run without it; StopEnd, under the lock again,
     // finishes the group's bookkeeping. The manager outlives the phases.
     int StopBegin(int group_id, int* handle);
-    void StopStreamer(int handle);
+    static void StopStreamer(int handle);
     void StopEnd(int group_id, int bReuse);
     int SeekBegin(int group_id, int progress, int* handle);
     static int SeekStreamer(int handle, int progress);

@@ -17,7 +17,8 @@
 // lock (an event raised on the calling Java thread's own stack) enters
 // again instead of waiting for itself.
 // Locks: _mgmutex (guards glpMgr, glpNotify, mGuidrw, the String constructor
-// cache, _engine_waits, _finalizing and every manager call made from Java).
+// cache, _engine_waits, _finalizing, _wifi_closing and every manager call
+// made from Java).
 // It is the outermost lock.
 #include <jni.h>
 #include <pthread.h>
@@ -207,8 +208,9 @@ const CallShape kUnlockedCode = {ORVELLE_SENDER_ERR_MGR_NULL, ORVELLE_SENDER_ERR
 static std::atomic<PlurafonMgr*> glpMgr(nullptr);
 static PlurafonNotify* glpNotify = nullptr;
 static BridgeLock _mgmutex;
-static int _engine_waits = 0;     // Stop and seekTo calls waiting with the lock released
-static bool _finalizing = false;  // Finalize is ending the manager with the lock released
+static int _engine_waits = 0;       // Stop and seekTo calls waiting with the lock released
+static bool _finalizing = false;    // Finalize is ending the manager with the lock released
+static bool _wifi_closing = false;  // DisconnectedWiFi is ending streams with the lock released
 static JavaVM* gJvm = nullptr;
 static int _vm_tid = 0;
 static Guidrw* mGuidrw = nullptr;
@@ -364,48 +366,58 @@ static jstring _text_query(JNIEnv* env, NoText none, bool isName, F op) {
     return isName ? _name_to_java(env, text) : jniNewStringUTF(env, text);
 }
 
-// An entry point whose manager call waits for a streamer's threads, in
-// three phases: begin, under the lock, checks and takes the streamer (0 and
-// a handle, or the answer); wait runs with the lock released, so an event
-// listener calling in from one of those threads gets the lock meanwhile;
-// end, under the lock again, finishes. Finalize lets these calls finish
-// (_engine_waits) before it ends the manager.
+// False when the engine is busy (*busy: a Finalize, a Wi-Fi loss) and this
+// thread may not wait for it: it delivers an event, and the engine's work
+// waits for the threads that deliver events. Otherwise waits, with the lock
+// released, until it is done.
+static bool _wait_while_l(const bool* busy, const char* name) {
+    while (*busy) {
+        if (PlurafonNotify::InCallback()) {
+            debug_UI("%s from inside an event while the engine is busy: refused", name);
+            return false;
+        }
+        _mgmutex.wait();
+    }
+    return true;
+}
+
+// An entry point whose manager call waits for the engine's threads, in
+// three phases: begin, under the lock, checks and takes what it ends (0,
+// or the answer); wait runs with the lock released, so an event listener
+// calling in from one of those threads gets the lock meanwhile; end, under
+// the lock again, finishes. Finalize lets these calls finish
+// (_engine_waits) before it ends the manager. With busy, one such call of
+// its kind runs at a time: *busy is set while it waits, and a second one
+// waits for it first (from inside an event it answers busyAnswer).
 template <typename B, typename W, typename E>
-static jint _call_mgr_waiting(const char* name, const CallShape& shape, B begin, W wait, E end) {
+static jint _call_mgr_waiting(const char* name, const CallShape& shape, bool* busy, jint busyAnswer,
+                              B begin, W wait, E end) {
     autoLock lock(&_mgmutex);
     debug_UI("%s+++", name);
+    if (busy != nullptr && !_wait_while_l(busy, name)) {
+        debug_UI(shape.exitFmt, name, busyAnswer);
+        return busyAnswer;
+    }
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) {
         debug_UI(shape.exitFmt, name, shape.noMgrLogged);
         return shape.noMgr;
     }
-    int handle = 0;
-    jint ret = begin(mgr, &handle);
+    jint ret = begin(mgr);
     if (ret == 0) {
         _engine_waits++;
+        if (busy != nullptr) *busy = true;
         {
             autoUnlock unlocked(&_mgmutex);
-            ret = wait(mgr, handle);
+            ret = wait(mgr);
         }
+        if (busy != nullptr) *busy = false;
         _engine_waits--;
         end(mgr);
         _mgmutex.broadcast();
     }
     debug_UI(shape.exitFmt, name, ret);
     return ret;
-}
-
-// False when a Finalize is under way and this thread may not wait for it:
-// it delivers an event, so the manager's end waits for it.
-static bool _wait_finalized_l(const char* name) {
-    while (_finalizing) {
-        if (PlurafonNotify::InCallback()) {
-            debug_UI("%s from inside an event while the engine ends: refused", name);
-            return false;
-        }
-        _mgmutex.wait();
-    }
-    return true;
 }
 
 static int _z(jboolean b) {
@@ -423,7 +435,7 @@ static void _destroy_engine_l() {
 static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring juuid) {
     autoLock lock(&_mgmutex);
     debug_UI("Java_PlurafonMgr_Initialize+++");
-    if (!_wait_finalized_l("Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
+    if (!_wait_while_l(&_finalizing, "Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
     if (glpMgr.load() != nullptr && glpNotify != nullptr) {
         debug_UI("Java_PlurafonMgr_Initialize--- already init");
         return 0;
@@ -473,7 +485,7 @@ static jint Java_SonvaraNativeMgr_Finalize(JNIEnv*, jobject) {
         debug_UI("Java_PlurafonMgr_Finalize--- refused inside an event");
         return ORVELLE_SENDER_ERR_IN_EVENT;
     }
-    _wait_finalized_l("Finalize");
+    _wait_while_l(&_finalizing, "Finalize");
     while (_engine_waits > 0) _mgmutex.wait();
     PlurafonMgr* mgr = glpMgr.exchange(nullptr);
     PlurafonNotify* notify = glpNotify;
@@ -521,10 +533,11 @@ static jint Java_SonvaraNativeMgr_Resume(JNIEnv* env, jobject, jint group_id) {
 }
 
 static jint Java_SonvaraNativeMgr_Stop(JNIEnv*, jobject, jint group_id, jboolean bReuse) {
+    int handle = 0;
     return _call_mgr_waiting(
-        "Stop", kCode, [&](PlurafonMgr* m, int* h) { return m->StopBegin(group_id, h); },
-        [&](PlurafonMgr* m, int h) {
-            m->StopStreamer(h);
+        "Stop", kCode, nullptr, 0, [&](PlurafonMgr* m) { return m->StopBegin(group_id, &handle); },
+        [&](PlurafonMgr*) {
+            PlurafonMgr::StopStreamer(handle);
             return 0;
         },
         [&](PlurafonMgr* m) { m->StopEnd(group_id, _z(bReuse)); });
@@ -536,10 +549,11 @@ static jint Java_SonvaraNativeMgr_stopPlayer(JNIEnv* env, jobject, jint group_id
 }
 
 static jint Java_SonvaraNativeMgr_seekTo(JNIEnv*, jobject, jint group_id, jint progress) {
+    int handle = 0;
     return _call_mgr_waiting(
-        "seekTo", kSeek,
-        [&](PlurafonMgr* m, int* h) { return m->SeekBegin(group_id, progress, h); },
-        [&](PlurafonMgr*, int h) { return PlurafonMgr::SeekStreamer(h, progress); },
+        "seekTo", kSeek, nullptr, 0,
+        [&](PlurafonMgr* m) { return m->SeekBegin(group_id, progress, &handle); },
+        [&](PlurafonMgr*) { return PlurafonMgr::SeekStreamer(handle, progress); },
         [&](PlurafonMgr*) {});
 }
 
@@ -798,12 +812,31 @@ static jint Java_SonvaraNativeMgr_LoadMyDevice(JNIEnv* env, jobject) {
                      [&](PlurafonMgr* m, const JStrings&) { return m->LoadMyDevice(); });
 }
 
-static jint Java_SonvaraNativeMgr_DisconnectedWiFi(JNIEnv* env, jobject) {
-    return _call_mgr(env, "DisconnectedWiFi", kCode, {},
-                     [&](PlurafonMgr* m, const JStrings&) { return m->DisconnectedWiFi(); });
+// Stops every playing group and closes discovery with the lock released
+// (their threads' events may call in; they find the groups stopped). A
+// second loss reported meanwhile waits for the first; from inside an event
+// that the first waits for, it answers 0 at once: the loss is being dealt
+// with.
+static jint Java_SonvaraNativeMgr_DisconnectedWiFi(JNIEnv*, jobject) {
+    MGR_WIFI_LOSS loss;
+    return _call_mgr_waiting(
+        "DisconnectedWiFi", kCode, &_wifi_closing, 0,
+        [&](PlurafonMgr* m) {
+            m->DisconnectBegin(&loss);
+            return 0;
+        },
+        [&](PlurafonMgr*) {
+            PlurafonMgr::DisconnectWait(&loss);
+            return 0;
+        },
+        [&](PlurafonMgr* m) { m->DisconnectEnd(&loss); });
 }
 
+// Opens discovery only after a Wi-Fi loss under way has closed it; from
+// inside an event that loss waits for, it is refused.
 static jint Java_SonvaraNativeMgr_ConnectedWiFi(JNIEnv* env, jobject) {
+    autoLock lock(&_mgmutex);
+    if (!_wait_while_l(&_wifi_closing, "ConnectedWiFi")) return ORVELLE_SENDER_ERR_IN_EVENT;
     return _call_mgr(env, "ConnectedWiFi", kCode, {},
                      [&](PlurafonMgr* m, const JStrings&) { return m->ConnectedWiFi(); });
 }

@@ -7,7 +7,8 @@
 // copy into a record is cut to its array less one.
 // Threads: public operations on the owner's thread; DeviceThreadUdp (or
 // DeviceThread) per search, ReceiveMsgThread and SyncTrigThread as opened.
-// Locks: none (see the header); the workers' exit flags are atomic.
+// Locks: m_pSockLock around searches and the socket's open and close (see the
+// header); the workers' exit flags are atomic.
 #include "AVRepDlna.h"
 
 #include <arpa/inet.h>
@@ -112,16 +113,16 @@ int _ip_recorded(const AV_DEVICE_SEARCH_INFO* list, int count, const char* ip) {
 
 }  // namespace
 
-CAVRepDlna::CAVRepDlna(AV_DLNA_NOTIFY_MSG notify, void* parent) {
+CAVRepDlna::CAVRepDlna(AV_DLNA_NOTIFY_MSG notify, void* parent) : m_pSockLock(NULL) {
     debug_UI("[AVRepDlna] CAVRepDlna");
     CAVRepDlnaSetDefault();
     m_NotifyMsg = notify;
     m_pParent = parent;
+    // Without it (no memory) the object still works for one caller at a time.
+    if (!PAL_MutexCreate(&m_pSockLock)) m_pSockLock = NULL;
 }
 
-CAVRepDlna::CAVRepDlna() {
-    debug_UI("[AVRepDlna] CAVRepDlna");
-    CAVRepDlnaSetDefault();
+CAVRepDlna::CAVRepDlna() : CAVRepDlna(NULL, NULL) {
     m_nUdpSock = 0;
     m_nTcpSock = 0;
 }
@@ -132,6 +133,7 @@ CAVRepDlna::~CAVRepDlna() {
     if (m_receiveWorker.Started()) ReceiveMsgClose();
     if (m_syncWorker.Started()) SyncTrigClose();
     if (m_pMulticastIP) CAVRepDlnaClose();
+    PAL_MutexDelete(m_pSockLock);
 }
 
 void CAVRepDlna::CAVRepDlnaSetDefault() {
@@ -175,6 +177,7 @@ int CAVRepDlna::CAVRepDlnaInit(const char* addr) {
     // Opened again without a close (Wi-Fi reported connected twice): let go
     // of the old socket and its listener first.
     if (m_receiveWorker.Started()) ReceiveMsgClose();
+    PalLock lock(m_pSockLock);
     if (m_pMulticastIP) CAVRepDlnaClose();
 
     int ret = _split_host_port(addr, &m_pMulticastIP, &m_MulticastPort);
@@ -212,6 +215,7 @@ int CAVRepDlna::CAVRepDlnaInit(const char* addr) {
 }
 
 int CAVRepDlna::CAVRepDlnaClose() {
+    PalLock lock(m_pSockLock);
     if (m_pMulticastIP) {
         PAL_SockLeaveGroup(m_nMulticastSock, m_pMulticastIP, m_pMyIP);
         PAL_SockClose(m_nMulticastSock);
@@ -237,6 +241,9 @@ int CAVRepDlna::_start_worker(PalWorker* worker, const char* name, PAL_THREAD_FU
 }
 
 int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, int waitMs) {
+    // One search at a time, and none while the multicast socket is opened
+    // or closed: a second caller waits for the first to end.
+    PalLock lock(m_pSockLock);
     m_nUdpSock = PAL_SockCreate(PAL_SOCK_UDP);
     if (m_nUdpSock == -1) {
         m_nUdpSock = 0;
@@ -270,7 +277,10 @@ int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, i
     for (int i = 0; i < kDeviceRequestCount; i++) {
         debug_UI("===========DEVICE[%d]=================", i);
         debug_UI("====================================");
-        PAL_SockWrite(m_nMulticastSock, PAL_SOCK_UDP, request, requestLen, host, port);
+        // Closed (Wi-Fi lost): nothing goes out, and nobody answers.
+        if (m_pMulticastIP) {
+            PAL_SockWrite(m_nMulticastSock, PAL_SOCK_UDP, request, requestLen, host, port);
+        }
         PAL_ThreadSleep(kDeviceRequestGapMs);
     }
     PAL_ThreadSleep(waitMs > 0 ? (unsigned int)waitMs : kDefaultWaitMs);

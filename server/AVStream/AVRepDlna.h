@@ -8,12 +8,16 @@
 // thread (EXIT announcements) and the clock-sync trigger thread.
 // Allocates: the group address text (init), the host text of one search,
 // and an MP3Parser for the length of one content query.
-// Threads: the owner's thread calls every public operation; the collector
+// Threads: the owner's thread calls the public operations, except that a
+// search (GetDeviceInfo) may come from any thread; the collector
 // writes m_DeviceSearch until its worker is stopped; the receive thread reads
 // m_nMulticastSock and calls m_NotifyMsg on its own thread; the sync thread
 // only drives the platform's sync step.
-// Locks: none. The workers' exit flags are written by the owner and polled
-// by the threads; records pass from the collector to the owner through the
+// Locks: m_pSockLock (a PAL mutex) serialises searches with each other and
+// with the multicast socket's open and close; it is never taken by the
+// receive or sync thread, and never held while the receive thread is
+// stopped. The workers' exit flags are written by the owner and polled by
+// the threads; records pass from the collector to the owner through the
 // collector's exit semaphore.
 #ifndef AVREPDLNA_H
 #define AVREPDLNA_H
@@ -173,6 +177,10 @@ private:
     PalWorker m_searchWorker;   // the collector of the search under way
     PalWorker m_syncWorker;     // the sync trigger
     PalWorker m_receiveWorker;  // the multicast receive thread
+    // Held by a search for its whole run and by the multicast socket's open
+    // and close: searches from two threads (the application's and the
+    // background search) and a close on a third take turns.
+    PAL_MUTEX* m_pSockLock;
 
     friend struct CAVRepDlnaProbe;  // tests and fuzzing drive the TCP collector directly
 };
