@@ -7,6 +7,7 @@ PalWorker::PalWorker()
     : m_thread(nullptr),
       m_doneSem(nullptr),
       m_exit(false),
+      m_finished(false),
       m_body(nullptr),
       m_arg(nullptr),
       m_name("") {}
@@ -21,6 +22,7 @@ PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, 
     m_body = body;
     m_arg = arg;
     m_exit.store(false);
+    m_finished.store(false);
     if (!PAL_SemCreate(&m_doneSem, 0)) {
         m_doneSem = nullptr;
         return kNoSemaphore;
@@ -36,17 +38,33 @@ PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, 
     return kStarted;
 }
 
+// The worker whose body runs on this thread, if any.
+static thread_local const PalWorker* t_current = nullptr;
+
 int PalWorker::_main(void* self) {
     PalWorker* w = static_cast<PalWorker*>(self);
+    t_current = w;
     int ret = w->m_body(w->m_arg);
+    t_current = nullptr;
+    w->m_finished.store(true);
     PAL_SemSignal(w->m_doneSem, 1);
     return ret;
+}
+
+bool PalWorker::IsCurrent() const {
+    return t_current == this;
 }
 
 void PalWorker::Stop(unsigned int boundMs) {
     PAL_THREAD thread = m_thread.load();
     if (thread == nullptr) return;
     m_exit.store(true);
+    if (IsCurrent()) {
+        // A thread cannot wait for its own end: it is only asked to end, and
+        // its owner must stop it again from another thread.
+        debug_UI("worker %s asked to stop on its own thread: not waited for", m_name);
+        return;
+    }
     if (PAL_SemTimedWait(m_doneSem, boundMs) != 0) {
         debug_UI("worker %s still running after %u ms: waiting for it to end", m_name, boundMs);
         PAL_SemWait(m_doneSem, 1);

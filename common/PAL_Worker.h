@@ -6,7 +6,7 @@
 //
 // Owns: the thread handle and the semaphore, from Start to Stop.
 // Threads: Start and Stop on the owner's thread (one owner per worker);
-// Exiting from the body; Started from any. Locks: none (the flag and the
+// Exiting from the body; Started, Finished and IsCurrent from any. Locks: none (the flag and the
 // handle are atomic).
 #ifndef PAL_WORKER_H
 #define PAL_WORKER_H
@@ -34,13 +34,20 @@ public:
     bool Started() const { return m_thread.load() != nullptr; }
     // For the body: its owner has asked it to end.
     bool Exiting() const { return m_exit.load(); }
+    // True on this worker's own thread (its body, and whatever the body
+    // calls): the one thread that must never wait for the worker to end.
+    bool IsCurrent() const;
+    // True once the body has returned (Stop then does not wait). Any thread.
+    bool Finished() const { return m_finished.load(); }
     // Asks the body to end without waiting (the owner then wakes it if it
     // sleeps on something of its own, and calls Stop).
     void RequestExit() { m_exit.store(true); }
     // Asks the body to end and waits for it: up to boundMs, then one log line
     // naming the worker, then on, since what the body uses cannot be freed
     // under it (every wait of an engine body is bounded, so it does end).
-    // Then the thread is released. Nothing started: nothing to do.
+    // Then the thread is released. Nothing started: nothing to do. On the
+    // worker's own thread it only asks the body to end (and logs it): the
+    // owner stops it again from another thread.
     void Stop(unsigned int boundMs);
 
 private:
@@ -51,6 +58,7 @@ private:
     std::atomic<PAL_THREAD> m_thread;
     PAL_SEM* m_doneSem;  // signalled once the body has returned
     std::atomic<bool> m_exit;
+    std::atomic<bool> m_finished;
     PAL_THREAD_FUNC m_body;
     void* m_arg;
     const char* m_name;

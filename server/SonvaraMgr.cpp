@@ -101,6 +101,7 @@ PlurafonMgr::~PlurafonMgr() {
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
         if (g->bIsPlay == 1) Stop(g->_gid, 0);
     }
+    _reap_deferred_stops(true);
     if (_lpgroup_info) _remove_all_group();
     if (_lpdevice_info) _remove_all_device_info();
     if (_dlna_handle) {

@@ -298,6 +298,14 @@ private:
 
     // playback
     static int _stop_thread(void* arg);
+    // The stop thread of a Stop made inside one of the streamer's own
+    // events runs on by itself (see _defer_stop); it is joined once it has
+    // finished, by a later Stop, at the latest by the destructor (its
+    // streamer reports to the manager until it is closed).
+    static void _defer_stop(int handle);
+    // Joins the deferred stop threads that have finished; all of them
+    // (waiting) when all is set.
+    static void _reap_deferred_stops(bool all);
     // Releases the finished (or waits for the running) background search.
     void _stop_search_worker();
     int _refresh_content_cache(const char* path, const char* mime);

@@ -2,12 +2,16 @@
 // the facade), the controls forwarded to a group's streamer, and the content
 // queries with their one-entry cache.
 //
-// Allocates: one stop thread per Stop (joined before Stop returns).
+// Allocates: one stop thread per Stop, joined before Stop returns, except
+// for a Stop made inside one of the streamer's own events: its stop thread
+// (with its record) is joined by a later Stop or the destructor.
 // Threads: the application's; Stop's slow part runs on the stop thread,
 // which works on the streamer handle Stop took away from the group.
 // Locks: _lpmutex while a group's members are read or their states set;
 // released before any call into a streamer.
 #include <string.h>
+
+#include <new>
 
 #include "SonvaraMgr.h"
 #include "thinSender.h"
@@ -27,6 +31,27 @@ int _cap_volume(int volume) {
 AV_CHANNEL_TYPE _channel_of(int type) {
     return (type >= AV_CHANNEL_NA && type <= AV_CHANNEL_PARTY) ? (AV_CHANNEL_TYPE)type
                                                                : AV_CHANNEL_NA;
+}
+
+// A stop thread left running by a Stop made inside one of the streamer's
+// own events. handle is set only when no thread could be made: the
+// manager's destructor then stops that streamer itself.
+struct DeferredStop {
+    PalWorker worker;
+    int handle;
+    DeferredStop* next;
+};
+
+// Deferred stops of every manager, newest first; guarded by _deferred_lock()
+// (made at first use, kept for the process's life).
+DeferredStop* g_deferredStops = nullptr;
+
+PAL_MUTEX* _deferred_lock() {
+    static PAL_MUTEX* lock = [] {
+        PAL_MUTEX* m = nullptr;
+        return PAL_MutexCreate(&m) ? m : nullptr;
+    }();
+    return lock;
 }
 
 }  // namespace
@@ -170,6 +195,11 @@ int PlurafonMgr::StopBegin(int group_id, int* handle) {
 }
 
 void PlurafonMgr::StopStreamer(int handle) {
+    _reap_deferred_stops(false);
+    if (AVSenderIsOwnThread(handle)) {
+        _defer_stop(handle);
+        return;
+    }
     PalWorker stopper;
     if (stopper.Start("stop", _stop_thread, (void*)(intptr_t)handle) != PalWorker::kStarted) {
         _stop_thread((void*)(intptr_t)handle);
@@ -180,6 +210,56 @@ void PlurafonMgr::StopStreamer(int handle) {
     // to leave, then the streamer's close (3.5 s at most for its threads).
     stopper.Stop(kStopThreadMs);
     debug_UI("wait _stop_thread---");
+}
+
+// Stop made inside an event that the streamer raised on one of its own
+// threads (a listener that stops the group at the end of the content, or
+// from a progress report): the close waits for that very thread, which
+// would wait here for the close, for ever. So the stop thread runs on by
+// itself and this Stop returns at once; the group is already stopped for
+// every caller, and the streamer ends as soon as the event has returned.
+void PlurafonMgr::_defer_stop(int handle) {
+    debug_UI("wait _stop_thread deferred: Stop came from the streamer's own thread");
+    DeferredStop* d = new (std::nothrow) DeferredStop;
+    if (d == nullptr) {
+        // Nothing can hold the streamer: its receivers are told to leave,
+        // and the object stays (closing it here would never return).
+        AVSenderStop(handle);
+        return;
+    }
+    d->handle = 0;
+    if (d->worker.Start("stop", _stop_thread, (void*)(intptr_t)handle) != PalWorker::kStarted) {
+        AVSenderStop(handle);  // the receivers leave now; the destructor closes it
+        d->handle = handle;
+    }
+    PalLock lock(_deferred_lock());
+    d->next = g_deferredStops;
+    g_deferredStops = d;
+}
+
+void PlurafonMgr::_reap_deferred_stops(bool all) {
+    DeferredStop* done = nullptr;
+    {
+        PalLock lock(_deferred_lock());
+        DeferredStop** p = &g_deferredStops;
+        while (*p != nullptr) {
+            DeferredStop* d = *p;
+            if (all || d->worker.Finished()) {
+                *p = d->next;
+                d->next = done;
+                done = d;
+            } else {
+                p = &d->next;
+            }
+        }
+    }
+    while (done != nullptr) {
+        DeferredStop* d = done;
+        done = d->next;
+        d->worker.Stop(kStopThreadMs);  // returns at once for a finished one
+        if (d->handle != 0) _stop_thread((void*)(intptr_t)d->handle);
+        delete d;
+    }
 }
 
 void PlurafonMgr::StopEnd(int group_id, int bReuse) {

@@ -211,6 +211,11 @@ bool AVSenderIsStreamReceiverExist(int handle) {
     return s->AVStreamerIsStreamReceiverExist();
 }
 
+bool AVSenderIsOwnThread(int handle) {
+    HeldStreamer s(_streamers(), handle);
+    return s && s->AVStreamerIsOwnThread();
+}
+
 int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP) {
     debug_UI("[thinSender] AVSenderResetAcceptReceiverInfo");
     HeldStreamer s(_streamers(), handle);

@@ -48,6 +48,10 @@ int AVSenderReceiverDeviceVolumeControl(int handle, const char* pReceiverIP, int
 int AVSenderSetReceiverUIType(int handle, const char* pReceiverIP, int nUIType);
 int AVSenderSetReceiverUITypeAll(int handle, int nUIType);
 bool AVSenderIsStreamReceiverExist(int handle);
+// True when the caller runs on one of the streamer's own threads (inside one
+// of its events): such a caller must not close or delete it, since the close
+// waits for that very thread. False for a null handle.
+bool AVSenderIsOwnThread(int handle);
 int AVSenderResetAcceptWaitReceiverInfo(int handle, const char* pReceiverIP);
 void AVSenderSetGUID(const char* guid);
 // The handle of a streamer as its events name it: a streamer reports itself

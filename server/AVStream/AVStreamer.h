@@ -213,7 +213,12 @@ public:
                        int offset_time);
     int AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvrPort,
                        const char* pMulticastUrl, int nVolume, int offset_time);
+    // Never on one of the streamer's own threads (AVStreamerIsOwnThread):
+    // the close waits for each of them to end.
     void AVStreamerClose();
+    // Any thread; no lock. True on one of the streamer's three threads,
+    // which is where its events reach their listener.
+    bool AVStreamerIsOwnThread();
     // Caller's thread, before any streamer exists; no lock.
     static void SetGUID(const char* guid);
 

@@ -174,6 +174,10 @@ int CAVStreamer::AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvr
     return 0;
 }
 
+bool CAVStreamer::AVStreamerIsOwnThread() {
+    return m_musicWorker.IsCurrent() || m_serverWorker.IsCurrent() || m_rtpWorker.IsCurrent();
+}
+
 void CAVStreamer::AVStreamerClose() {
     debug_UI("[AVStreamer m_groupId : %d] AVStreamerClose() Start", m_groupId);
     SetStreamState(STREAM_STATE_CLOSE);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -41,6 +42,17 @@ public:
     }
     void NotifyServiceStop(int groupId, int bNextPlay) override {
         add("ServiceStop " + n(groupId) + " " + n(bNextPlay));
+        std::function<void(int)> hook;
+        {
+            std::lock_guard<std::mutex> hold(m_mutex);
+            hook = m_onServiceStop;
+        }
+        if (hook) hook(groupId);  // on the event's own thread, as a listener works
+    }
+    // What the listener does after recording a ServiceStop (null: nothing).
+    void OnServiceStop(std::function<void(int groupId)> hook) {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_onServiceStop = hook;
     }
     void NoitfyDeviceSearchComplete(int bIsSuccess) override {
         add("SearchComplete " + n(bIsSuccess));
@@ -88,9 +100,10 @@ private:
         m_changed.notify_all();
     }
 
-    std::mutex m_mutex;  // guards m_lines
+    std::mutex m_mutex;  // guards m_lines and m_onServiceStop
     std::condition_variable m_changed;
     std::vector<std::string> m_lines;
+    std::function<void(int)> m_onServiceStop;
 };
 
 #endif
