@@ -353,7 +353,7 @@ private:
     uint32_t m_unSvrStartClock;
     char* m_pSendBuf;  // AV_RTP_SEND_BUF_SIZE bytes, allocated by ServerOpen
     RTP_PACKET m_RtpPacket;
-    int m_nVolume;
+    int m_nVolume;  // the group's: open's, then the last one sent to all (caller's thread)
     std::atomic<uint32_t> m_unSearchBaseClock;
     std::atomic<bool> m_bStreamReady;
     uint8_t m_NumChannels;
@@ -453,6 +453,9 @@ private:
     // ip, or -1.
     int _find_session(const char* ip, int from);
     void _store_and_send_volume(int index, int volume);
+    // Volumes from the application are capped at 15 at the top only; a
+    // negative value passes unchanged.
+    static int _cap_volume(int volume) { return volume < 15 ? volume : 15; }
 
     // Writes text to every active session; stops at the first failed write.
     int _broadcast_until_failure(const char* text);

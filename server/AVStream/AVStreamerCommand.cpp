@@ -126,11 +126,10 @@ int CAVStreamer::ReceiverVolume(int index, int volume) {
     return _session_write(index, cmd) == AV_WRITE_FAIL ? 0 : 1;
 }
 
-// Volumes from the application are capped at 15 at the top only; a negative
-// value passes unchanged. The entry keeps the value whether the send works
-// or not, so a later PLAY sends it again.
+// The entry keeps the capped value whether the send works or not, so a
+// later PLAY sends it again.
 void CAVStreamer::_store_and_send_volume(int index, int volume) {
-    int v = volume < 15 ? volume : 15;
+    int v = _cap_volume(volume);
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     {
         PalLock lock(s._lpmutex);
@@ -148,6 +147,7 @@ int CAVStreamer::ReceiverDeviceVolumeControl(const char* ip, int volume) {
 
 int CAVStreamer::ReceiverVolumeControl(int volume) {
     debug_UI("[AVStreamer m_groupId : %d] Volume : %d========", m_groupId, volume);
+    m_nVolume = _cap_volume(volume);  // the whole group's volume from now on
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         if (m_AVRcvSessInfo.AVRcvSess[i].bActive) _store_and_send_volume(i, volume);
     }

@@ -151,7 +151,7 @@ int CAVStreamer::AVStreamerOpen(unsigned short TcpSvrPort, unsigned short UdpSvr
     SetStreamState(STREAM_STATE_OPEN);
     int ret = _parse_multicast_url(pMulticastUrl);
     if (ret != 0) return ret;
-    m_nVolume = nVolume < 15 ? nVolume : 15;
+    m_nVolume = _cap_volume(nVolume);
     m_nOffsetTime = offset_time;
     char mac[AV_MAC_LEN] = {0};
     memset(m_pMyIP, 0, sizeof(m_pMyIP));
