@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -202,6 +203,17 @@ TEST(ThreadSync, SemaphoresCountAndAWorkerStopsByItsFlag) {
     ASSERT_NE(0, PAL_ThreadCreate(&th, self_releasing_body, &s_handle, PAL_THREAD_PRIO_TIMESHARE));
     s_handle = th;
     PAL_ThreadSleep(200);
+
+    // A raised priority is the calling thread's alone; refused, the thread
+    // keeps the one it had.
+    int mine = getpriority(PRIO_PROCESS, 0);
+    int granted = -1, got = 100;
+    std::thread([&] {
+        granted = PAL_ThreadSetOwnPriority(PAL_THREAD_PRIO_URGENT_AUDIO);
+        got = getpriority(PRIO_PROCESS, 0);
+    }).join();
+    EXPECT_EQ(granted == 1 ? -19 : mine, got);
+    EXPECT_EQ(mine, getpriority(PRIO_PROCESS, 0));
 }
 
 // A 10-byte ring buffer through a script of calls, each followed by a look
