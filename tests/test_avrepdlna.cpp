@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <memory>
@@ -310,10 +311,23 @@ TEST(AVRepDlna, IdentityAndSyncTrigger) {
     EXPECT_EQ(17u, strlen(me.pReceiverMac));
     EXPECT_EQ(5, me.isMaster);  // nothing else touched
 
+    // Idle, the listener and the sync trigger sleep until a datagram comes
+    // or a sync step is due (one a second): a quiet 1.5 s costs the process
+    // a few wake-ups, not one every few milliseconds. Asked to end, both
+    // wake at once.
+    ASSERT_EQ(0, d.CAVRepDlnaInit(kGroupAddr));
+    ASSERT_EQ(0, d.ReceiveMsgOpen());
     EXPECT_EQ(0, d.SyncTrigOpen());
     PAL_ThreadSleep(50);
+    struct rusage before, after;
+    getrusage(RUSAGE_SELF, &before);
+    PAL_ThreadSleep(1500);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 8);
     unsigned int t0 = PAL_GetClock();
     EXPECT_EQ(0, d.SyncTrigClose());
-    EXPECT_LT(PAL_GetClock() - t0, 2500u);
+    EXPECT_EQ(0, d.ReceiveMsgClose());
+    EXPECT_LT(PAL_GetClock() - t0, 500u);
     EXPECT_EQ(0, d.SyncTrigClose());  // a second close has nothing to stop
+    EXPECT_EQ(0, d.CAVRepDlnaClose());
 }
