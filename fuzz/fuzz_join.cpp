@@ -1,7 +1,7 @@
 // Fuzzes the JOIN request a receiver multicasts to a running stream, as the
 // manager reads it. The way there (the streamer's multicast socket) and the
 // de-duplication by GUID and time stamp that follows are fuzzed by
-// fuzz_streamer_multicast.
+// fuzz_streamer_request.
 //
 // Input: one request text (a NUL is added after it; embedded NULs end the
 // text as they would in a datagram read as a string).

@@ -1,11 +1,12 @@
-// Fuzzes the streamer's own MP3 reader as a phone's file reaches it: open,
-// the header scan of get_mp3_info, reads of one decoded frame each, a seek
-// by the parser as Open and the music source ask for one, the byte seek of
-// mp3_seek, and close. (The info query GetMp3Info is that open, one read and
-// the close.)
+// Fuzzes the streamer's MP3 reader, and the frame parser and decoder under
+// it, as a phone's file reaches them: open (ID3 skipping, resync, Xing
+// reading), the header scan of get_mp3_info, reads of one decoded frame
+// each, parser seeks by table or bit rate to targets taken from the input,
+// the byte seek of mp3_seek, a restart of the walk, and close. (The info
+// query GetMp3Info is that open, one read and the close.)
 //
-// Input: the file's bytes; its last two bytes also give the seek target in
-// seconds.
+// Input: the file's bytes; its last eight bytes also give the seek targets
+// (negative ones included), its last two the seconds of the byte seek.
 // Every read hands out at most the reader's output area (it goes into a
 // buffer exactly that size) and reports 1 or 2 channels and an MPEG sampling
 // rate; close releases the parser.
@@ -16,6 +17,7 @@
 
 #include "AVStreamer.h"
 #include "MP3Parser.h"
+#include "PAL_File.h"
 #include "fuzz_support.h"
 #include "streamer_probe.h"
 
@@ -51,21 +53,42 @@ void _read_frames(CAVStreamer* st, long fd, int frames) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* path = fuzz_write_scratch("fuzz_mp3reader", data, size);
     if (path == nullptr) return 0;
+    unsigned long long bits = 0;
+    for (size_t i = 0; i < 8 && i < size; i++) bits = (bits << 8) | data[size - 1 - i];
     const unsigned int seconds = size >= 2 ? (unsigned)data[size - 2] << 8 | data[size - 1] : 0;
 
     std::unique_ptr<CAVStreamer> st(new CAVStreamer(_no_notify, nullptr, 1));
     const long fd = st->Mp3ToPcm_FileOpen(path);
     if (fd < 1) return 0;
+    MP3Parser* p = CAVStreamerProbe::Parser(st.get());
+    int channels = 0, rate = 0;
+    p->GetFileInfo(&channels, &rate);
     st->get_mp3_info(fd);
     _read_frames(st.get(), fd, 16);
 
-    // Seek as AVStreamerInit and the music source do: microseconds formed
-    // in 32 bits.
-    CAVStreamerProbe::Parser(st.get())->setSeekTo((long long)(int)(seconds * 1000000u));
-    _read_frames(st.get(), fd, 4);
+    // Seeks as AVStreamerInit and the music source ask for them
+    // (microseconds formed in 32 bits), and to anything else.
+    const long long target = (long long)bits, negated = (long long)(0ULL - bits);
+    const long long targets[] = {(long long)(int)(seconds * 1000000u),
+                                 0,
+                                 target,
+                                 target % 600000000LL,
+                                 negated,
+                                 p->mDuration / 2,
+                                 p->mDuration + 1};
+    for (long long t : targets) {
+        p->setSeekTo(t);
+        _read_frames(st.get(), fd, 4);
+    }
     st->mp3_seek(fd, seconds);
     _read_frames(st.get(), fd, 4);
+    p->start();
+    _read_frames(st.get(), fd, 8);
 
+    long bytes = 0;
+    long long duration = 0;
+    char toc[MP3_TOC_ENTRIES];
+    parse_xing_header(fd, 0, &bytes, toc, &duration);
     st->Mp3ToPcm_FileClose(fd);
     fuzz_require(CAVStreamerProbe::Parser(st.get()) == nullptr);
     return 0;

@@ -1,21 +1,31 @@
-// Fuzzes receivers' control requests as the streamer's control server reads
-// them, as sequences across the session states: CHANNEL/START, DESCRIBE/SDP,
-// SETUP, PLAY, PAUSE, the clock reply, LEAVE/TEARDOWN/BYE_ACK and a closed
-// connection, with the table's fall-throughs and the replies queued and sent
-// back as the control-server thread sends them.
+// Fuzzes what a streamer's control server reads from outside: receivers'
+// control requests, as sequences across the session states (CHANNEL/START,
+// DESCRIBE/SDP, SETUP, PLAY, PAUSE, the clock reply, LEAVE/TEARDOWN/BYE_ACK
+// and a closed connection, with the table's fall-throughs and the replies
+// queued and sent back as the control-server thread sends them), and what
+// anyone on the multicast group sends (JOIN with address and REQ_TS,
+// MASTERSEARCH with a name, anything else). (The manager's handling of the
+// JOIN text that goes on is fuzz_join's.)
 //
-// Input: requests split on the byte 0xFF (never in a request's text: it is
-// not UTF-8). The first byte of each is a control byte: its value modulo 3
-// picks one of the three receivers; 0x04 puts that session into the clock
-// state first (the state in which any text is the clock reply); 0x08 closes
-// the receiver's side after the text. The rest (cut to 4096 bytes) is what
-// the receiver sends; the server reads it as TCP gives it, 1023 bytes at a
-// time. Each receiver's connection is one end of a socket pair: no network.
+// Input: pieces split on the byte 0xFF (never in a request's text: it is
+// not UTF-8). The first byte of each is a control byte. With 0x10 set, the
+// rest (cut to 2048 bytes) is a datagram on the streamer's multicast socket
+// (one end of a datagram socket pair), sent twice as receivers repeat their
+// multicasts. Otherwise its value modulo 3 picks one of the three
+// receivers; 0x04 puts that session into the clock state first (the state
+// in which any text is the clock reply); 0x08 closes the receiver's side
+// after the text. The rest (cut to 4096 bytes) is what the receiver sends;
+// the server reads it as TCP gives it, 1023 bytes at a time. Each
+// receiver's connection is one end of a socket pair: no network.
 // After every request: at most one reference receiver; the session and
 // receiver counts match the active sessions and entries; a released session
 // has no connection; every state is a known one; the replies a receiver got
 // are whole 200 OKs (an SDP as long as its Content-Length says), START or
 // VOLUME commands; every event names the receiver that sent the request.
+// After every copy of a datagram: one event if its text (as read: at most
+// 1399 bytes, up to a NUL) holds "JOIN", none otherwise, with the address
+// terminated and the text as read; REQ_TS lands only in the session of that
+// address, and nothing else of any session changes.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -33,12 +43,28 @@
 namespace {
 
 const int kReceivers = 3;
-const size_t kMaxRequest = 4096;
+const int kSessions = kReceivers + 1;  // the sessions a datagram may touch
+const size_t kMaxRequest = 4096, kMaxDatagram = 2048;
+const size_t kReadMax = 1399;  // what the streamer reads of a datagram
 
-// The address the events of the request being read must name.
+// While a request is read: the address its events must name. While a
+// datagram is read (g_sender null): the JOIN events it raised.
 const char* g_sender = "";
+struct Found {
+    int count;
+    char addr[AV_IP_LEN + 8];
+    std::string text;
+} g_found;
 
 void _notify(intptr_t, intptr_t msg, intptr_t a, intptr_t b, intptr_t, intptr_t) {
+    if (g_sender == nullptr) {
+        fuzz_require(msg == AVMSG_RECEIVER_FOUND);
+        fuzz_require(fuzz_terminated((const char*)a, AV_IP_LEN));
+        g_found.count++;
+        snprintf(g_found.addr, sizeof g_found.addr, "%s", (const char*)a);
+        g_found.text = (const char*)b;
+        return;
+    }
     const char* ip = msg == AVMSG_RECEIVER_VOLUMECHANGED ? (const char*)b : (const char*)a;
     if (msg == AVMSG_RECEIVER_LEAVE || msg == AVMSG_RECEIVER_RESET ||
         msg == AVMSG_RECEIVER_VOLUMECHANGED)
@@ -69,6 +95,9 @@ void _setup(CAVStreamer* st, int* peers) {
     }
     ri.nAVReceiverCnt = kReceivers;
     Probe::Prepare(st, ri, mi);
+    // A session that knows its address but has not connected.
+    AV_RCV_SESS& idle = Probe::Sess(st, kReceivers);
+    snprintf(idle.pReceiverIP, sizeof(idle.pReceiverIP), "127.0.0.%d", 2 + kReceivers);
     for (int i = 0; i < kReceivers; i++) {
         int sp[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) __builtin_trap();
@@ -133,6 +162,69 @@ void _serve(CAVStreamer* st, int index) {
     }
 }
 
+// One request from receiver piece[0] % 3.
+void _request(CAVStreamer* st, int* peers, const uint8_t* piece, size_t len) {
+    const int index = piece[0] % kReceivers;
+    AV_RCV_SESS& s = Probe::Sess(st, index);
+    if (s.hTcpClientSock < 0) return;  // this receiver has left
+    const size_t textLen = len - 1 < kMaxRequest ? len - 1 : kMaxRequest;
+    if (piece[0] & 0x04) s.ServerState = AV_STREAMER_STATE_CLOCK;
+    if (textLen > 0 && send(peers[index], piece + 1, textLen, MSG_NOSIGNAL) != (ssize_t)textLen)
+        return;
+    if (piece[0] & 0x08) shutdown(peers[index], SHUT_WR);
+    char sender[AV_IP_LEN];
+    memcpy(sender, s.pReceiverIP, sizeof sender);
+    g_sender = sender;
+    _serve(st, index);
+    _check_sessions(st);
+    Probe::Flush(st, index);
+    _check_replies(peers[index]);
+}
+
+struct Snapshot {
+    char ip[AV_IP_LEN];
+    bool active;
+    int state;
+    int sock;
+    uint32_t reqTs;
+};
+
+void _snap(CAVStreamer* st, Snapshot* out) {
+    for (int i = 0; i < kSessions; i++) {
+        const AV_RCV_SESS& s = Probe::Sess(st, i);
+        memcpy(out[i].ip, s.pReceiverIP, AV_IP_LEN);
+        out[i].active = s.bActive;
+        out[i].state = s.ServerState;
+        out[i].sock = s.hTcpClientSock;
+        out[i].reqTs = s.ReqTs;
+    }
+}
+
+// One copy of a datagram through the streamer's multicast socket.
+void _datagram(CAVStreamer* st, const int* group, const uint8_t* data, size_t len) {
+    Snapshot before[kSessions], after[kSessions];
+    _snap(st, before);
+    g_sender = nullptr;
+    g_found.count = 0;
+    if (send(group[1], data, len, 0) != (ssize_t)len) return;
+    fuzz_require(Probe::ReadMulticast(st, group[0]) == (len > 0 ? 1 : 0));
+
+    const std::string asRead(
+        std::string((const char*)data, len < kReadMax ? len : kReadMax).c_str());
+    const bool join = asRead.find("JOIN") != std::string::npos;
+    fuzz_require(g_found.count == (join ? 1 : 0));
+    if (join) fuzz_require(g_found.text == asRead);
+    const bool ts = join && asRead.find("REQ_TS:") != std::string::npos;
+    _snap(st, after);
+    for (int i = 0; i < kSessions; i++) {
+        fuzz_require(memcmp(after[i].ip, before[i].ip, AV_IP_LEN) == 0);
+        fuzz_require(after[i].active == before[i].active && after[i].state == before[i].state &&
+                     after[i].sock == before[i].sock);
+        fuzz_require(after[i].reqTs == before[i].reqTs ||
+                     (ts && strcmp(after[i].ip, g_found.addr) == 0));
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -141,6 +233,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    int group[2];
+    if (socketpair(AF_UNIX, SOCK_DGRAM, 0, group) != 0) return 0;
     CAVStreamer st(_notify, nullptr, 1);
     int peers[kReceivers];
     _setup(&st, peers);
@@ -151,26 +245,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t* piece = data + pos;
         pos += len + 1;
         if (len == 0) continue;
-        const int index = piece[0] % kReceivers;
-        AV_RCV_SESS& s = Probe::Sess(&st, index);
-        if (s.hTcpClientSock < 0) continue;  // this receiver has left
-        const size_t textLen = len - 1 < kMaxRequest ? len - 1 : kMaxRequest;
-        if (piece[0] & 0x04) s.ServerState = AV_STREAMER_STATE_CLOCK;
-        if (textLen > 0 && send(peers[index], piece + 1, textLen, MSG_NOSIGNAL) != (ssize_t)textLen)
-            continue;
-        if (piece[0] & 0x08) shutdown(peers[index], SHUT_WR);
-        char sender[AV_IP_LEN];
-        memcpy(sender, s.pReceiverIP, sizeof sender);
-        g_sender = sender;
-        _serve(&st, index);
-        _check_sessions(&st);
-        Probe::Flush(&st, index);
-        _check_replies(peers[index]);
+        if (piece[0] & 0x10) {
+            const size_t dgLen = len - 1 < kMaxDatagram ? len - 1 : kMaxDatagram;
+            _datagram(&st, group, piece + 1, dgLen);
+            _datagram(&st, group, piece + 1, dgLen);
+        } else {
+            _request(&st, peers, piece, len);
+        }
     }
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = Probe::Sess(&st, i);
         if (s.hTcpClientSock >= 0) close(s.hTcpClientSock);
     }
     for (int peer : peers) close(peer);
+    close(group[0]);
+    close(group[1]);
     return 0;
 }

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -251,6 +252,19 @@ protected:
         auto v = f();
         PAL_MutexUnLock(Sess(i)._lpmutex);
         return v;
+    }
+
+    // Scripted receivers connected one after the other, each waited for,
+    // so that receivers sharing an address take their entries in order.
+    std::vector<std::unique_ptr<ScriptedReceiver>> ConnectAll(const std::vector<const char*>& ips) {
+        std::vector<std::unique_ptr<ScriptedReceiver>> rx;
+        for (const char* ip : ips) {
+            const int before = Probe::SessionCount(st);
+            rx.emplace_back(new ScriptedReceiver(ip));
+            EXPECT_TRUE(rx.back()->Connect(kTcpPort));
+            EXPECT_TRUE(WaitUntil([&] { return Probe::SessionCount(st) == before + 1; }));
+        }
+        return rx;
     }
 
     // Gives session i enough PCM to start streaming (the line-up wants

@@ -18,6 +18,7 @@ struct CAVStreamerProbe {
     static AV_MUSIC_INFO& Music(CAVStreamer* s) { return s->m_AVMusicInfo; }
     static AV_CONTENT_INFO& Content(CAVStreamer* s) { return s->m_ContentInfo; }
     static MP3Parser* Parser(CAVStreamer* s) { return s->m_pMP3Parser; }
+    static uint32_t WaveStart(CAVStreamer* s) { return s->waveDataStartPos; }
     static int SessionCount(CAVStreamer* s) { return s->m_AVRcvSessInfo.nAVRcvSessCnt; }
     static int ReceiverCount(CAVStreamer* s) { return s->_receiver_count(); }
     static int MaxIdx(CAVStreamer* s) { return s->m_max_idx; }

@@ -195,23 +195,6 @@ jboolean JNICALL rxWaitPackets(JNIEnv*, jclass, jlong h, jint n, jint timeoutMs)
     return rxFromHandle(h)->WaitForPackets(n, timeoutMs) ? JNI_TRUE : JNI_FALSE;
 }
 
-// What a receiver saw, as numbers: {packets, handshake state, last VOLUME,
-// sequence gaps, lost packets, bad lengths, protocol errors}.
-jintArray JNICALL rxReport(JNIEnv* env, jclass, jlong h) {
-    ReceiverReport r = rxFromHandle(h)->Report();
-    jint v[] = {static_cast<jint>(r.packets),
-                r.handshake,
-                r.volume,
-                static_cast<jint>(r.seqGaps),
-                static_cast<jint>(r.lostPackets),
-                static_cast<jint>(r.badLength),
-                static_cast<jint>(r.protocolErrors)};
-    jsize n = static_cast<jsize>(sizeof(v) / sizeof(v[0]));
-    jintArray out = env->NewIntArray(n);
-    if (out != nullptr) env->SetIntArrayRegion(out, 0, n, v);
-    return out;
-}
-
 // The role named by the START command ("Front_Left", ...).
 jstring JNICALL rxStartRole(JNIEnv* env, jclass, jlong h) {
     return jniNewStringUTF(env, rxFromHandle(h)->Report().startRole);
@@ -248,7 +231,6 @@ const JNINativeMethod kMethods[] = {
     PROBE_METHOD(rxSendExit, "(J)I"),
     PROBE_METHOD(rxSendJoin, "(J)I"),
     PROBE_METHOD(rxWaitPackets, "(JII)Z"),
-    PROBE_METHOD(rxReport, "(J)[I"),
     PROBE_METHOD(rxStartRole, "(J)Ljava/lang/String;"),
     PROBE_METHOD(rxSendVolumeChanged, "(JI)I"),
     PROBE_METHOD(nativeHeapBytes, "()J"),

@@ -1,11 +1,12 @@
 package com.sonvara.multiroom.test;
 
 import com.sonvara.multiroom.SonvaraNativeMgr;
+import java.lang.reflect.Proxy;
 import java.util.ArrayList;
 import java.util.List;
 
 /** Records every engine event as one text line, with the thread it arrived on. */
-class EventLog implements SonvaraNativeMgr.Listener {
+class EventLog {
     static final class Event {
         final String text;
         final Thread thread;
@@ -55,60 +56,16 @@ class EventLog implements SonvaraNativeMgr.Listener {
         }
     }
 
-    @Override
-    public void onDeviceInfo(String ip, String mac, int idx, int tot) {
-        add("DeviceInfo", ip, mac, idx, tot);
-    }
-
-    @Override
-    public void onJoinDeviceInfo(int groupId, String ip, String mac, String guid, String name) {
-        add("JoinDeviceInfo", groupId, ip, mac, guid, name);
-    }
-
-    @Override
-    public void onResetDeviceInfo(int groupId, String ip) {
-        add("ResetDeviceInfo", groupId, ip);
-    }
-
-    @Override
-    public void onDieDeviceInfo(String ip) {
-        add("DieDeviceInfo", ip);
-    }
-
-    @Override
-    public void onLeaveDeviceInfo(int groupId, String ip) {
-        add("LeaveDeviceInfo", groupId, ip);
-    }
-
-    @Override
-    public void onDeviceInfoByGroupId(int groupId, String ip, String mac, int idx, int tot,
-            int type, int isService) {
-        add("DeviceInfoByGroupId", groupId, ip, mac, idx, tot, type, isService);
-    }
-
-    @Override
-    public void onContentsInfo(int numChannel, int sampleRate) {
-        add("ContentsInfo", numChannel, sampleRate);
-    }
-
-    @Override
-    public void onServiceStop(int groupId, int nextPlay) {
-        add("ServiceStop", groupId, nextPlay);
-    }
-
-    @Override
-    public void onDeviceSearchComplete(int isSuccess) {
-        add("DeviceSearchComplete", isSuccess);
-    }
-
-    @Override
-    public void onPlayProgress(int groupId, int progressSec) {
-        add("PlayProgress", groupId, progressSec);
-    }
-
-    @Override
-    public void onReceiverVolumeChanged(int groupId, String ip, String mac, String guid,
-            String name, int volume) {
-        add("ReceiverVolumeChanged", groupId, ip, mac, guid, name, volume);
+    /** A listener that records each event as its name without "on", then its arguments. */
+    SonvaraNativeMgr.Listener listener() {
+        return (SonvaraNativeMgr.Listener) Proxy.newProxyInstance(EventLog.class.getClassLoader(),
+                new Class<?>[] {SonvaraNativeMgr.Listener.class}, (proxy, method, args) -> {
+                    if (method.getDeclaringClass() == Object.class) return method.invoke(this, args);
+                    Object[] parts = new Object[args.length + 1];
+                    parts[0] = method.getName().substring(2);
+                    System.arraycopy(args, 0, parts, 1, args.length);
+                    add(parts);
+                    return null;
+                });
     }
 }

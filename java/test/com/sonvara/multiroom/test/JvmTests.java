@@ -11,8 +11,7 @@ public final class JvmTests {
 
     public static void main(String[] args) throws Exception {
         if (args.length < 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|guid|onload|playback|stress"
-                    + "|reentry|soak");
+            System.out.println("usage: JvmTests notifier|lifecycle|onload|playback|stress|soak");
             System.exit(2);
         }
         switch (args[0]) {
@@ -20,10 +19,7 @@ public final class JvmTests {
                 NotifierTests.run();
                 break;
             case "lifecycle":
-                BridgeTests.runLifecycle();
-                break;
-            case "guid":
-                BridgeTests.runGuid();
+                BridgeTests.run();
                 break;
             case "onload":
                 OnLoadTests.run();
@@ -33,9 +29,6 @@ public final class JvmTests {
                 break;
             case "stress":
                 StressTests.run();
-                break;
-            case "reentry":
-                ReentryTests.runReentry();
                 break;
             case "soak":
                 ReentryTests.runSoak();

@@ -31,6 +31,12 @@ final class NotifierTests {
             "PlayProgress|7|42",
             "ReceiverVolumeChanged|7|" + IP + "|" + MAC + "|guid-0002|bad?name|9");
 
+    static List<String> only(String... prefixes) {
+        List<String> out = new ArrayList<>(ALL);
+        out.removeAll(allExcept(prefixes));
+        return out;
+    }
+
     static List<String> allExcept(String... prefixes) {
         List<String> out = new ArrayList<>();
         for (String e : ALL) {
@@ -56,7 +62,7 @@ final class NotifierTests {
     static void appClassOnEveryKindOfThread() throws Exception {
         SonvaraNativeMgr mgr = new SonvaraNativeMgr();
         EventLog log = new EventLog();
-        mgr.setListener(log);
+        mgr.setListener(log.listener());
         long n = NotifyProbe.create(mgr);
         Check.ok("create notifier", n != 0);
 
@@ -106,27 +112,35 @@ final class NotifierTests {
     // A missing method silences its own event; a missing NotifyContentsInfo
     // also silences the service stop, which is tied to it.
     static void missingCallbacks() {
-        PartialTargets.WithoutPlayProgress noProgress = new PartialTargets.WithoutPlayProgress();
-        PartialTargets.WithoutContentsInfo noContents = new PartialTargets.WithoutContentsInfo();
         for (boolean nativeThread : new boolean[] {false, true}) {
-            noProgress.log.clear();
-            noContents.log.clear();
-            long a = NotifyProbe.create(noProgress);
-            long b = NotifyProbe.create(noContents);
+            PartialTargets.WithoutContentsInfo noContents = new PartialTargets.WithoutContentsInfo();
+            PartialTargets.WithoutServiceStop noStop = new PartialTargets.WithoutServiceStop();
+            long a = NotifyProbe.create(noContents);
+            long b = NotifyProbe.create(noStop);
             NotifyProbe.fire(a, nativeThread);
             NotifyProbe.fire(b, nativeThread);
             NotifyProbe.destroy(a);
             NotifyProbe.destroy(b);
-            Check.eq("no NotifyPlayProgress (native " + nativeThread + ")",
-                    allExcept("PlayProgress"), noProgress.log.texts());
             Check.eq("no NotifyContentsInfo (native " + nativeThread + ")",
-                    allExcept("ContentsInfo", "ServiceStop"), noContents.log.texts());
+                    only("DieDeviceInfo", "PlayProgress"), noContents.log.texts());
+            Check.eq("no NotifyServiceStop (native " + nativeThread + ")",
+                    only("LeaveDeviceInfo", "ContentsInfo"), noStop.log.texts());
         }
     }
 
     // An exception thrown by the application is cleared; later events still come.
     static void throwingListener() {
-        PartialTargets.Throwing target = new PartialTargets.Throwing();
+        SonvaraNativeMgr target = new SonvaraNativeMgr();
+        EventLog log = new EventLog() {
+            @Override
+            synchronized void add(Object... parts) {
+                if (parts[0].equals("DeviceInfo")) {
+                    throw new IllegalStateException("listener failure (expected by the test)");
+                }
+                super.add(parts);
+            }
+        };
+        target.setListener(log.listener());
         long n = NotifyProbe.create(target);
         NotifyProbe.captureLog(true);
         NotifyProbe.takeLog();
@@ -137,7 +151,7 @@ final class NotifierTests {
         NotifyProbe.destroy(n);
         List<String> twice = new ArrayList<>(allExcept("DeviceInfo"));
         twice.addAll(allExcept("DeviceInfo"));
-        Check.eq("events after a throwing listener", twice, target.log.texts());
+        Check.eq("events after a throwing listener", twice, log.texts());
         long cleared = Arrays.stream(lines).filter(l -> l.contains("callback threw")).count();
         Check.eq("thrown exceptions reported", 2L, cleared);
     }
@@ -146,7 +160,7 @@ final class NotifierTests {
     static void vmMissing() {
         SonvaraNativeMgr mgr = new SonvaraNativeMgr();
         EventLog log = new EventLog();
-        mgr.setListener(log);
+        mgr.setListener(log.listener());
         long n = NotifyProbe.create(mgr);
         NotifyProbe.captureLog(true);
         NotifyProbe.takeLog();

@@ -46,17 +46,6 @@ final class NotifyProbe {
 
     static native boolean rxWaitPackets(long receiver, int n, int timeoutMs);
 
-    static final int RX_PACKETS = 0;
-    static final int RX_HANDSHAKE = 1;
-    static final int RX_VOLUME = 2;
-    static final int RX_SEQ_GAPS = 3;
-    static final int RX_LOST = 4;
-    static final int RX_BAD_LENGTH = 5;
-    static final int RX_PROTOCOL_ERRORS = 6;
-
-    /** What the receiver saw, indexed by the RX_ constants. */
-    static native int[] rxReport(long receiver);
-
     /** The role the sender gave this receiver ("Front_Left", ...). */
     static native String rxStartRole(long receiver);
 

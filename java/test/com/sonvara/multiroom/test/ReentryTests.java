@@ -4,20 +4,19 @@ import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.io.File;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
-import java.util.List;
 import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * The engine against an application that calls back into it: a listener that
  * calls native methods from inside every event while another Java thread
- * plays, pauses, seeks and stops, or reports Wi-Fi lost (no deadlock), and a soak of many plays in
+ * plays, pauses, seeks and stops, or reports Wi-Fi lost (no deadlock; run
+ * in the playback group's scene), and a soak of many plays in
  * one process (descriptors, threads and native heap back where they were).
  */
 final class ReentryTests {
     private ReentryTests() {}
 
-    static final long WAIT_MS = 30_000;
+    static final long WAIT_MS = Scene.WAIT_MS;
 
     /**
      * Calls into the engine from inside every event it receives, after a
@@ -55,119 +54,65 @@ final class ReentryTests {
         }
     }
 
-    /**
-     * Engine and a group of three speakers, ready to play a file. The
-     * speakers are emulators in this JVM, or (for a clean measure of this
-     * process) sonvara-receiver processes of their own.
-     */
-    static final class Stage implements AutoCloseable {
-        final SonvaraNativeMgr m = new SonvaraNativeMgr();
-        final List<SessionTests.Speaker> speakers = SessionTests.threeSpeakers();
-        final List<Process> processes = new ArrayList<>();
-        final String file;
-        final int group;
-
-        Stage(EventLog log, int seconds, boolean asProcesses) throws Exception {
-            if (asProcesses) {
-                String cmd = System.getenv("SONVARA_RECEIVER");
-                Check.ok("SONVARA_RECEIVER names the receiver command", cmd != null);
-                for (int i = 0; i < speakers.size(); i++) {
-                    processes.add(new ProcessBuilder(cmd, "--address", "127.0.0." + (2 + i),
-                            "--quiet").redirectOutput(ProcessBuilder.Redirect.DISCARD)
-                            .redirectError(ProcessBuilder.Redirect.DISCARD).start());
-                }
-            } else {
-                SessionTests.start(speakers);
-            }
-            m.setListener(log);
-            Check.eq("initialize", 0, m.initialize("guid-reentry"));
-            Check.eq("ConnectedWiFi", 0, m.ConnectedWiFi());
-            group = m.CreateGroup("Reentry");
-            long end = System.currentTimeMillis() + WAIT_MS;
-            do {
-                Check.eq("SearchDevice", 0, m.SearchDevice());
-            } while (m.GetDeviceCount() < speakers.size() && System.currentTimeMillis() < end);
-            for (int i = 0; i < m.GetDeviceCount(); i++) {
-                int h = m.GetDeviceHandle(i);
-                int k = Integer.parseInt(m.GetDeviceIp(h).substring("127.0.0.".length())) - 2;
-                Check.eq("AddDevice", 0,
-                        m.AddDevice(group, m.GetDeviceIp(h), m.GetDeviceMac(h), speakers.get(k).role, true));
-            }
-            Check.eq("group of three", 3, m.GetDeviceCountInGroup(group));
-            Path dir = Files.createTempDirectory("sonvara-reentry");
-            file = PlaybackTests.makeWav(dir, seconds).toString();
-        }
-
-        int open() {
-            return m.Open(group, file, "Ton", "audio/x-wav", 2, 44100, 7, 0, false);
-        }
-
-        @Override
-        public void close() {
-            m.Finalize();
-            SessionTests.stop(speakers);
-            for (Process p : processes) p.destroyForcibly();
-        }
-    }
-
     static int rounds(String variable, int fallback) {
         String v = System.getenv(variable);
         return v == null ? fallback : Integer.parseInt(v);
     }
 
-    static void runReentry() throws Exception {
-        SonvaraNativeMgr.loadLibrary();
-        Reentrant log = new Reentrant();
-        try (Stage st = new Stage(log, 30, false)) {
-            log.group = st.group;
-            log.mgr = st.m;
-            int rounds = rounds("SONVARA_REENTRY_ROUNDS", 40);
-            AtomicInteger done = new AtomicInteger();
-            Thread player = new Thread(() -> {
-                try {
-                    for (int r = 0; r < rounds; r++) {
-                        log.clear();
-                        Check.eq("Open in round " + r, 0, st.open());
-                        // Each step as soon as the stream reports: the
-                        // listener is then calling in while it runs.
-                        log.await("PlayProgress", WAIT_MS);
-                        st.m.seekTo(st.group, 1 + r % 20);
-                        st.m.Pause(st.group);
-                        st.m.seekTo(st.group, 2 + r % 20);
-                        st.m.Resume(st.group);
-                        log.clear();
-                        log.await("PlayProgress", WAIT_MS);
-                        if (r % 4 == 3) {
-                            // Wi-Fi lost mid-play: the group stops while its
-                            // receivers' leave events call in.
-                            Check.eq("DisconnectedWiFi in round " + r, 0, st.m.DisconnectedWiFi());
-                            Check.eq("stopped by the loss", 265, st.m.Stop(st.group, false));
-                            Check.eq("ConnectedWiFi in round " + r, 0, st.m.ConnectedWiFi());
-                        } else {
-                            Check.eq("Stop in round " + r, 0, st.m.Stop(st.group, false));
-                        }
-                        done.incrementAndGet();
+    /**
+     * Plays the scene's group again and again from a second thread, which
+     * seeks, pauses, resumes and stops (or reports Wi-Fi lost) as soon as the
+     * stream reports, while the listener calls in from inside every event.
+     */
+    static void rounds(Scene sc, Reentrant log) throws Exception {
+        String file = sc.wav(30);
+        log.group = sc.group;
+        log.mgr = sc.m;
+        int rounds = rounds("SONVARA_REENTRY_ROUNDS", 40);
+        AtomicInteger done = new AtomicInteger();
+        Thread player = new Thread(() -> {
+            try {
+                for (int r = 0; r < rounds; r++) {
+                    log.clear();
+                    Check.eq("Open in round " + r, 0, sc.open(file));
+                    log.await("PlayProgress", WAIT_MS);
+                    sc.m.seekTo(sc.group, 1 + r % 20);
+                    sc.m.Pause(sc.group);
+                    sc.m.seekTo(sc.group, 2 + r % 20);
+                    sc.m.Resume(sc.group);
+                    log.clear();
+                    log.await("PlayProgress", WAIT_MS);
+                    if (r % 4 == 3) {
+                        // Wi-Fi lost mid-play: the group stops while its
+                        // receivers' leave events call in.
+                        Check.eq("DisconnectedWiFi in round " + r, 0, sc.m.DisconnectedWiFi());
+                        Check.eq("stopped by the loss", 265, sc.m.Stop(sc.group, false));
+                        Check.eq("ConnectedWiFi in round " + r, 0, sc.m.ConnectedWiFi());
+                    } else {
+                        Check.eq("Stop in round " + r, 0, sc.m.Stop(sc.group, false));
                     }
-                } catch (InterruptedException e) {
-                    Thread.currentThread().interrupt();
+                    done.incrementAndGet();
                 }
-            }, "player");
-            long start = System.currentTimeMillis();
-            player.start();
-            // Stuck: no round ended for WAIT_MS (a round takes about a second).
-            for (int seen = -1; player.isAlive(); ) {
-                seen = done.get();
-                player.join(WAIT_MS);
-                if (player.isAlive() && done.get() == seen) {
-                    StressTests.dumpAndHalt("reentry: no round ended in " + WAIT_MS / 1000 + " s");
-                }
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
             }
-            System.out.println("reentry: " + rounds + " rounds in "
-                    + (System.currentTimeMillis() - start) / 1000 + " s, " + log.calls.get()
-                    + " events called back");
-            Check.ok("events called back", log.calls.get() > 0);
-            log.mgr = null;
+        }, "player");
+        long start = System.currentTimeMillis();
+        player.start();
+        // Stuck: no round ended for WAIT_MS (a round takes about a second).
+        for (int seen = -1; player.isAlive(); ) {
+            seen = done.get();
+            player.join(WAIT_MS);
+            if (player.isAlive() && done.get() == seen) {
+                StressTests.dumpAndHalt("reentry: no round ended in " + WAIT_MS / 1000 + " s");
+            }
         }
+        System.out.println("reentry: " + rounds + " rounds in "
+                + (System.currentTimeMillis() - start) / 1000 + " s, " + log.calls.get()
+                + " events called back");
+        Check.ok("events called back", log.calls.get() > 0);
+        log.mgr = null;
+        log.clear();
     }
 
     static int entries(String dir) {
@@ -190,11 +135,6 @@ final class ReentryTests {
         return n;
     }
 
-    static long rssBytes() throws Exception {
-        String[] statm = Files.readString(Path.of("/proc/self/statm")).trim().split(" ");
-        return Long.parseLong(statm[1]) * 4096;
-    }
-
     static void runSoak() throws Exception {
         SonvaraNativeMgr.loadLibrary();
         int cycles = rounds("SONVARA_SOAK_CYCLES", 16);
@@ -203,8 +143,9 @@ final class ReentryTests {
         EventLog log = new EventLog();
         // SONVARA_SOAK_IN_JVM=1 hosts the receivers in this JVM instead: what
         // they keep of the audio then counts in this process's numbers.
-        try (Stage st = new Stage(log, 10, System.getenv("SONVARA_SOAK_IN_JVM") == null)) {
-            long heap0 = 0, rss0 = 0;
+        try (Scene st = new Scene(log, System.getenv("SONVARA_SOAK_IN_JVM") == null)) {
+            String file = st.wav(10);
+            long heap0 = 0;
             int fds0 = 0, threads0 = 0;
             long heapMax = 0;
             for (int c = 0; c < cycles; c++) {
@@ -212,9 +153,8 @@ final class ReentryTests {
                     fds0 = entries("/proc/self/fd");
                     threads0 = threads();
                     heap0 = NotifyProbe.nativeHeapBytes();
-                    rss0 = rssBytes();
                 }
-                Check.eq("Open in cycle " + c, 0, st.open());
+                Check.eq("Open in cycle " + c, 0, st.open(file));
                 Thread.sleep(playMs);
                 Check.eq("Stop in cycle " + c, 0, st.m.Stop(st.group, false));
                 log.clear();
@@ -223,7 +163,7 @@ final class ReentryTests {
             long heap1 = NotifyProbe.nativeHeapBytes();
             System.out.println("soak: " + cycles + " cycles of " + playMs + " ms; after warm-up ("
                     + warmup + ") native heap " + heap0 + " -> " + heap1 + " bytes (peak "
-                    + heapMax + "), RSS " + rss0 + " -> " + rssBytes() + ", Java heap used "
+                    + heapMax + "), Java heap used "
                     + (Runtime.getRuntime().totalMemory() - Runtime.getRuntime().freeMemory()));
             Check.eq("descriptors back", fds0, entries("/proc/self/fd"));
             Check.eq("threads back", threads0, threads());

@@ -1,18 +1,20 @@
 package com.sonvara.multiroom.test;
 
 import com.sonvara.multiroom.SonvaraNativeMgr;
+import java.lang.reflect.Method;
 import java.nio.file.Files;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 import java.util.Random;
+import java.util.Set;
 import java.util.concurrent.atomic.AtomicInteger;
-import java.util.function.IntConsumer;
 
 /**
- * Many Java threads calling at once, with real and made-up ids: the library
- * must neither crash, deadlock nor misuse JNI. Content is not checked here;
- * answers are checked only where any answer but one is a fault.
+ * Many Java threads calling every native method at once, with real and
+ * made-up ids and texts: the library must neither crash, deadlock nor misuse
+ * JNI. Answers are checked only where any answer but one is a fault.
  */
 final class StressTests {
     private StressTests() {}
@@ -24,20 +26,20 @@ final class StressTests {
     static void run() throws Exception {
         SonvaraNativeMgr.loadLibrary();
         SonvaraNativeMgr m = new SonvaraNativeMgr();
-        m.setListener(new EventLog());
+        m.setListener(new EventLog().listener());
         Check.eq("initialize", 0, m.initialize("guid-stress"));
         String dir = Files.createTempDirectory("sonvara-stress").toString();
         int[] groups = {m.CreateGroup("stress-a"), m.CreateGroup("stress-b")};
 
         AtomicInteger wrong = new AtomicInteger();
-        List<IntConsumer> mix = mixedCalls(m, groups, dir, wrong);
-        hammer("steady engine", mix);
+        List<Method> all = new ArrayList<>(BridgeTests.table());
+        all.removeIf(f -> SLOW.contains(f.getName()));
+        hammer("steady engine", all, m, groups, dir, wrong);
         Check.eq("steady engine: impossible answers", 0, wrong.get());
 
         // The same while another thread takes the engine down and up again;
         // the unlocked UpdateDeviceChannelType is left out of this phase.
-        List<IntConsumer> lockedOnly = new ArrayList<>(mix);
-        lockedOnly.remove(0);
+        all.removeIf(f -> f.getName().equals("UpdateDeviceChannelType"));
         Thread cycler = new Thread(() -> {
             for (int i = 0; i < 4; i++) {
                 m.Finalize();
@@ -45,54 +47,34 @@ final class StressTests {
             }
         }, "engine-cycler");
         cycler.start();
-        hammer("engine cycling", lockedOnly);
+        hammer("engine cycling", all, m, groups, dir, wrong);
         cycler.join(DEADLINE_MS);
         Check.ok("engine cycler finished", !cycler.isAlive());
         Check.eq("Finalize", 0, m.Finalize());
     }
 
-    /** Calls picked by an int; the first must stay UpdateDeviceChannelType. */
-    static List<IntConsumer> mixedCalls(SonvaraNativeMgr m, int[] groups, String dir,
-            AtomicInteger wrong) {
-        List<IntConsumer> c = new ArrayList<>();
-        c.add(r -> m.UpdateDeviceChannelType(pick(groups, r), "127.0.0." + (r & 7), mac(r), r & 7));
-        c.add(r -> m.GetDeviceIp(r));
-        c.add(r -> m.GetDeviceName(r));
-        c.add(r -> m.GetDeviceMac(r ^ 0x55));
-        c.add(r -> m.GetDeviceGuid(m.GetDeviceHandle(r & 3)));
-        c.add(r -> m.GetGroupName(pick(groups, r)));
-        c.add(r -> m.GetDeviceNameInGroup(pick(groups, r), r & 3));
-        c.add(r -> m.GetDeviceIpInGroup(pick(groups, r), r));
-        c.add(r -> m.GetDeviceCountInGroup(pick(groups, r)));
-        c.add(r -> m.IsDeviceServiceInGroup(pick(groups, r), r & 1));
-        c.add(r -> m.AddDevice(pick(groups, r), "127.0.0." + (2 + (r & 3)), mac(r), 7, true));
-        c.add(r -> m.DeleteDevice(pick(groups, r), "127.0.0.9", mac(r)));
-        c.add(r -> m.ReceiverVolumeControl(pick(groups, r), r & 15));
-        c.add(r -> m.ReceiverDeviceVolumeControl("127.0.0." + (r & 7), mac(r), r & 15));
-        c.add(r -> m.seekTo(r, r & 63));
-        c.add(r -> m.Pause(r));
-        c.add(r -> m.Resume(r));
-        c.add(r -> m.DeleteGroup(r | 0x40000000));
-        c.add(r -> {
-            if (m.Play() != 0) wrong.incrementAndGet();
-        });
-        c.add(r -> {
-            String[] list = m.GetServiceDeviceList();
-            if (list != null) {
-                for (String s : list) {
-                    if (s == null) wrong.incrementAndGet();
-                }
-            }
-        });
-        c.add(r -> m.GetGroupIDByName((r & 1) == 0 ? "stress-a" : null));
-        c.add(r -> m.ChangeGroupName(r, "renamed-" + r));
-        c.add(r -> m.SaveGroup(dir));
-        c.add(r -> m.GetDeviceCount());
-        c.add(r -> m.DebugPrintGroup());
-        c.add(r -> m.IsContentValid("/no/such/file-" + r + ".wav", "audio/wav"));
-        c.add(r -> m.Open(r, null, "t", "audio/wav", 2, 44100, 5, 0, false));
-        c.add(r -> m.LoadGuid(dir + "/none"));
-        return c;
+    /** Searches and network changes take seconds each: not for a hammer. */
+    static final Set<String> SLOW = Set.of("SearchDevice", "SearchDeviceAsync", "ConnectedWiFi",
+            "DisconnectedWiFi", "LoadGroup");
+
+    /**
+     * Calls method f picked by r with arguments picked by r: the test's
+     * groups or made-up ids, texts null, addresses, MACs or the scratch
+     * directory. Play must answer 0 and a service list hold no null.
+     */
+    static void call(SonvaraNativeMgr m, Method f, int r, int[] groups, String dir,
+            AtomicInteger wrong) throws ReflectiveOperationException {
+        Class<?>[] p = f.getParameterTypes();
+        Object[] a = new Object[p.length];
+        for (int i = 0; i < p.length; i++) {
+            int k = (r >>> (8 + 3 * i)) & 7;
+            String[] texts = {null, "127.0.0." + k, mac(r), dir, "stress-a"};
+            a[i] = p[i] == String.class ? texts[k % texts.length]
+                    : p[i] == boolean.class ? k < 4 : i == 0 ? pick(groups, r) : r & 63;
+        }
+        Object got = f.invoke(m, a);
+        if (f.getName().equals("Play") && !got.equals(0)) wrong.incrementAndGet();
+        if (got instanceof String[] && Arrays.asList((String[]) got).contains(null)) wrong.incrementAndGet();
     }
 
     static int pick(int[] groups, int r) {
@@ -114,7 +96,8 @@ final class StressTests {
         Runtime.getRuntime().halt(1);
     }
 
-    static void hammer(String what, List<IntConsumer> calls) throws Exception {
+    static void hammer(String what, List<Method> calls, SonvaraNativeMgr m, int[] groups,
+            String dir, AtomicInteger wrong) throws Exception {
         AtomicInteger done = new AtomicInteger();
         List<Thread> threads = new ArrayList<>();
         List<Throwable> errors = new ArrayList<>();
@@ -125,7 +108,7 @@ final class StressTests {
                 try {
                     for (int i = 0; i < CALLS; i++) {
                         int r = rnd.nextInt();
-                        calls.get(Math.floorMod(r >>> 3, calls.size())).accept(r);
+                        call(m, calls.get(Math.floorMod(r, calls.size())), r, groups, dir, wrong);
                         done.incrementAndGet();
                     }
                 } catch (Throwable e) {
