@@ -46,7 +46,7 @@ PalWorker::~PalWorker() {
 
 PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, void* arg,
                                         int flags) {
-    if (m_thread != nullptr || body == nullptr) return kNoThread;
+    if (m_thread.load() != nullptr || body == nullptr) return kNoThread;
     m_name = name != nullptr ? name : "";
     m_body = body;
     m_arg = arg;
@@ -57,14 +57,15 @@ PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, 
         _close_pipe(m_exitFd);
         return kNoSemaphore;
     }
-    if (!PAL_ThreadCreate(&m_thread, _main, this, PAL_THREAD_PRIO_TIMESHARE)) {
+    PAL_THREAD thread = nullptr;
+    if (!PAL_ThreadCreate(&thread, _main, this, PAL_THREAD_PRIO_TIMESHARE)) {
         // No thread will ever signal it: the owner must not wait.
         PAL_SemDelete(m_doneSem);
         m_doneSem = nullptr;
-        m_thread = nullptr;
         _close_pipe(m_exitFd);
         return kNoThread;
     }
+    m_thread = thread;
     return kStarted;
 }
 
@@ -87,7 +88,8 @@ int PalWorker::_main(void* self) {
 }
 
 void PalWorker::Stop(unsigned int boundMs) {
-    if (m_thread == nullptr) return;
+    PAL_THREAD thread = m_thread.load();
+    if (thread == nullptr) return;
     RequestExit();
     if (PAL_SemTimedWait(m_doneSem, boundMs) != 0) {
         debug_UI("worker %s still running after %u ms: waiting for it to end", m_name, boundMs);
@@ -95,7 +97,7 @@ void PalWorker::Stop(unsigned int boundMs) {
     }
     PAL_SemDelete(m_doneSem);
     m_doneSem = nullptr;
-    PAL_ThreadExit(m_thread);
     m_thread = nullptr;
+    PAL_ThreadExit(thread);
     _close_pipe(m_exitFd);
 }

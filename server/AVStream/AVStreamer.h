@@ -55,11 +55,13 @@ class MP3Parser;
 #define AV_SEEK_WAIT_MS 3000
 // The music source sleeps at most this long (waiting for room in a
 // receiver's buffer, for the stream to start, for a resume) before it looks
-// at every buffer and flag again; whatever it waits for also wakes it.
-#define AV_MUSIC_WAIT_MS 200
-// It waits for room for this much beyond the chunk (about 0.19 s at 44.1 kHz
-// stereo), so that one wake moves several chunks.
-#define AV_MUSIC_ROOM_BATCH 32768
+// at every buffer and flag again; whatever it waits for also wakes it, so
+// the bound only sees to what nothing signals (a buffer nobody reads).
+#define AV_MUSIC_WAIT_MS 1000
+// It waits for room for this much beyond the chunk (about 0.74 s at 44.1 kHz
+// stereo, a third of a buffer: the buffer still holds 1.5 s when it wakes),
+// so that one wake moves many chunks: about 1.4 wakes a second.
+#define AV_MUSIC_ROOM_BATCH 131072
 
 // Streamer state, gated by canAction().
 typedef enum _STATE {
@@ -323,11 +325,12 @@ private:
     long m_MusicSrcFd;
     AV_MP3_INST m_Mp3Inst;
     AV_CONTENT_INFO m_ContentInfo;  // kept right behind m_Mp3Inst
-    PAL_SEM* m_pMusicSrcSem;
-    PAL_THREAD m_hMusicSrcThrId;
-    PalWorker m_serverWorker;  // the control-server thread
-    PAL_SEM* m_pRtpSvrSem;
-    std::atomic<PAL_THREAD> m_hRtpSvrThrId;  // non-null while the stream thread exists
+    // The three threads, each with its exit semaphore: started by init
+    // (music source), open (control server) and the control server (stream
+    // thread, once receivers play); stopped in that order by the close.
+    PalWorker m_musicWorker;
+    PalWorker m_serverWorker;
+    PalWorker m_rtpWorker;  // Started() while the stream thread exists
     uint32_t m_unSyncSeqNum;
     AV_STREAMER_SOCK m_TcpSvr;
     AV_STREAMER_SOCK m_MulticastSvr;
@@ -410,6 +413,9 @@ private:
     PAL_SEM* m_pMusicWakeSem;
 
     // Content and stream set-up (AVStreamerOpen.cpp).
+    // Starts one of the three threads on this streamer: 0, or
+    // AV_ERR_SEMAPHORE / AV_ERR_THREAD_START with nothing started.
+    int _start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body);
     bool _is_mime(const char* mime);
     void _close_content();
     // Destroys the MP3 reader's decoder and parser, if any.
@@ -419,6 +425,7 @@ private:
 
     // Music source steps (AVStreamerMusicSrc.cpp).
     void _music_seek();
+    bool _seek_pending();
     void _seek_done();  // the music source has carried a seek out: wake AVStreamerSeek
     long _read_chunk(char* origin);
     bool _wait_for_room(long n);
@@ -447,6 +454,7 @@ private:
 
     // Control server steps (ServerListenThread).
     void _accept_receiver(bool* rtpStarted);
+    bool _take_connection_l(int index, int conn, const char* ip);
     unsigned int _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
     void _drop_session(int index, const char* why);
