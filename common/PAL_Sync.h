@@ -44,15 +44,9 @@ public:
         if (m_held) PAL_MutexUnLock(m_mutex);
         m_held = false;
     }
-    // Releases the lock before the scope ends, for a function that must not
-    // hold it for its rest or for a wait (a call into another layer, an
-    // event); the destructor then does nothing. Only this guard's take is
-    // released: a recursive holder from an outer frame keeps the mutex.
-    void Unlock() {
-        if (m_held) PAL_MutexUnLock(m_mutex);
-        m_held = false;
-    }
     // Takes it back after Unlock (a wait done without it); nothing if held.
+    // Only this guard's take is released and taken back: a recursive holder
+    // from an outer frame keeps the mutex throughout.
     void Lock() {
         if (!m_held) m_held = PAL_MutexLock(m_mutex, 1) == 0;
     }
