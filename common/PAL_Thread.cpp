@@ -7,10 +7,18 @@
 // PAL_ThreadJoin can wait on a condition); the reference count is atomic.
 #include "PAL_Thread.h"
 
+#include <errno.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#if defined(__linux__) || defined(__ANDROID__)
+#include <sys/syscall.h>
+#endif
 
 #include <atomic>
 #include <new>
+
+#include "debug_UI.h"
 
 struct PAL_THREAD_T {
     pthread_t m_tid;
@@ -64,6 +72,24 @@ int PAL_ThreadCreate(PAL_THREAD* pThread, PAL_THREAD_FUNC body, void* arg, int p
     }
     *pThread = t;
     return 1;
+}
+
+int PAL_ThreadSetOwnPriority(int prio) {
+    int nice = prio == PAL_THREAD_PRIO_URGENT_AUDIO ? -19 : prio == PAL_THREAD_PRIO_AUDIO ? -16 : 0;
+    int err = ENOSYS;
+#if defined(__linux__) || defined(__ANDROID__)
+    // On these kernels a thread id names one thread to setpriority, and
+    // the niceness is that thread's alone.
+    id_t tid = (id_t)syscall(SYS_gettid);
+    if (setpriority(PRIO_PROCESS, tid, nice) == 0) return 1;
+    err = errno;
+#endif
+    static std::atomic<bool> s_logged(false);
+    if (!s_logged.exchange(true))
+        debug_UI(
+            "PAL_ThreadSetOwnPriority: nice %d refused (errno %d); threads keep their priority",
+            nice, err);
+    return 0;
 }
 
 int PAL_ThreadJoin(PAL_THREAD thread, int wait) {

@@ -90,6 +90,17 @@ struct RxSpec {
     int volume;
 };
 
+// A listed receiver as the manager hands it over.
+inline AV_RECEIVER MakeReceiver(const char* ip, AV_CHANNEL_TYPE type, int volume) {
+    AV_RECEIVER r;
+    memset(&r, 0, sizeof(r));
+    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", ip);
+    r.ChannelType = type;
+    r._volume = volume;
+    r.bActive = 1;
+    return r;
+}
+
 // Fills the streamer's receiver table and music description (44.1 kHz
 // 16-bit stereo) as init does, without a content file, and brings its
 // control server up on the test's ports, multicast on the group.
@@ -97,13 +108,8 @@ inline int StartServer(CAVStreamer* s, const std::vector<RxSpec>& rx, unsigned s
                        unsigned short rtpPort, unsigned int searchAgoMs = 0) {
     AV_RECEIVER_INFO ri;
     memset(&ri, 0, sizeof(ri));
-    for (size_t i = 0; i < rx.size(); i++) {
-        AV_RECEIVER& r = ri.AVReceiver[i];
-        snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", rx[i].ip);
-        r.ChannelType = rx[i].type;
-        r._volume = rx[i].volume;
-        r.bActive = 1;
-    }
+    for (size_t i = 0; i < rx.size(); i++)
+        ri.AVReceiver[i] = MakeReceiver(rx[i].ip, rx[i].type, rx[i].volume);
     ri.nAVReceiverCnt = (char)rx.size();
     AV_MUSIC_INFO mi;
     memset(&mi, 0, sizeof(mi));
@@ -165,6 +171,11 @@ public:
             if (n <= 0) return "";
             m_buf.append(tmp, (size_t)n);
         }
+    }
+    // Sends text and returns the next whole message.
+    std::string Ask(const std::string& text) {
+        Send(text);
+        return Next();
     }
     // True when the sender closed the connection within timeoutMs.
     bool ClosedByPeer(int timeoutMs = 3000) {
@@ -265,13 +276,6 @@ protected:
             EXPECT_TRUE(WaitUntil([&] { return Probe::SessionCount(st) == before + 1; }));
         }
         return rx;
-    }
-
-    // Gives session i enough PCM to start streaming (the line-up wants
-    // 14001 bytes queued).
-    void Feed(int i) {
-        static char pcm[16384];
-        ASSERT_TRUE(st->ReceiverMediaWrite((unsigned char)i, pcm, sizeof(pcm)));
     }
 
     CAVStreamer* st = nullptr;

@@ -76,17 +76,9 @@ void add_frames(std::vector<unsigned char>& v, unsigned long header, size_t size
 }
 
 void add_id3(std::vector<unsigned char>& v, unsigned body) {
-    const unsigned char head[10] = {'I',
-                                    'D',
-                                    '3',
-                                    4,
-                                    0,
-                                    0,
-                                    (unsigned char)(body >> 21 & 0x7F),
-                                    (unsigned char)(body >> 14 & 0x7F),
-                                    (unsigned char)(body >> 7 & 0x7F),
-                                    (unsigned char)(body & 0x7F)};
-    v.insert(v.end(), head, head + 10);
+    const unsigned char head[6] = {'I', 'D', '3', 4, 0, 0};
+    v.insert(v.end(), head, head + 6);
+    for (int shift = 21; shift >= 0; shift -= 7) v.push_back((unsigned char)(body >> shift & 0x7F));
     v.resize(v.size() + body, 0);
 }
 
@@ -390,9 +382,7 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     ASSERT_EQ(s.mp3_seek(fd, 1), 0);
     EXPECT_GE(file_pos(fd), (long long)frames[0].offset + 38 * 417);
     EXPECT_LT(file_pos(fd), (long long)frames[0].offset + 39 * 418);
-    bool onFrame = false;
-    for (const MpegFrameRef& r : frames) onFrame |= (long long)r.offset == file_pos(fd);
-    EXPECT_TRUE(onFrame) << file_pos(fd);
+    EXPECT_TRUE(is_frame_start(frames, (long)file_pos(fd))) << file_pos(fd);
     ASSERT_EQ(s.mp3_seek(fd, 0), 0);
     EXPECT_EQ(file_pos(fd), (long long)frames[0].offset);
     EXPECT_EQ(s.mp3_seek(fd, 100), 0) << "past the end";
@@ -493,17 +483,14 @@ TEST(AVStreamerReader, ContentInfoOfStreamerAndDiscoveryByExtensionAndMime) {
 }
 
 TEST(MP3Parser, FrameHeaderSizesRatesAndRejections) {
+    // Headers the fixtures do not have (theirs: the fixture walk).
     const struct {
         unsigned long header;
         unsigned long size;
         int rate, channels, bitrate;
     } ok[] = {
-        {kH128, 417, 44100, 2, 128},
         {kH128Pad | 0xC0, 418, 44100, 1, 128},                 // padded, mono
-        {0xFFF38000, 72000 * 64 / 22050, 22050, 2, 64},        // MPEG-2 Layer III
-        {0xFFE34000, 72000 * 32 / 11025, 11025, 2, 32},        // MPEG-2.5 Layer III
         {0xFFF58000, 72000 * 64 / 22050, 22050, 2, 64},        // MPEG-2 Layer II: 72000 too
-        {0xFFFD8000, 144000 * 128 / 44100, 44100, 2, 128},     // MPEG-1 Layer II
         {0xFFFF1000, (12000 * 32 / 44100) * 4, 44100, 2, 32},  // MPEG-1 Layer I
         {0xFFFFE600, (12000 * 448 / 48000 + 1) * 4, 48000, 2, 448},
         {0xFFF7E800, (12000 * 256 / 16000) * 4, 16000, 2, 256},  // MPEG-2 Layer I
@@ -556,17 +543,13 @@ TEST(MP3Parser, SeeksByTableOfContentsAndByBitrate) {
     p.setSeekTo(p.mDuration + 5000000);
     EXPECT_EQ(p.read(&buf), 64) << "past the end: the end of the stream bytes";
 
-    // CBR without a table goes by the first frame's bit rate: 16000 bytes a
-    // second at 128 kbit/s.
+    // CBR without a table goes by the first frame's bit rate (where 1 s
+    // lands: the reader's seek test); its ends.
     const std::vector<MpegFrameRef> cbrFrames =
         split_mpeg_frames(read_whole_file(fixture_path("sine_cbr128_id3.mp3")));
     OpenParser cbr(fixture_path("sine_cbr128_id3.mp3"));
     MP3Parser& c = *cbr.parser;
-    c.setSeekTo(1000000);
-    ASSERT_EQ(c.read(&buf), 0);
-    EXPECT_TRUE(is_frame_start(cbrFrames, frame_start(c, buf)));
-    EXPECT_GE(frame_start(c, buf), c.mFirstFramePos + 16000);
-    EXPECT_LT(frame_start(c, buf), c.mFirstFramePos + 16000 + 418);
+    read_all(c, 10);
     c.setSeekTo(0);
     ASSERT_EQ(c.read(&buf), 0);
     EXPECT_EQ(frame_start(c, buf), c.mFirstFramePos);

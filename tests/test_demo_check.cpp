@@ -15,13 +15,6 @@
 
 namespace {
 
-DemoPcm load(const char* fixture) {
-    DemoPcm pcm;
-    std::string err;
-    EXPECT_EQ(0, DemoLoadContent(fixture_path(fixture).c_str(), &pcm, &err)) << err;
-    return pcm;
-}
-
 std::vector<unsigned char> packets(const std::vector<unsigned char>& ref, size_t from,
                                    size_t count) {
     size_t end = from + count * DEMO_PACKET_BYTES;
@@ -125,25 +118,25 @@ TEST(DemoCheck, ReceivedWavFilesAreCheckedNotTrusted) {
     DemoPcm pcm;
     std::string err;
     // A writer that stopped before completing its header: data size too large.
-    std::vector<unsigned char> cut(file.begin(), file.begin() + 1044);
-    TempFile partial("partial.wav", cut);
+    TempFile partial("partial.wav", std::vector<unsigned char>(file.begin(), file.begin() + 1044));
     ASSERT_EQ(0, DemoLoadReceived(partial.path.c_str(), &pcm, &err)) << err;
     EXPECT_EQ(1000u, pcm.bytes.size());
     EXPECT_EQ(44100, pcm.rate);
-    // Garbage, a chunk size running past the end, no data chunk.
-    std::vector<unsigned char> bad = file;
-    memcpy(&bad[16], "\xff\xff\xff\x7f", 4);
-    TempFile lying("lying.wav", bad);
-    EXPECT_EQ(-1, DemoLoadReceived(lying.path.c_str(), &pcm, &err));
-    TempFile junk("junk.wav", std::vector<unsigned char>(100, 0x52));
-    EXPECT_EQ(-1, DemoLoadReceived(junk.path.c_str(), &pcm, &err));
-    TempFile head("head.wav", std::vector<unsigned char>(file.begin(), file.begin() + 36));
-    EXPECT_EQ(-1, DemoLoadReceived(head.path.c_str(), &pcm, &err));
+    // A chunk size running past the end, garbage, no data chunk.
+    std::vector<unsigned char> lying = file;
+    memcpy(&lying[16], "\xff\xff\xff\x7f", 4);
+    for (const auto& bad : {lying, std::vector<unsigned char>(100, 0x52),
+                            std::vector<unsigned char>(file.begin(), file.begin() + 36)}) {
+        TempFile f("bad.wav", bad);
+        EXPECT_EQ(-1, DemoLoadReceived(f.path.c_str(), &pcm, &err)) << bad.size();
+    }
 }
 
 TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
     const std::string path = fixture_path("sine_cbr128_id3.mp3");
-    DemoPcm mp3 = load("sine_cbr128_id3.mp3");
+    DemoPcm mp3, after;
+    std::string err;
+    ASSERT_EQ(0, DemoLoadContent(path.c_str(), &mp3, &err)) << err;
     std::vector<unsigned char> ref, left;
     ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_RIGHT, &ref));
     ASSERT_EQ(0, DemoRoleFilter(mp3, AV_CHANNEL_FRONT_LEFT, &left));
@@ -185,8 +178,6 @@ TEST(DemoCheck, ComparisonTellsFaultsFromWrongAudio) {
 
     // A seek in an MP3: the restarted decoder's first frame is not in a
     // whole decode, but it is exactly what the sender sends after the seek.
-    DemoPcm after;
-    std::string err;
     EXPECT_EQ(-1,
               DemoLoadContentFrom(fixture_path("wav16_stereo_44k.wav").c_str(), 1, &after, &err));
     ASSERT_EQ(0, DemoLoadContentFrom(path.c_str(), 1, &after, &err)) << err;

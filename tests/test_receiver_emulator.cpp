@@ -1,7 +1,9 @@
-// The receiver emulator against a scripted sender on loopback. The engine's
-// tests and the demo trust the bytes it sends, what it captures, what it
-// reports and its misbehaviours, so each of those is checked here against
-// traffic written by hand.
+// The receiver emulator against a scripted sender on loopback. Every engine
+// end-to-end test has it as the peer, so what those reach (its JOIN, EXIT,
+// DEVICE answers and requests) is left to them; here are what they cannot
+// tell: that its misbehaviours happen, that its report counts the faults it
+// is shown, that its capture is byte-exact and that hostile bytes do not
+// stop it.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -34,17 +36,6 @@ std::string read_until(int fd, const char* end = "\r\n\r\n", int timeoutMs = 300
 
 void send_text(int fd, const std::string& text) {
     ASSERT_EQ((ssize_t)text.size(), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
-}
-
-// One datagram within 3 s, "" otherwise; its source address to *from.
-std::string next_datagram(int sock, std::string* from = nullptr) {
-    if (rx_wait_readable(sock, 3000) != 1) return "";
-    char buf[1500];
-    struct sockaddr_in sa;
-    socklen_t len = sizeof(sa);
-    ssize_t n = recvfrom(sock, buf, sizeof(buf), 0, (struct sockaddr*)&sa, &len);
-    if (from) *from = inet_ntoa(sa.sin_addr);
-    return n > 0 ? std::string(buf, (size_t)n) : "";
 }
 
 // Plays the sender: a control server on 127.0.0.1 and the SEARCH datagram.
@@ -135,50 +126,19 @@ void send_rtp(int sock, const struct sockaddr_in& to, unsigned int seq, unsigned
 
 }  // namespace
 
-TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndMisbehaviours) {
-    int group = rx_udp_group("224.1.2.4", 1234, "127.0.0.1");
-    ASSERT_GE(group, 0);
-    const std::string name =
-        "K\xc3\xbc"
-        "che \xe2\x99\xab";  // UTF-8
-    const std::string id = "MAC: 02:00:7f:00:00:03\r\nGUID: emulated-receiver-127-0-0-3\r\n";
-    ReceiverConfig c3 = config("127.0.0.3");
-    rx_copy_text(c3.name, sizeof(c3.name), name.c_str());
-    c3.master = 0;
-    c3.volume = 12;
-    ReceiverEmulator rx2(config("127.0.0.2")), rx3(c3);
+TEST(ReceiverEmulator, DiscoveryAndEveryMisbehaviourItIsAskedFor) {
+    ReceiverEmulator rx2(config("127.0.0.2")), rx3(config("127.0.0.3"));
     ASSERT_EQ(0, rx2.Start());
     ASSERT_EQ(0, rx3.Start());
-
-    // JOIN (a retry repeats the REQ_TS) and EXIT, byte for byte, from its own address.
-    EXPECT_EQ(555u, rx3.SendJoin(555, 2));
-    std::string from;
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(
-            "JOIN 127.0.0.3\r\n" + id + "NAME: " + name + "\r\nVOL: 12\r\nREQ_TS: 555\r\n\r\n",
-            next_datagram(group, &from));
-        EXPECT_EQ("127.0.0.3", from);
-    }
-    ASSERT_EQ(0, rx3.SendExit());
-    EXPECT_EQ("EXIT 127.0.0.3\r\n" + id + "\r\n", next_datagram(group));
-    close(group);
-
-    // One answer per receiver to a DEVICE request; malformed ones are reported.
+    // One answer per receiver and DEVICE request; malformed ones are counted.
     int answers = rx_udp_bind("127.0.0.1", 9090);
     ASSERT_GE(answers, 0);
     ScriptedSender tx;
     tx.SendTo("DEVICE 127.0.0.1:9090\r\nGUID: sender-guid\r\nREQ_TS: 42\r\n", "224.1.2.4");
-    std::string got[2];
-    for (int i = 0; i < 2; i++) {
-        std::string d = next_datagram(answers, &from);
-        got[from == "127.0.0.2" ? 0 : 1] = d;
-    }
-    EXPECT_EQ(0, rx_wait_readable(answers, 300)) << "one answer per receiver and request";
-    EXPECT_EQ(
-        "DEVICE\r\nMAC: 02:00:7f:00:00:02\r\nGUID: emulated-receiver-127-0-0-2\r\n"
-        "NAME: Speaker 2\r\nMASTER: 1\r\nVOL: 7\r\n",
-        got[0]);
-    EXPECT_EQ("DEVICE\r\n" + id + "NAME: " + name + "\r\nMASTER: 0\r\nVOL: 12\r\n", got[1]);
+    int got = 0;
+    for (char b[1500]; rx_wait_readable(answers, got < 2 ? 3000 : 300) == 1; got++)
+        recv(answers, b, sizeof(b), 0);
+    EXPECT_EQ(2, got) << "one answer per receiver and request";
     tx.SendTo("DEVICE no-port-here\r\n", "224.1.2.4");
     tx.SendTo(std::string("SEARCH\r\nGUID: x\r\nClient: \x7f\x00", 22), "224.1.2.4");
 
@@ -190,19 +150,9 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndMisbehaviours) {
     EXPECT_EQ("CHANNEL\r\nSyncPort: 5000\r\n\r\n", read_until(tx.conn));
     EXPECT_FALSE(tx.Accept(nullptr, 500)) << "an unlisted receiver connected";
 
-    // Requests on the connection; LEAVE carries the last JOIN's REQ_TS.
-    ASSERT_EQ(0, rx3.SendLeave());
-    ASSERT_EQ(0, rx3.SendTeardown());
-    ASSERT_EQ(0, rx3.SendVolumeChanged(4));
-    ASSERT_EQ(0, rx3.SendAlived());
-    EXPECT_EQ(
-        "LEAVE\r\nREQ_TS: 555\r\n\r\nTEARDOWN RTSP/1.0\r\n\r\nVOLUME_CHANGED "
-        "4\r\n\r\nALIVED\r\n\r\n",
-        read_until(tx.conn, "ALIVED\r\n\r\n"));
-
-    // The misbehaviours: stopped reading, commands wait in the socket until
-    // reading resumes; a dropped connection reads as end of stream; refusing,
-    // a SEARCH listing it brings no connection and a DEVICE request no answer.
+    // Stopped reading, commands wait in the socket until reading resumes; a
+    // dropped connection reads as end of stream; refusing, a SEARCH listing
+    // it brings no connection; not answering, a DEVICE request no answer.
     rx3.SetStopReading(true);
     PAL_ThreadSleep(100);
     send_text(tx.conn, "VOLUME: 3\r\n\r\n");
@@ -229,7 +179,7 @@ TEST(ReceiverEmulator, DiscoveryAnnouncementsRequestsAndMisbehaviours) {
     EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
 }
 
-TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
+TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvived) {
     TempDir dir;
     const std::string path = dir.path + "/received.wav";
     ReceiverConfig cfg = config("127.0.0.2");
@@ -239,11 +189,10 @@ TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
     ScriptedSender tx;
     tx.SendTo(tx.Search({"127.0.0.9", "127.0.0.2"}), "224.1.2.4");
     ASSERT_TRUE(tx.Accept(nullptr));
-    EXPECT_EQ("CHANNEL\r\nSyncPort: 5000\r\n\r\n", read_until(tx.conn));
+    read_until(tx.conn);
     // START and a setting command in one write: the receiver must split them.
     send_text(tx.conn, "START\r\nRef: 127.0.0.2:5000\r\nRole: Woofer\r\n\r\nVOLUME: 11\r\n\r\n");
-    const std::string sdp =
-        "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L16/44100/2\r\ni=Song \xc3\xa9t\xc3\xa9\r\n";
+    const std::string sdp = "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L16/44100/2\r\n";
     reply_to(tx.conn, "DESCRIBE ",
              "RTSP/1.0 200 OK\r\nCseq: %d\r\nContent-Type: application/sdp\r\nContent-Length: " +
                  std::to_string(sdp.size()) + "\r\n\r\n" + sdp + "DEVICETYPE: 4\r\n\r\n");
@@ -260,14 +209,6 @@ TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
     ASSERT_TRUE(rx.WaitForCommand("UITYPE", 3000));
     ReceiverReport r = rx.Report();
     EXPECT_EQ(0u, r.handshakeErrors) << (r.nErrors ? r.errors[0] : "");
-    EXPECT_EQ(44100, r.sdpRate);
-    EXPECT_EQ(16, r.sdpBits);
-    EXPECT_STREQ("Song \xc3\xa9t\xc3\xa9", r.sdpTitle);
-    EXPECT_STREQ("Woofer", r.startRole);
-    EXPECT_STREQ("127.0.0.2:5000", r.startRef);
-    EXPECT_EQ(9, r.volume);
-    EXPECT_EQ(4, r.deviceType);
-    EXPECT_EQ(3, r.uiType);
     std::vector<ReceiverCommand> cmds = rx.Commands();
     const char* order[] = {"START", "VOLUME", "DEVICETYPE", "VOLUME", "UITYPE"};
     ASSERT_EQ(5u, cmds.size());
@@ -314,6 +255,38 @@ TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
     send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
     EXPECT_EQ(0, rx_wait_readable(tx.conn, 300)) << "BYE answered although switched off";
 
+    // Hostile bytes: text that starts like the real thing and goes wrong, on
+    // every port and on the connection, then an endless message. The
+    // receiver still answers, and its report stays bounded.
+    unsigned int seed = 12345;
+    auto garbage = [&seed](int i, size_t maxLen) {
+        const char* heads[] = {"DEVICE ", "SEARCH\r\nGUID: ", "DEVICE 1.2.3.4:", "VOLUME: ", ""};
+        std::string s = heads[i % 5];
+        for (size_t k = (seed = seed * 1103515245u + 12345u) % maxLen; k > 0; k--)
+            s += (char)((seed = seed * 1103515245u + 12345u) >> 16);
+        return s;
+    };
+    for (int i = 0; i < 300; i++) {
+        std::string d = garbage(i, 1500);
+        tx.SendTo(d, i % 2 ? "224.1.2.4" : "127.0.0.2");
+        tx.SendTo(d, "127.0.0.2", rx.RtpPort());
+    }
+    std::string bad =
+        "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n"
+        "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort";
+    for (int i = 0; i < 200; i++) bad += garbage(i, 300) + "\r\n\r\n";
+    bad += std::string(20000, 'A') + "\r\n\r\nALIVE\r\n\r\n";
+    send(tx.conn, bad.data(), bad.size(), MSG_NOSIGNAL);
+    EXPECT_NE(std::string::npos, read_until(tx.conn, "ALIVED\r\n\r\n").find("ALIVED\r\n\r\n"));
+    r = rx.Report();
+    EXPECT_GT(r.protocolErrors, 100u);
+    EXPECT_GT(r.handshakeErrors, 0u);
+    EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
+    for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
+    std::string json = rx.ReportJson();
+    EXPECT_EQ('{', json.front());
+    EXPECT_EQ('}', json.back());
+
     close(tx.conn);  // the sender closing the connection is seen
     tx.conn = -1;
     EXPECT_TRUE(rx.WaitForDisconnect(3000));
@@ -333,55 +306,6 @@ TEST(ReceiverEmulator, HandshakeCommandsStreamChecksAndByteExactCapture) {
     EXPECT_TRUE(std::string(file.begin(), file.end()) == want) << file.size() << " bytes";
 }
 
-TEST(ReceiverEmulator, HostileBytesAreReportedNeverFatal) {
-    ReceiverEmulator rx(config("127.0.0.7"));
-    ASSERT_EQ(0, rx.Start());
-    ScriptedSender tx;
-    // Text that starts like the real thing and goes wrong.
-    unsigned int seed = 12345;
-    auto garbage = [&seed](int i, size_t maxLen) {
-        const char* heads[] = {
-            "DEVICE ", "SEARCH\r\n", "SEARCH\r\nGUID: ", "DEVICE 1.2.3.4:", "VOLUME: ", ""};
-        std::string s = heads[i % 6];
-        for (size_t k = (seed = seed * 1103515245u + 12345u) % maxLen; k > 0; k--)
-            s += (char)((seed = seed * 1103515245u + 12345u) >> 16);
-        return s;
-    };
-    for (int i = 0; i < 300; i++) {
-        std::string d = garbage(i, 1500);
-        tx.SendTo(d, i % 2 ? "224.1.2.4" : "127.0.0.7");
-        tx.SendTo(d, "127.0.0.7", rx.RtpPort());
-    }
-    // A connection fed with broken replies, commands and an endless message.
-    // The noise may have filled the socket: send SEARCH 8 times as senders do.
-    std::string search = tx.Search({"127.0.0.7"});
-    for (int i = 0; i < 8; i++) {
-        tx.SendTo(search, "224.1.2.4");
-        PAL_ThreadSleep(40);
-    }
-    ASSERT_TRUE(tx.Accept(nullptr));
-    read_until(tx.conn);
-    send_text(tx.conn, "START\r\nRef: \r\nRole: \r\n\r\n");
-    read_until(tx.conn);
-    std::string bad =
-        "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n"
-        "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort";
-    for (int i = 0; i < 200; i++) bad += garbage(i, 300) + "\r\n\r\n";
-    bad += std::string(20000, 'A') + "\r\n\r\nALIVE\r\n\r\n";
-    send(tx.conn, bad.data(), bad.size(), MSG_NOSIGNAL);
-    // Still alive and still answering.
-    EXPECT_NE(std::string::npos, read_until(tx.conn, "ALIVED\r\n\r\n").find("ALIVED\r\n\r\n"));
-    ReceiverReport r = rx.Report();
-    EXPECT_GT(r.protocolErrors, 100u);
-    EXPECT_GT(r.handshakeErrors, 0u);
-    EXPECT_GT(r.badLength + r.badVersion + r.badPayloadType, 0u);
-    EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
-    for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
-    std::string json = rx.ReportJson();
-    EXPECT_EQ('{', json.front());
-    EXPECT_EQ('}', json.back());
-}
-
 TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
     ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
                                           PAL_GetBootTimeUsec));
@@ -395,7 +319,6 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
     ASSERT_TRUE(rx.WaitForClockSync(3000));
     PAL_ThreadSleep(300);  // a few more exchanges
     ReceiverReport r = rx.Report();
-    EXPECT_TRUE(r.clockSynced);
     EXPECT_LT(llabs(r.clockOffsetUs - 3217654321LL), 1000) << r.clockOffsetUs;
 
     // Packets stamped 400 ms ahead of the master clock arrive ~400 ms early.
@@ -417,7 +340,6 @@ TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
     EXPECT_NEAR(400.0, r.marginMedianMs, 5.0);
     EXPECT_GT(r.marginMinMs, 350.0);
     EXPECT_GE(r.latenessMaxMs, 29.0);
-    EXPECT_LE(r.latenessMedianMs, r.latenessP99Ms);
     rx.Stop();
     TimeSyncInitiator_Delete();
 }

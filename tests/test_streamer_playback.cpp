@@ -71,12 +71,15 @@ int CountEntries(const char* dir) {
 
 class Playback : public ::testing::Test {
 protected:
-    void TearDown() override {
-        if (st != nullptr) {
-            st->AVStreamerClose();
-            delete st;
-        }
+    void TearDown() override { Finish(); }
+    // The streamer closed and deleted, the receivers stopped and unlisted.
+    void Finish() {
+        if (st != nullptr) st->AVStreamerClose();
+        delete st;
+        st = nullptr;
         for (auto& r : rx) r->Stop();
+        rx.clear();
+        ri = AV_RECEIVER_INFO{};
     }
     ReceiverEmulator* AddReceiver(const char* ip, AV_CHANNEL_TYPE type, int volume = 5,
                                   bool listed = true) {
@@ -86,13 +89,7 @@ protected:
         cfg.timeSync = false;
         rx.emplace_back(new ReceiverEmulator(cfg));
         EXPECT_EQ(0, rx.back()->Start());
-        if (listed) {
-            AV_RECEIVER& r = ri.AVReceiver[(int)ri.nAVReceiverCnt++];
-            snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "%s", ip);
-            r.ChannelType = type;
-            r._volume = volume;
-            r.bActive = 1;
-        }
+        if (listed) ri.AVReceiver[(int)ri.nAVReceiverCnt++] = MakeReceiver(ip, type, volume);
         return rx.back().get();
     }
     // Init, open and search, as the sender facade does for one playback.
@@ -197,32 +194,8 @@ TEST_F(Playback, EveryRoleGetsItsChannelsBitExactAndPaced) {
         st->AVStreamerSeek(2);
         EXPECT_LT(NowMs() - t1, 1000u);
         EXPECT_TRUE(WaitUntil([&] { return Seeks(rx[0].get()) == 1; }));
-        // The next case: a new streamer and new receivers, as the manager does.
-        st->AVStreamerClose();
-        delete st;
-        st = nullptr;
-        for (auto& r : rx) r->Stop();
-        rx.clear();
-        ri = AV_RECEIVER_INFO{};
+        Finish();  // the next case: a new streamer and new receivers, as the manager does
     }
-}
-
-TEST_F(Playback, ContentEndsByTheWaitLimitWhenAReceiverNeverPlays) {
-    // The only receiver connects but never asks to PLAY: its queue never
-    // drains, so the end comes from the wait limit (2321 ms at 44.1 kHz).
-    ScriptedReceiver stalled("127.0.0.2");
-    AV_RECEIVER& r = ri.AVReceiver[(int)ri.nAVReceiverCnt++];
-    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.2");
-    r.ChannelType = AV_CHANNEL_PARTY;
-    r.bActive = 1;
-    ASSERT_EQ(0, Play(fixture_path("wav16_stereo_44k.wav"), "audio/x-wav", 2, 44100));
-    ASSERT_TRUE(stalled.Connect(kTcp));
-    unsigned int t0 = NowMs();
-    ASSERT_TRUE(WaitEnd(15000));
-    EXPECT_GE(NowMs() - t0, 2321u);
-    // Nothing more happens after the end: one report only.
-    PAL_ThreadSleep(300);
-    EXPECT_EQ(1, events.Count(AVMSG_SERVICE_STOP));
 }
 
 TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
@@ -293,12 +266,7 @@ TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
 
     // Join: searched by unicast, takes the freed lower slot, connects, and
     // is lined up with the one playing above it.
-    AV_RECEIVER r{};
-    snprintf(r.pReceiverIP, sizeof(r.pReceiverIP), "127.0.0.4");
-    r.ChannelType = AV_CHANNEL_PARTY;
-    r._volume = 3;
-    r.bActive = 1;
-    EXPECT_EQ(0, st->AVStreamerReceiverIn(r));
+    EXPECT_EQ(0, st->AVStreamerReceiverIn(MakeReceiver("127.0.0.4", AV_CHANNEL_PARTY, 3)));
     EXPECT_STREQ("127.0.0.4", Probe::Receivers(st).AVReceiver[0].pReceiverIP);
     ASSERT_TRUE(joiner->WaitForHandshake(RX_HS_PLAYING, 5000));
     ASSERT_TRUE(joiner->WaitForPackets(50, 15000));

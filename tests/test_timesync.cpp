@@ -108,16 +108,11 @@ TEST_F(TimeSync, ClientLearnsTheMasterAndFollowsItThroughARestart) {
     EXPECT_EQ(0u, client.Stats().responses);
     ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 500000));
     ASSERT_TRUE(WaitResponses(client, 20));
-    for (int i = 0; i < 5; i++) {
-        long long estimate = 0;
-        ASSERT_TRUE(client.MasterNowUs(&estimate));
-        long long master = PAL_GetBootTimeUsec();  // same clock, microseconds
-        EXPECT_LT(llabs(estimate - master), 1000)
-            << "estimate " << estimate << " master " << master;
-        PAL_ThreadSleep(30);
-    }
+    // The master's clock is the boot clock in whole milliseconds; the client
+    // finds it to within one.
     long long m1 = 0;
     ASSERT_TRUE(client.MasterNowUs(&m1));
+    EXPECT_LT(llabs(m1 - PAL_GetBootTimeUsec()), 1000) << m1;
     EXPECT_LE(llabs((long long)TimeSyncInitiator_GetCurrentClock() - m1 / 1000), 2);
     TimeSyncClientStats st = client.Stats();
     EXPECT_EQ(0u, st.malformed);

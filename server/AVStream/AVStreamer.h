@@ -55,11 +55,13 @@ class MP3Parser;
 #define AV_SEEK_WAIT_MS 3000
 // The music source sleeps at most this long (waiting for room in a
 // receiver's buffer, for the stream to start, for a resume) before it looks
-// at every buffer and flag again; whatever it waits for also wakes it.
-#define AV_MUSIC_WAIT_MS 200
-// It waits for room for this much beyond the chunk (about 0.19 s at 44.1 kHz
-// stereo), so that one wake moves several chunks.
-#define AV_MUSIC_ROOM_BATCH 32768
+// at every buffer and flag again; whatever it waits for also wakes it, so
+// the bound only sees to what nothing signals (a buffer nobody reads).
+#define AV_MUSIC_WAIT_MS 1000
+// It waits for room for this much beyond the chunk (about 0.74 s at 44.1 kHz
+// stereo, a third of a buffer: the buffer still holds 1.5 s when it wakes),
+// so that one wake moves many chunks: about 1.4 wakes a second.
+#define AV_MUSIC_ROOM_BATCH 131072
 
 // Streamer state, gated by canAction().
 typedef enum _STATE {

@@ -184,6 +184,9 @@ void CAVStreamer::_music_seek() {
 
 int CAVStreamer::MusicSourceThread(void* param) {
     CAVStreamer* self = (CAVStreamer*)param;
+    // A decoder's priority on the phone, a step below the stream thread: a
+    // buffer holds seconds, so this thread only needs its core soon.
+    PAL_ThreadSetOwnPriority(PAL_THREAD_PRIO_AUDIO);
     MusicSrcBuffers* buf = new MusicSrcBuffers();
     long nReadSize = 0;
     int nCntReadEnd = 0;

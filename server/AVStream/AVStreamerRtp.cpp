@@ -38,6 +38,10 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
     CAVStreamer* self = (CAVStreamer*)streamer;
     AV_RCV_SESS* sess = self->m_AVRcvSessInfo.AVRcvSess;
     debug_UI("[AVStreamer m_groupId : %d] RtpStreamThread", self->m_groupId);
+    // A packet is due every 7.9 ms: on a busy phone the thread must get its
+    // core at the deadline, as the phone's own audio threads do. Refused:
+    // it runs at the normal priority.
+    PAL_ThreadSetOwnPriority(PAL_THREAD_PRIO_URGENT_AUDIO);
     self->commonSeqNum = 1;
     self->m_bStreamReady = true;
     self->_wake_music_source();

@@ -1,6 +1,6 @@
 // Helpers for tests on real audio files: loading a fixture, an independent
 // MPEG frame splitter (the oracle the parser and decoder are checked
-// against), and the frequency and level of one channel of 16-bit PCM.
+// against), and the check of the fixtures' tones in decoded 16-bit PCM.
 #ifndef AUDIO_CHECK_H
 #define AUDIO_CHECK_H
 
@@ -34,17 +34,6 @@ struct MpegFrameRef {
 // first byte that is not a frame start (ID3v1 or the end). MPEG-1 Layers I-III
 // and MPEG-2/2.5 Layer III.
 std::vector<MpegFrameRef> split_mpeg_frames(const std::vector<unsigned char>& file);
-
-struct ToneStats {
-    double frequency;  // Hz, from the spacing of rising zero crossings
-    double rms;        // in sample units
-};
-// Channel `ch` of interleaved 16-bit PCM with `channels` channels.
-ToneStats tone_stats(const int16_t* pcm, size_t samples_per_channel, int channels, int ch,
-                     int rate);
-
-// The level of the fixtures' sines: peak 0.5 of full scale.
-constexpr double kFixtureSineRms = 0.5 * 32767.0 / 1.4142135623730951;
 
 // The MPEG fixtures and what their encoder made: format, samples per frame,
 // whether a Xing/Info frame comes first.

@@ -8,6 +8,7 @@ import java.util.List;
 import java.util.Locale;
 import java.util.UUID;
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.Semaphore;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
 
@@ -57,7 +58,19 @@ public final class Demo {
         volatile long firstProgressAtMs;
         volatile CountDownLatch searchDone = new CountDownLatch(1);
         final CountDownLatch serviceStop = new CountDownLatch(1);
+        /** A permit per progress or end event: the play loop redraws on events, not on a timer. */
+        final Semaphore changed = new Semaphore(0);
         volatile int stopGroup;
+
+        /**
+         * Waits up to ms for the next progress or the end of play; true once
+         * the end was reported.
+         */
+        boolean awaitChange(long ms) throws InterruptedException {
+            changed.tryAcquire(ms, TimeUnit.MILLISECONDS);
+            changed.drainPermits();
+            return serviceStop.getCount() == 0;
+        }
 
         @Override
         public void onDeviceSearchComplete(int isSuccess) {
@@ -69,12 +82,14 @@ public final class Demo {
         public void onPlayProgress(int groupId, int progressSec) {
             if (progressEvents.getAndIncrement() == 0) firstProgressAtMs = System.currentTimeMillis();
             progress.set(progressSec);
+            changed.release();
         }
 
         @Override
         public void onServiceStop(int groupId, int nextPlay) {
             stopGroup = groupId;
             serviceStop.countDown();
+            changed.release();
         }
 
         @Override
@@ -373,7 +388,9 @@ public final class Demo {
         boolean pauseDone = !opt.pause;
         long limitMs = (opt.durationSec > 0 ? opt.durationSec : 120) * 1000L + 20000L;
         long began = System.currentTimeMillis();
-        while (!events.serviceStop.await(100, TimeUnit.MILLISECONDS)) {
+        // Progress comes once a second; the bound keeps the time limits below
+        // checked when none comes.
+        while (!events.awaitChange(1000)) {
             int pos = events.progress.get();
             drawBar(pos);
             if (!seekDone && pos >= 1) {
