@@ -32,13 +32,17 @@ SONVARA_COMMON_API int PAL_SemTimedWait(PAL_SEM* s, unsigned int timeoutMs);
 SONVARA_COMMON_API int PAL_SemSignal(PAL_SEM* s, int count);
 }
 
-// Holds a mutex for one scope: the engine's one way to take a lock for a
-// block. A null mutex (its creation failed) is not taken and not released.
+// Holds a mutex for one scope: the engine's one way to take a lock. A null
+// mutex (its creation failed) is not taken and not released. Unlock() ends
+// the hold early, for a function that works on what it read under the lock
+// (a send, an event) once it is released; the scope's end then does nothing.
 class PalLock {
 public:
     explicit PalLock(PAL_MUTEX* m) : m_mutex(m), m_held(PAL_MutexLock(m, 1) == 0) {}
-    ~PalLock() {
+    ~PalLock() { Unlock(); }
+    void Unlock() {
         if (m_held) PAL_MutexUnLock(m_mutex);
+        m_held = false;
     }
     PalLock(const PalLock&) = delete;
     PalLock& operator=(const PalLock&) = delete;

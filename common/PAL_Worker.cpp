@@ -16,7 +16,7 @@ PalWorker::~PalWorker() {
 }
 
 PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, void* arg) {
-    if (m_thread != nullptr || body == nullptr) return kNoThread;
+    if (m_thread.load() != nullptr || body == nullptr) return kNoThread;
     m_name = name != nullptr ? name : "";
     m_body = body;
     m_arg = arg;
@@ -25,13 +25,14 @@ PalWorker::StartResult PalWorker::Start(const char* name, PAL_THREAD_FUNC body, 
         m_doneSem = nullptr;
         return kNoSemaphore;
     }
-    if (!PAL_ThreadCreate(&m_thread, _main, this, PAL_THREAD_PRIO_TIMESHARE)) {
+    PAL_THREAD thread = nullptr;
+    if (!PAL_ThreadCreate(&thread, _main, this, PAL_THREAD_PRIO_TIMESHARE)) {
         // No thread will ever signal it: the owner must not wait.
         PAL_SemDelete(m_doneSem);
         m_doneSem = nullptr;
-        m_thread = nullptr;
         return kNoThread;
     }
+    m_thread = thread;
     return kStarted;
 }
 
@@ -43,7 +44,8 @@ int PalWorker::_main(void* self) {
 }
 
 void PalWorker::Stop(unsigned int boundMs) {
-    if (m_thread == nullptr) return;
+    PAL_THREAD thread = m_thread.load();
+    if (thread == nullptr) return;
     m_exit.store(true);
     if (PAL_SemTimedWait(m_doneSem, boundMs) != 0) {
         debug_UI("worker %s still running after %u ms: waiting for it to end", m_name, boundMs);
@@ -51,6 +53,6 @@ void PalWorker::Stop(unsigned int boundMs) {
     }
     PAL_SemDelete(m_doneSem);
     m_doneSem = nullptr;
-    PAL_ThreadExit(m_thread);
     m_thread = nullptr;
+    PAL_ThreadExit(thread);
 }

@@ -6,7 +6,8 @@
 //
 // Owns: the thread handle and the semaphore, from Start to Stop.
 // Threads: Start and Stop on the owner's thread (one owner per worker);
-// Exiting from the body. Locks: none (the flag is atomic).
+// Exiting from the body; Started from any. Locks: none (the flag and the
+// handle are atomic).
 #ifndef PAL_WORKER_H
 #define PAL_WORKER_H
 
@@ -28,7 +29,9 @@ public:
     // names the worker in log lines.
     StartResult Start(const char* name, PAL_THREAD_FUNC body, void* arg);
     // True from Start until Stop; the owner's test for "is there a worker".
-    bool Started() const { return m_thread != nullptr; }
+    // Any thread may ask (another of the owner's threads, say, while the
+    // owner starts or stops it).
+    bool Started() const { return m_thread.load() != nullptr; }
     // For the body: its owner has asked it to end.
     bool Exiting() const { return m_exit.load(); }
     // Asks the body to end without waiting (the owner then wakes it if it
@@ -45,7 +48,7 @@ private:
     PalWorker& operator=(const PalWorker&) = delete;
     static int _main(void* self);
 
-    PAL_THREAD m_thread;
+    std::atomic<PAL_THREAD> m_thread;
     PAL_SEM* m_doneSem;  // signalled once the body has returned
     std::atomic<bool> m_exit;
     PAL_THREAD_FUNC m_body;

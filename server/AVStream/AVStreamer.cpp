@@ -118,8 +118,8 @@ void CAVStreamer::_session_clear(int index) {
 // The one list of the streamer's starting values: every member zero, null,
 // false or "none", the per-playback part by _reset_stream (which init runs
 // again). The session mutexes, the outgoing queues, the wake-up pipe, the
-// feed lock and the music source's wake-up live with the object and are not
-// touched.
+// feed lock, the music source's wake-up and the three thread helpers live
+// with the object and are not touched.
 void CAVStreamer::AVStreamerSetDefault() {
     m_NotifyMsg = nullptr;
     m_pParent = nullptr;
@@ -128,10 +128,6 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_CurrentState = STREAM_STATE_IDLE;
     m_groupId = 0;
     m_MusicSrcFd = 0;
-    m_pMusicSrcSem = nullptr;
-    m_hMusicSrcThrId = nullptr;
-    m_pRtpSvrSem = nullptr;
-    m_hRtpSvrThrId = nullptr;
     m_unSyncSeqNum = 0;
     memset(&m_TcpSvr, 0, sizeof(m_TcpSvr));
     memset(&m_MulticastSvr, 0, sizeof(m_MulticastSvr));
@@ -230,9 +226,8 @@ int CAVStreamer::_receiver_count() {
 void CAVStreamer::_take_reference(int index) {
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         s.bRefRcv = i == index && s.bActive;
-        PAL_MutexUnLock(s._lpmutex);
     }
 }
 
@@ -241,17 +236,16 @@ int CAVStreamer::ResetAcceptWaitReceiverInfo(const char* ip) {
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         if (r.bActive && !s.bActive && strcmp(r.pReceiverIP, ip) == 0) {
             memset(&r, 0, sizeof(r));
             _receiver_count_add(-1);
             int top = i + 1;
             m_max_idx.compare_exchange_strong(top, i);
-            PAL_MutexUnLock(s._lpmutex);
+            lock.Unlock();
             debug_UI("xxxcheck ResetAcceptWaitReceiverInfo reset");
             return 1;
         }
-        PAL_MutexUnLock(s._lpmutex);
     }
     return 0;
 }
@@ -296,12 +290,12 @@ int CAVStreamer::_receiver_release_l(int index) {
 
 int CAVStreamer::ReceiverRelease(int index) {
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d Start", m_groupId, index);
-    PAL_MUTEX* m = m_AVRcvSessInfo.AVRcvSess[index]._lpmutex;
-    PAL_MutexLock(m, 1);
-    // A session already released (its BYE acknowledged meanwhile) must not
-    // be counted out twice.
-    if (m_AVRcvSessInfo.AVRcvSess[index].bActive) _receiver_release_l(index);
-    PAL_MutexUnLock(m);
+    {
+        PalLock lock(m_AVRcvSessInfo.AVRcvSess[index]._lpmutex);
+        // A session already released (its BYE acknowledged meanwhile) must
+        // not be counted out twice.
+        if (m_AVRcvSessInfo.AVRcvSess[index].bActive) _receiver_release_l(index);
+    }
     _wake_server();  // closes the connection
     debug_UI("[AVStreamer m_groupId : %d] ReceiverRelease #%d End", m_groupId, index);
     return 1;

@@ -325,11 +325,12 @@ private:
     long m_MusicSrcFd;
     AV_MP3_INST m_Mp3Inst;
     AV_CONTENT_INFO m_ContentInfo;  // kept right behind m_Mp3Inst
-    PAL_SEM* m_pMusicSrcSem;
-    PAL_THREAD m_hMusicSrcThrId;
-    PalWorker m_serverWorker;  // the control-server thread
-    PAL_SEM* m_pRtpSvrSem;
-    std::atomic<PAL_THREAD> m_hRtpSvrThrId;  // non-null while the stream thread exists
+    // The three threads, each with its exit semaphore: started by init
+    // (music source), open (control server) and the control server (stream
+    // thread, once receivers play); stopped in that order by the close.
+    PalWorker m_musicWorker;
+    PalWorker m_serverWorker;
+    PalWorker m_rtpWorker;  // Started() while the stream thread exists
     uint32_t m_unSyncSeqNum;
     AV_STREAMER_SOCK m_TcpSvr;
     AV_STREAMER_SOCK m_MulticastSvr;
@@ -412,6 +413,9 @@ private:
     PAL_SEM* m_pMusicWakeSem;
 
     // Content and stream set-up (AVStreamerOpen.cpp).
+    // Starts one of the three threads on this streamer: 0, or
+    // AV_ERR_SEMAPHORE / AV_ERR_THREAD_START with nothing started.
+    int _start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body);
     bool _is_mime(const char* mime);
     void _close_content();
     // Destroys the MP3 reader's decoder and parser, if any.
@@ -421,6 +425,7 @@ private:
 
     // Music source steps (AVStreamerMusicSrc.cpp).
     void _music_seek();
+    bool _seek_pending();
     void _seek_done();  // the music source has carried a seek out: wake AVStreamerSeek
     long _read_chunk(char* origin);
     bool _wait_for_room(long n);
@@ -449,6 +454,7 @@ private:
 
     // Control server steps (ServerListenThread).
     void _accept_receiver(bool* rtpStarted);
+    bool _take_connection_l(int index, int conn, const char* ip);
     unsigned int _check_waiting_receivers(bool* rtpStarted);
     void _release_bye(int index);
     void _drop_session(int index, const char* why);

@@ -37,10 +37,10 @@ int CAVStreamer::_queue_l(int index, const char* text, int len) {
 
 int CAVStreamer::_session_write(int index, const char* text, int newState) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     int ret = _queue_l(index, text, (int)strlen(text));
     if (ret == AV_WRITE_OK && newState >= 0) s.ServerState = (uint8_t)newState;
-    PAL_MutexUnLock(s._lpmutex);
+    lock.Unlock();
     if (ret != AV_WRITE_NO_CONN) _wake_server();  // to send, or to drop the session
     return ret;
 }
@@ -49,10 +49,8 @@ int CAVStreamer::_find_session(const char* ip, int from) {
     if (ip == nullptr) return -1;
     for (int i = from; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
-        bool match = s.bActive && strcmp(s.pReceiverIP, ip) == 0;
-        PAL_MutexUnLock(s._lpmutex);
-        if (match) return i;
+        PalLock lock(s._lpmutex);
+        if (s.bActive && strcmp(s.pReceiverIP, ip) == 0) return i;
     }
     return -1;
 }
@@ -134,9 +132,10 @@ int CAVStreamer::ReceiverVolume(int index, int volume) {
 void CAVStreamer::_store_and_send_volume(int index, int volume) {
     int v = volume < 15 ? volume : 15;
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    PAL_MutexLock(s._lpmutex, 1);
-    m_AVReceiverInfo.AVReceiver[index]._volume = v;
-    PAL_MutexUnLock(s._lpmutex);
+    {
+        PalLock lock(s._lpmutex);
+        m_AVReceiverInfo.AVReceiver[index]._volume = v;
+    }
     ReceiverVolume(index, v);
 }
 
@@ -161,14 +160,12 @@ int CAVStreamer::ReceiverAddStart(int index) {
     int refPort = 0;
     for (int r = 0; r < AV_MAX_RECEIVER; r++) {
         AV_RCV_SESS& ref = m_AVRcvSessInfo.AVRcvSess[r];
-        PAL_MutexLock(ref._lpmutex, 1);
-        bool isRef = ref.bRefRcv;
-        if (isRef) {
+        PalLock lock(ref._lpmutex);
+        if (ref.bRefRcv) {
             memcpy(refIp, ref.pReceiverIP, sizeof(refIp) - 1);
             refPort = ref.uwClientSyncPort;
+            break;
         }
-        PAL_MutexUnLock(ref._lpmutex);
-        if (isRef) break;
     }
     unsigned type = (unsigned)m_AVRcvSessInfo.AVRcvSess[index].ChannelType.load();
     const char* role = type < 8 ? kRoleNames[type] : kRoleNames[0];

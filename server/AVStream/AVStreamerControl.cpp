@@ -56,9 +56,8 @@ int CAVStreamer::ReceiverSearch(AV_RECEIVER_INFO* lpReceiverInfo) {
         ipText[i][AV_IP_LEN - 1] = 0;
         ips[i] = ipText[i];
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         m_AVReceiverInfo.AVReceiver[i].SearchTs = reqTs;
-        PAL_MutexUnLock(s._lpmutex);
     }
     char msg[AV_CMD_BUF_SIZE];
     int len = build_search(msg, sizeof(msg), mguid, reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, count);
@@ -76,10 +75,11 @@ int CAVStreamer::ReceiverAddSearch(int nIndex) {
     unsigned int reqTs = PAL_GetClock();
     char ip[AV_IP_LEN] = {0};
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[nIndex];
-    PAL_MutexLock(s._lpmutex, 1);
-    memcpy(ip, m_AVReceiverInfo.AVReceiver[nIndex].pReceiverIP, sizeof(ip) - 1);
-    m_AVReceiverInfo.AVReceiver[nIndex].SearchTs = reqTs;
-    PAL_MutexUnLock(s._lpmutex);
+    {
+        PalLock lock(s._lpmutex);
+        memcpy(ip, m_AVReceiverInfo.AVReceiver[nIndex].pReceiverIP, sizeof(ip) - 1);
+        m_AVReceiverInfo.AVReceiver[nIndex].SearchTs = reqTs;
+    }
     const char* ips[1] = {ip};
     char msg[AV_CMD_BUF_SIZE];
     int len = build_search(msg, sizeof(msg), mguid, reqTs, m_pMyIP, m_TcpSvr.uwPort, ips, 1);
@@ -94,13 +94,10 @@ int CAVStreamer::ReceiverAddSearch(int nIndex) {
 int CAVStreamer::AVStreamerReceiverIn(AV_RECEIVER AVReceiver) {
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         // A slot whose entry was cleared by a leave still waiting for its
         // BYE acknowledgement is not free yet.
-        if (m_AVReceiverInfo.AVReceiver[i].pReceiverIP[0] != 0 || s.bActive) {
-            PAL_MutexUnLock(s._lpmutex);
-            continue;
-        }
+        if (m_AVReceiverInfo.AVReceiver[i].pReceiverIP[0] != 0 || s.bActive) continue;
         // The slot keeps its mutex and its ring buffer (emptied) for reuse.
         PAL_RINGBUF* rb = s.pFD;
         _session_clear(i);
@@ -114,7 +111,7 @@ int CAVStreamer::AVStreamerReceiverIn(AV_RECEIVER AVReceiver) {
         int top = m_max_idx;
         while (count > top && !m_max_idx.compare_exchange_weak(top, count)) {
         }
-        PAL_MutexUnLock(s._lpmutex);
+        lock.Unlock();
         ReceiverAddSearch(i);
         return 0;
     }
@@ -134,10 +131,10 @@ int CAVStreamer::_receiver_leave_l(int nIndex) {
 }
 
 int CAVStreamer::ReceiverLeave(int nIndex) {
-    PAL_MUTEX* m = m_AVRcvSessInfo.AVRcvSess[nIndex]._lpmutex;
-    PAL_MutexLock(m, 1);
-    _receiver_leave_l(nIndex);
-    PAL_MutexUnLock(m);
+    {
+        PalLock lock(m_AVRcvSessInfo.AVRcvSess[nIndex]._lpmutex);
+        _receiver_leave_l(nIndex);
+    }
     _wake_server();
     return 1;
 }
@@ -147,14 +144,13 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
     for (int i = 0; i < AV_MAX_RECEIVER && pReceiverIP != nullptr; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         if (s.bActive && strcmp(r.pReceiverIP, pReceiverIP) == 0) {
             _receiver_leave_l(i);
             memset(&r, 0, sizeof(r));
             index = i;
+            break;
         }
-        PAL_MutexUnLock(s._lpmutex);
-        if (index >= 0) break;
     }
     if (index < 0) {
         debug_UI("AVStreamerReceiverOut--- Ret %d", AV_ERR_RECEIVER_NOT_ACTIVE);
@@ -176,10 +172,8 @@ int CAVStreamer::AVStreamerReceiverOut(const char* pReceiverIP) {
             check_try = 0;
             break;
         }
-        PAL_MutexLock(s._lpmutex, 1);
-        bool bye = s.ServerState == AV_STREAMER_STATE_BYE;
-        PAL_MutexUnLock(s._lpmutex);
-        if (bye) break;
+        PalLock lock(s._lpmutex);
+        if (s.ServerState == AV_STREAMER_STATE_BYE) break;
     }
     if (check_try == 0) ReceiverRelease(index);
     debug_UI("AVStreamerReceiverOut BYE_ACK check_try count %d", check_try);
@@ -212,7 +206,7 @@ void CAVStreamer::AVStreamerSeek(int offset) {
     // receivers do. At the bound the receivers are told to seek anyway; the
     // music source still carries the request out when it next runs.
     unsigned int start = PAL_GetClock();
-    while (!m_bSerExit && m_hRtpSvrThrId.load() != nullptr && !_bseek_complete) {
+    while (!m_bSerExit && m_rtpWorker.Started() && !_bseek_complete) {
         unsigned int waited = PAL_GetClock() - start;
         if (waited > AV_SEEK_WAIT_MS) {
             debug_UI("xxxseek [AVStreamerSeek] no completion within %d ms", AV_SEEK_WAIT_MS);

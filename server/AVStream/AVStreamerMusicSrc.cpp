@@ -7,9 +7,11 @@
 // Runs on: MusicSourceThread (started by AVStreamerInit).
 // Locks: a session's `_lpmutex` only while scanning for the end of a seek;
 // m_pFeedLock while writing one chunk into the buffers (no wait inside).
-// Waits: on m_pMusicWakeSem, each wait bounded (AV_MUSIC_WAIT_MS): for room
-// in the buffer shortest of it (signalled by the stream thread's read), and
-// while idle for the stream start, a resume, a seek or the close.
+// Waits: on m_pMusicWakeSem, each wait bounded: for room in the buffer
+// shortest of it (signalled by the stream thread's read; AV_MUSIC_WAIT_MS),
+// during a seek for the stream thread to empty the buffers (signalled by it;
+// AV_SEEK_WAIT_MS), and while idle for the stream start, a resume, a seek or
+// the close (AV_MUSIC_WAIT_MS). The close signals every one of them.
 #include <string.h>
 
 #include "AVStreamer.h"
@@ -150,6 +152,17 @@ void CAVStreamer::_wake_music_source() {
     if (m_pMusicWakeSem != nullptr) PAL_SemSignal(m_pMusicWakeSem, 1);
 }
 
+// Some active session still holds PCM from before the seek (the stream
+// thread has not emptied it yet).
+bool CAVStreamer::_seek_pending() {
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+        PalLock lock(s._lpmutex);
+        if (s.bActive && s.bIsSync == 1) return true;
+    }
+    return false;
+}
+
 void CAVStreamer::_music_seek() {
     bSeekReqMusicSrcT = false;
     bSeekReqRtpStreamT = true;
@@ -162,21 +175,19 @@ void CAVStreamer::_music_seek() {
         wav_seek(m_send_file, (unsigned int)m_nOffsetTime.load());
     }
     debug_UI("xxxseek [MusicSourceThread] source seek complete");
-    // The RTP thread empties every active buffer and clears its sync mark.
-    // Bounded: at the limit the seek completes anyway and the buffers are
-    // emptied by the stream thread when it gets to them.
-    bool pending = true;
+    // The stream thread empties every active buffer, clears its sync mark
+    // and wakes this thread; the close wakes it too. Bounded: at the limit
+    // the seek completes anyway, and the buffers are emptied by the stream
+    // thread when it gets to them.
     unsigned int start = PAL_GetClock();
-    while (pending && !m_bSerExit && m_hRtpSvrThrId.load() != nullptr &&
-           PAL_GetClock() - start <= AV_SEEK_WAIT_MS) {
-        pending = false;
-        for (int i = 0; i < AV_MAX_RECEIVER && !pending; i++) {
-            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-            PAL_MutexLock(s._lpmutex, 1);
-            pending = s.bActive && s.bIsSync == 1;
-            PAL_MutexUnLock(s._lpmutex);
+    while (!m_bSerExit && m_rtpWorker.Started() && _seek_pending()) {
+        unsigned int waited = PAL_GetClock() - start;
+        if (waited >= AV_SEEK_WAIT_MS) {
+            debug_UI("xxxseek [MusicSourceThread] buffers not emptied within %d ms",
+                     AV_SEEK_WAIT_MS);
+            break;
         }
-        if (pending) PAL_ThreadSleep(2);
+        _music_idle(AV_SEEK_WAIT_MS - waited);
     }
     _seek_done();
     debug_UI("xxxseek [MusicSourceThread] seek complete");
@@ -214,7 +225,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
                     // the chunk is handled at once.
                     if (!self->_wait_for_room(nReadSize)) continue;
                     bool delivered = false;
-                    PAL_MutexLock(self->m_pFeedLock, 1);
+                    PalLock feed(self->m_pFeedLock);
                     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
                         AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
                         if (!s.bActive) continue;
@@ -228,7 +239,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
                             delivered = true;
                         }
                     }
-                    PAL_MutexUnLock(self->m_pFeedLock);
+                    feed.Unlock();
                     if (delivered) continue;
                     // Nobody to deliver to: the chunk is dropped at the pace
                     // of the step.
@@ -247,8 +258,7 @@ int CAVStreamer::MusicSourceThread(void* param) {
     }
     self->_close_content();
     delete buf;
-    PAL_SemSignal(self->m_pMusicSrcSem, 1);
-    debug_UI("[MusicSourceThread] exit");
+    debug_UI("[MusicSourceThread] exit");  // the helper signals the close on the way out
     return 0;
 }
 

@@ -102,17 +102,25 @@ int CAVStreamer::AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO
         }
     }
 
-    if (!PAL_SemCreate(&m_pMusicSrcSem, 0)) return AV_ERR_SEMAPHORE;
-    if (!PAL_ThreadCreate(&m_hMusicSrcThrId, MusicSourceThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
-        PAL_SemDelete(m_pMusicSrcSem);
-        m_pMusicSrcSem = nullptr;
-        return AV_ERR_THREAD_START;
-    }
+    // A failed start leaves the content open for the close.
+    int started = _start_worker(&m_musicWorker, "music source", MusicSourceThread);
+    if (started != 0) return started;
     for (int i = 0; i < count; i++)
         debug_UI("[AVStreamer] m_AVReceiverInfo.AVReceiver[%d].ChannelType = %d", i,
                  m_AVReceiverInfo.AVReceiver[i].ChannelType);
     debug_UI("[AVStreamer] AVStreamerInit End");
     return 0;
+}
+
+int CAVStreamer::_start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body) {
+    switch (worker->Start(name, body, this)) {
+        case PalWorker::kStarted:
+            return 0;
+        case PalWorker::kNoSemaphore:
+            return AV_ERR_SEMAPHORE;
+        default:
+            return AV_ERR_THREAD_START;
+    }
 }
 
 // "group:port" into m_pMulticastIP and m_MulticastPort, the way a

@@ -15,17 +15,10 @@
 
 #include "AVStreamer.h"
 
+// Started once; a start that failed leaves no thread for the close to wait
+// for (the receivers then get no RTP, as when their stream never started).
 bool CAVStreamer::AddRtpStreamer() {
-    if (m_hRtpSvrThrId.load() != nullptr) return true;
-    if (!PAL_SemCreate(&m_pRtpSvrSem, 0)) return true;
-    PAL_THREAD tid = nullptr;
-    if (!PAL_ThreadCreate(&tid, RtpStreamThread, this, PAL_THREAD_PRIO_TIMESHARE)) {
-        // No thread will ever signal it: the closing side must not wait.
-        PAL_SemDelete(m_pRtpSvrSem);
-        m_pRtpSvrSem = nullptr;
-        return true;
-    }
-    m_hRtpSvrThrId = tid;
+    if (!m_rtpWorker.Started()) m_rtpWorker.Start("stream", RtpStreamThread, this);
     return true;
 }
 
@@ -84,15 +77,15 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
             self->bSeekReqRtpStreamT = false;
             debug_UI("xxxseek [RtpStreamThread] seek flag set");
             for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-                PAL_MutexLock(sess[i]._lpmutex, 1);
+                PalLock lock(sess[i]._lpmutex);
                 if (sess[i].bActive) {
                     PAL_RINGBUF* rb = sess[i].pFD;
                     if (rb != nullptr) Pal_RingBufReset(rb);
                     sess[i].bIsSync = 0;
                 }
-                PAL_MutexUnLock(sess[i]._lpmutex);
             }
             debug_UI("xxxseek [RtpStreamThread] Pal_RingBufReset Complete");
+            self->_wake_music_source();  // its seek waits for this
         }
         uint64_t due = self->_pcm_bytes_to_ms(self->m_szSent);
         if ((uint64_t)(unsigned int)(now - self->m_unSvrStartClock) >= due) {
@@ -107,9 +100,9 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
                     // is still served, to be emptied).
                     if (sess[i].pFD.load() == nullptr && !sess[i].bActive) continue;
                     self->m_rtpOutSock = -1;
-                    PAL_MutexLock(sess[i]._lpmutex, 1);
+                    PalLock lock(sess[i]._lpmutex);
                     self->_serve_session_l(i, &report);
-                    PAL_MutexUnLock(sess[i]._lpmutex);
+                    lock.Unlock();
                     self->_send_ready_packet(i);
                 }
                 if (self->m_bProgressDue)
@@ -124,8 +117,7 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
         // at most one packet's time (7.9 ms at 44.1 kHz) after it was asked.
         PAL_ThreadSleepUntil(self->_next_due_clock());
     }
-    PAL_SemSignal(self->m_pRtpSvrSem, 1);
-    debug_UI("RtpStreamThread---");
+    debug_UI("RtpStreamThread---");  // the helper signals the close on the way out
     return 0;
 }
 
@@ -180,10 +172,10 @@ void CAVStreamer::_line_up_session_l(int index) {
     PAL_RINGBUF* rbj = sess[j].pFD;
     if (rbj == nullptr) return;
     long long lead = j < index ? 0 : AV_STREAM_PACKET_SIZE;
-    PAL_MutexLock(m_pFeedLock, 1);
+    PalLock feed(m_pFeedLock);
     long long excess =
         (long long)Pal_RingBufAvailable(rbj) - (long long)Pal_RingBufAvailable(rb) + lead;
-    PAL_MutexUnLock(m_pFeedLock);
+    feed.Unlock();
     if (excess < 0) return;  // not enough queued yet to catch up
     if (excess > 0 && Pal_RingBufRead(rb, nullptr, (unsigned long)excess) != 0)
         Pal_RingBufReset(rb);

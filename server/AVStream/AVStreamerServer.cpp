@@ -37,9 +37,9 @@ static unsigned short parse_u16(const char* p) {
 }
 
 // The value after "<key>" in req, or 0 when the key is absent.
-// How long the close waits for the control server before it logs it as
-// late (and waits on): one pass of its loop, after the wake-up.
-static const unsigned int kServerStopMs = 2000;
+// How long the close waits for each of the streamer's threads before it
+// logs it as late (and waits on): one pass of its loop, after the wake-up.
+static const unsigned int kThreadStopMs = 2000;
 
 static unsigned short header_u16(const char* req, const char* key) {
     const char* p = strstr(req, key);
@@ -52,8 +52,6 @@ bool CAVStreamer::ServerInit() {
     m_RtpPacket.bMarker = 1;
     m_RtpPacket.unSeqNum = 1;
     m_RtpPacket.unSsrc = PAL_rand(0x7FFFFFFF);
-    m_pRtpSvrSem = nullptr;
-    m_hRtpSvrThrId = nullptr;
     m_pSendBuf = nullptr;
     m_bStreamReady = false;
     m_bSerExit = false;
@@ -109,14 +107,7 @@ int CAVStreamer::ServerOpen(unsigned short tcpPort, unsigned short rtpPort) {
 
 int CAVStreamer::ServerListen() {
     debug_UI("[AVStreamer m_groupId : %d] ServerListen()", m_groupId);
-    switch (m_serverWorker.Start("control server", ServerListenThread, this)) {
-        case PalWorker::kStarted:
-            return 0;
-        case PalWorker::kNoSemaphore:
-            return AV_ERR_SEMAPHORE;
-        default:
-            return AV_ERR_THREAD_START;
-    }
+    return _start_worker(&m_serverWorker, "control server", ServerListenThread);
 }
 
 void CAVStreamer::_accept_receiver(bool* rtpStarted) {
@@ -140,36 +131,43 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
     // The first entry of this address that is not connected yet: a receiver
     // that connects twice must not take over its own live session.
     int index = -1;
+    int type = AV_CHANNEL_NA;
     int maxIdx = m_max_idx;
-    for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
+    for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER && index < 0; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
         const AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[i];
-        PAL_MutexLock(s._lpmutex, 1);
-        if (r.bActive && !s.bActive && strcmp(r.pReceiverIP, ip) == 0) {
-            index = i;  // keep the lock
-            break;
-        }
-        PAL_MutexUnLock(s._lpmutex);
+        PalLock lock(s._lpmutex);
+        if (!r.bActive || s.bActive || strcmp(r.pReceiverIP, ip) != 0) continue;
+        if (!_take_connection_l(i, conn, ip)) break;  // closed below, unlocked
+        index = i;
+        type = s.ChannelType;
     }
     if (index < 0) {
         PAL_SockClose(conn);
         return;
     }
+    debug_UI(
+        "[AVStreamer m_groupId : %d] PAL_SockOpen TCP accept  Ip "
+        "pAVStreamer->m_AVRcvSessInfo.AVRcvSess[%d].ChannelType = %d",
+        m_groupId, index, type);
+    if (_receiver_count() == m_AVRcvSessInfo.nAVRcvSessCnt && !*rtpStarted) {
+        AddRtpStreamer();
+        *rtpStarted = true;
+    }
+}
+
+// Session index takes the accepted connection conn from ip: its outgoing
+// queue, its RTP socket and ring buffer (made once, kept for the slot's
+// next receivers), its role from the receiver entry. False, with nothing
+// changed but what is kept for reuse, when one of them cannot be had.
+bool CAVStreamer::_take_connection_l(int index, int conn, const char* ip) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     const AV_RECEIVER& r = m_AVReceiverInfo.AVReceiver[index];
     if (s.pOutQ == nullptr) s.pOutQ = (char*)malloc(AV_OUT_QUEUE_SIZE);
-    if (s.pOutQ == nullptr || PAL_SetBlockingMode(conn, 0) != 0) {
-        PAL_MutexUnLock(s._lpmutex);
-        PAL_SockClose(conn);
-        return;
-    }
+    if (s.pOutQ == nullptr || PAL_SetBlockingMode(conn, 0) != 0) return false;
     if (s._rtp_sock < 0) {
         int rtp = PAL_SockCreate(PAL_SOCK_UDP);
-        if (rtp == -1) {
-            PAL_MutexUnLock(s._lpmutex);
-            PAL_SockClose(conn);
-            return;
-        }
+        if (rtp == -1) return false;
         debug_UI("rtp open __socket %d", rtp);
         PAL_SetBlockingMode(rtp, 0);
         int sndbuf = 0;
@@ -180,7 +178,8 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
         }
         s._rtp_sock = rtp;
     }
-    memcpy(s.pReceiverIP, ip, sizeof(s.pReceiverIP));
+    memcpy(s.pReceiverIP, ip, sizeof(s.pReceiverIP) - 1);
+    s.pReceiverIP[sizeof(s.pReceiverIP) - 1] = 0;
     s.ServerState = AV_STREAMER_STATE_NA;
     s.bActive = true;
     s.ChannelType = r.ChannelType;
@@ -198,16 +197,7 @@ void CAVStreamer::_accept_receiver(bool* rtpStarted) {
     if (s.pFD == nullptr) s.pFD = Pal_RingBufCreate(RING_BUFFER_TOTAL_SIZE);
     if (s.pFD != nullptr) Pal_RingBufReset(s.pFD);
     m_AVRcvSessInfo.nAVRcvSessCnt++;
-    int type = s.ChannelType;
-    PAL_MutexUnLock(s._lpmutex);
-    debug_UI(
-        "[AVStreamer m_groupId : %d] PAL_SockOpen TCP accept  Ip "
-        "pAVStreamer->m_AVRcvSessInfo.AVRcvSess[%d].ChannelType = %d",
-        m_groupId, index, type);
-    if (_receiver_count() == m_AVRcvSessInfo.nAVRcvSessCnt && !*rtpStarted) {
-        AddRtpStreamer();
-        *rtpStarted = true;
-    }
+    return true;
 }
 
 // Milliseconds from stamp to now. Searches and joins stamp their entries on
@@ -239,9 +229,8 @@ unsigned int CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
             int maxIdx = m_max_idx;
             for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
                 AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-                PAL_MutexLock(s._lpmutex, 1);
+                PalLock lock(s._lpmutex);
                 if (!s.bActive) m_AVReceiverInfo.AVReceiver[i].bIsSync = 0;
-                PAL_MutexUnLock(s._lpmutex);
             }
             *rtpStarted = true;
         } else {
@@ -259,7 +248,7 @@ unsigned int CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
         char ip[AV_IP_LEN] = {0};
         int left = -1;
         bool noShow = false;
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         bool waiting = r.bActive && r.SearchTs != 0 && !s.bReachedPlay;
         unsigned int deadline = r.SearchTs + AV_ACCEPT_WAIT_MS;
         if (waiting && elapsed_ms(now, r.SearchTs) > AV_ACCEPT_WAIT_MS) {
@@ -275,7 +264,7 @@ unsigned int CAVStreamer::_check_waiting_receivers(bool* rtpStarted) {
         } else if (waiting) {
             sooner(&wait, now, deadline + 1);
         }
-        PAL_MutexUnLock(s._lpmutex);
+        lock.Unlock();
         if (noShow) _drop_session(i, "no PLAY within the no-show limit");
         if (left < 0) continue;
         _notify(AVMSG_RECEIVER_RESET, (intptr_t)ip, 0, 0, 0);
@@ -304,12 +293,12 @@ void CAVStreamer::_close_stale_sockets() {
 // the queued bytes are not touched by appends. False on a failed write.
 bool CAVStreamer::_flush_session(int index) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     int sock = s.hTcpClientSock;
     uint32_t head = s.outHead;
     uint32_t tail = s.outTail;
     const char* q = s.pOutQ;
-    PAL_MutexUnLock(s._lpmutex);
+    lock.Unlock();
     if (sock < 0 || q == nullptr || head == tail) return true;
     uint32_t sent = head;
     bool failed = false;
@@ -327,7 +316,7 @@ bool CAVStreamer::_flush_session(int index) {
             break;
         }
     }
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock relock(s._lpmutex);
     if (s.hTcpClientSock == sock) {  // not released meanwhile
         if (sent != head) {
             s.outHead = sent;
@@ -335,7 +324,6 @@ bool CAVStreamer::_flush_session(int index) {
         }
         if (failed) s.outFault = AV_OUT_FAULT_ERROR;
     }
-    PAL_MutexUnLock(s._lpmutex);
     return !failed;
 }
 
@@ -344,7 +332,7 @@ bool CAVStreamer::_flush_session(int index) {
 void CAVStreamer::_drop_session(int index, const char* why) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     char ip[AV_IP_LEN] = {0};
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     bool active = s.bActive;
     if (active) {
         memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
@@ -353,7 +341,7 @@ void CAVStreamer::_drop_session(int index, const char* why) {
     }
     s.outFault = AV_OUT_FAULT_NONE;
     int left = _receiver_count();
-    PAL_MutexUnLock(s._lpmutex);
+    lock.Unlock();
     if (!active) return;
     debug_UI("[AVStreamer m_groupId : %d] receiver %s dropped: %s", m_groupId, ip, why);
     _close_stale_sockets();
@@ -370,11 +358,11 @@ unsigned int CAVStreamer::_check_sessions() {
         if (s.hTcpClientSock < 0) continue;
         _flush_session(i);
         unsigned int now = PAL_GetClock();
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         int fault = s.outFault;
         bool pending = s.outHead != s.outTail;
         unsigned int since = s.outProgressClock;
-        PAL_MutexUnLock(s._lpmutex);
+        lock.Unlock();
         if (fault == AV_OUT_FAULT_OVERFLOW) {
             _drop_session(i, "its control queue overflowed (it does not read)");
         } else if (fault == AV_OUT_FAULT_ERROR) {
@@ -404,10 +392,10 @@ int CAVStreamer::ServerListenThread(void* param) {
         fds[WAKE] = {self->m_wakeFd[0], POLLIN, 0};
         int n = FIRST_SESSION;
         for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-            PAL_MutexLock(sess[i]._lpmutex, 1);
+            PalLock lock(sess[i]._lpmutex);
             int sock = sess[i].hTcpClientSock;
             bool pending = sess[i].outHead != sess[i].outTail;
-            PAL_MutexUnLock(sess[i]._lpmutex);
+            lock.Unlock();
             if (sock < 0) continue;
             fds[n] = {sock, (short)(POLLIN | (pending ? POLLOUT : 0)), 0};
             owner[n++] = i;
@@ -462,10 +450,10 @@ int CAVStreamer::OnTcpCmdRead(int index) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     char req[AV_TCP_REQ_BUF_SIZE] = {0};
     char ip[AV_IP_LEN] = {0};
-    PAL_MutexLock(s._lpmutex, 1);
+    PalLock lock(s._lpmutex);
     int sock = s.hTcpClientSock;
     memcpy(ip, s.pReceiverIP, sizeof(ip) - 1);
-    PAL_MutexUnLock(s._lpmutex);
+    lock.Unlock();
     // Read without the lock: this thread alone closes the descriptor.
     if (sock < 0) return 0;
     ssize_t n = recv(sock, req, AV_TCP_REQ_BUF_SIZE - 1, MSG_DONTWAIT);
@@ -490,9 +478,9 @@ int CAVStreamer::OnTcpCmdRead(int index) {
         const char* p = strstr(req, "REQ_TS:");
         char num[20] = {0};
         if (p != nullptr && sscanf(p, "REQ_TS: %19s", num) == 1) reqTs = strtoull(num, nullptr, 10);
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock leave(s._lpmutex);
         bool stale = reqTs < s.ReqTs;
-        PAL_MutexUnLock(s._lpmutex);
+        leave.Unlock();
         if (stale) return 0;  // an older LEAVE overtaken by a newer JOIN
         _release_bye(index);
         _notify(AVMSG_RECEIVER_LEAVE, (intptr_t)ip, m_groupId, 0, 0);
@@ -513,25 +501,24 @@ int CAVStreamer::OnTcpCmdRead(int index) {
         return 1;
     }
     if (strstr(req, "ALIVED") != nullptr) {
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock alive(s._lpmutex);
         s.uwAliveClock = PAL_GetClock();
-        PAL_MutexUnLock(s._lpmutex);
     }
     const char* vol = strstr(req, "VOLUME_CHANGED");
     if (vol != nullptr) {
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock changed(s._lpmutex);
         if (vol[14] == ' ') s.nDeviceVolume = parse_u16(vol + 15);
         int v = s.nDeviceVolume;
-        PAL_MutexUnLock(s._lpmutex);
+        changed.Unlock();
         _notify(AVMSG_RECEIVER_VOLUMECHANGED, v, (intptr_t)ip, 0, 0);
     }
     if (strstr(req, "CHANNEL") != nullptr) {
         debug_UI("[AVStreamer m_groupId : %d] CHANNEL", m_groupId);
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock channel(s._lpmutex);
         s.uwClientSyncPort = header_u16(req, "SyncPort:");
         const bool ref = ++nAVRcvReadyCnt == 1;
         s.ServerState = AV_STREAMER_STATE_SEARCH;
-        PAL_MutexUnLock(s._lpmutex);
+        channel.Unlock();
         if (ref) _take_reference(index);
         ReceiverAddStart(index);
         return 1;
@@ -563,21 +550,22 @@ int CAVStreamer::OnTcpCmdRead(int index) {
                 if (*end == '-') rtcpPort = parse_u16(end + 1);
             }
         }
-        PAL_MutexLock(s._lpmutex, 1);
-        s.uwClientRtpPort = rtpPort;
-        s.uwClientRtcpPort = rtcpPort;
-        PAL_MutexUnLock(s._lpmutex);
+        {
+            PalLock setup(s._lpmutex);
+            s.uwClientRtpPort = rtpPort;
+            s.uwClientRtcpPort = rtcpPort;
+        }
         debug_UI("[AVStreamer m_groupId : %d] SETUP", m_groupId);
         s.ServerState = AV_STREAMER_STATE_SETUP;
         SendResSetup(index, cseq);
     } else if (strstr(req, "PLAY") != nullptr) {
         debug_UI("[AVStreamer m_groupId : %d] PLAY", m_groupId);
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock play(s._lpmutex);
         s.ServerState = AV_STREAMER_STATE_PLAY;
         s.bIsPlayable = true;
         s.bReachedPlay = true;
         int volume = m_AVReceiverInfo.AVReceiver[index]._volume;
-        PAL_MutexUnLock(s._lpmutex);
+        play.Unlock();
         SendResponse(index, cseq);
         ReceiverVolume(index, volume);
     } else if (strstr(req, "PAUSE") != nullptr) {
@@ -603,11 +591,10 @@ int CAVStreamer::OnMulticastCmdRead() {
         int maxIdx = m_max_idx;
         for (int i = 0; i < maxIdx && i < AV_MAX_RECEIVER; i++) {
             AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-            PAL_MutexLock(s._lpmutex, 1);
-            bool match = strcmp(s.pReceiverIP, addr) == 0;
-            if (match && ts != nullptr) s.ReqTs = (uint32_t)strtoul(ts + 7, nullptr, 10);
-            PAL_MutexUnLock(s._lpmutex);
-            if (match) break;
+            PalLock lock(s._lpmutex);
+            if (strcmp(s.pReceiverIP, addr) != 0) continue;
+            if (ts != nullptr) s.ReqTs = (uint32_t)strtoul(ts + 7, nullptr, 10);
+            break;
         }
         _notify(AVMSG_RECEIVER_FOUND, (intptr_t)addr, (intptr_t)msg, (intptr_t)this, 0);
     } else if (strstr(msg, "MASTERSEARCH") != nullptr) {
@@ -635,12 +622,13 @@ int CAVStreamer::SendResponse(int index, unsigned short cseq) {
 int CAVStreamer::SendResSetup(int index, unsigned short cseq) {
     AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
     char reply[AV_TCP_REQ_BUF_SIZE] = {0};
-    PAL_MutexLock(s._lpmutex, 1);
-    snprintf(reply, sizeof(reply),
-             "RTSP/1.0 200 OK\r\nCseq: %d\r\nTransport: "
-             "RTP/AVP;unicast;client_port=%d-%d;server_port=%d-%d\r\n\r\n",
-             cseq, s.uwClientRtpPort, s.uwClientRtcpPort, m_RtpSvr.uwPort, m_RtcpSvr.uwPort);
-    PAL_MutexUnLock(s._lpmutex);
+    {
+        PalLock lock(s._lpmutex);
+        snprintf(reply, sizeof(reply),
+                 "RTSP/1.0 200 OK\r\nCseq: %d\r\nTransport: "
+                 "RTP/AVP;unicast;client_port=%d-%d;server_port=%d-%d\r\n\r\n",
+                 cseq, s.uwClientRtpPort, s.uwClientRtcpPort, m_RtpSvr.uwPort, m_RtcpSvr.uwPort);
+    }
     debug_UI("[AVStreamer m_groupId : %d] AVRcvSess[%d]==============", m_groupId, index);
     debug_UI("[AVStreamer m_groupId : %d] SETUP ACK", m_groupId);
     return _session_write(index, reply) == AV_WRITE_OK ? 1 : 0;
@@ -664,14 +652,6 @@ int CAVStreamer::SendSDP(int index, unsigned short cseq) {
     return _session_write(index, reply, AV_STREAMER_STATE_SEND_SDP) == AV_WRITE_OK ? 1 : 0;
 }
 
-// Waits for a worker thread's way-out signal, then forgets the semaphore.
-static void wait_and_delete_sem(PAL_SEM** sem) {
-    if (*sem == nullptr) return;
-    PAL_SemWait(*sem, 1);
-    PAL_SemDelete(*sem);
-    *sem = nullptr;
-}
-
 static void close_server_sock(AV_STREAMER_SOCK* s) {
     if (s->nSock > 0) PAL_SockClose(s->nSock);
     s->nSock = -1;
@@ -679,19 +659,19 @@ static void close_server_sock(AV_STREAMER_SOCK* s) {
 
 int CAVStreamer::ServerClose() {
     _wake_server();  // the control server sees m_bSerExit now, not at its next deadline
-    wait_and_delete_sem(&m_pMusicSrcSem);
+    // Woken by the close, each thread ends within one pass of its loop: the
+    // music source within one wait on its semaphore (AV_MUSIC_WAIT_MS) or
+    // one chunk, the control server within one poll, the stream thread
+    // within one packet's time. At the bound the close logs the thread as
+    // late and waits on: what it uses is freed below.
+    m_musicWorker.Stop(kThreadStopMs);
     debug_UI("ServerClose ServerListen Thread quit2");
-    // Woken above, the control server ends within one pass of its loop.
-    m_serverWorker.Stop(kServerStopMs);
-    wait_and_delete_sem(&m_pRtpSvrSem);
-    PAL_ThreadExit(m_hMusicSrcThrId);
-    m_hMusicSrcThrId = nullptr;
-    PAL_ThreadExit(m_hRtpSvrThrId);
-    m_hRtpSvrThrId = nullptr;
+    m_serverWorker.Stop(kThreadStopMs);
+    m_rtpWorker.Stop(kThreadStopMs);
 
     for (int i = 0; i < AV_MAX_RECEIVER; i++) {
         AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-        PAL_MutexLock(s._lpmutex, 1);
+        PalLock lock(s._lpmutex);
         int sock = s.hTcpClientSock;
         s.hTcpClientSock = -1;
         if (sock >= 0) s.hStaleSock = sock;
@@ -704,7 +684,7 @@ int CAVStreamer::ServerClose() {
         s.pFD = nullptr;
         int rtp = s._rtp_sock;
         s._rtp_sock = -1;
-        PAL_MutexUnLock(s._lpmutex);
+        lock.Unlock();
         // The mutex stays: discovery may still ask for this receiver.
         if (rtp >= 0) PAL_SockClose(rtp);
     }
