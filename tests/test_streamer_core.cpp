@@ -198,6 +198,9 @@ TEST_F(StreamerCore, HandshakeIsExactHostileRequestsDisturbNobodyAndLeavesAreGua
     EXPECT_NE(0u, Locked(1, [&] { return Sess(1).uwAliveClock; }));
     EXPECT_EQ(1, events.Count(AVMSG_RECEIVER_FOUND));
     EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+    ScriptedReceiver third("127.0.0.2");  // every receiver has its session now
+    ASSERT_TRUE(third.Connect(kTcpPort));
+    EXPECT_TRUE(third.ClosedByPeer());
 
     // A JOIN's time stamp guards against an older LEAVE; TEARDOWN of the
     // last one ends the service.
@@ -294,6 +297,36 @@ TEST(StreamerFilters, EveryRoleAndChannelCountPicksItsChannel) {
     st.PcmChannelFilter2Channel(big.data(), 70000, 2, AV_CHANNEL_FRONT_LEFT, out.data());
     EXPECT_EQ(7, out[2 * 65534 + 1]);
     EXPECT_EQ(0, out[2 * 65535]);
+}
+
+TEST_F(StreamerCore, AnAbsentReceiverDelaysTheStartTwoSecondsAndIsDroppedAtFive) {
+    unsigned int search = NowMs();
+    Open({{"127.0.0.2", AV_CHANNEL_FRONT_LEFT, 1}, {"127.0.0.3", AV_CHANNEL_FRONT_RIGHT, 2}});
+    for (int i = 0; i < 2; i++) {
+        PAL_MutexLock(Sess(i)._lpmutex, 1);
+        Probe::Receivers(st).AVReceiver[i].SearchTs = search;
+        Probe::Receivers(st).AVReceiver[i].bIsSync = 1;
+        PAL_MutexUnLock(Sess(i)._lpmutex);
+    }
+    ScriptedReceiver r1("127.0.0.2");
+    ASSERT_TRUE(r1.Connect(kTcpPort));
+    static char pcm[16384];  // the line-up wants 14001 bytes queued
+    ASSERT_TRUE(st->ReceiverMediaWrite(0, pcm, sizeof(pcm)));
+    ASSERT_EQ(5u, r1.Handshake().size());
+    ASSERT_EQ(1412u, r1.Rtp(10000).size());  // started without the absent one ...
+    EXPECT_GE(NowMs() - search, 2000u);
+    // ... which loses its sync, and later its entry, after the event.
+    EXPECT_TRUE(WaitUntil(
+        [&] { return Locked(1, [&] { return Probe::Receivers(st).AVReceiver[1].bIsSync; }) == 0; },
+        3000));
+    EXPECT_EQ(1, Locked(0, [&] { return Probe::Receivers(st).AVReceiver[0].bIsSync; }));
+    StreamerEvent reset;
+    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 15000, &reset));
+    EXPECT_GE(NowMs() - search, 5000u);
+    EXPECT_EQ("127.0.0.3", reset.textA);
+    EXPECT_TRUE(WaitUntil([&] { return Probe::ReceiverCount(st) == 1; }, 3000));
+    EXPECT_TRUE(WaitUntil([&] { return Probe::MaxIdx(st) == 1; }, 3000));
+    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
 }
 
 TEST_F(StreamerCore, DroppingTheLastReceiverStopsTheService) {
