@@ -44,6 +44,12 @@ public:
         if (m_held) PAL_MutexUnLock(m_mutex);
         m_held = false;
     }
+    // Takes it back after Unlock (a wait done without it); nothing if held.
+    // Only this guard's take is released and taken back: a recursive holder
+    // from an outer frame keeps the mutex throughout.
+    void Lock() {
+        if (!m_held) m_held = PAL_MutexLock(m_mutex, 1) == 0;
+    }
     PalLock(const PalLock&) = delete;
     PalLock& operator=(const PalLock&) = delete;
 

@@ -191,11 +191,11 @@ bool PlurafonMgr::_read_nic_info() {
 }
 
 void PlurafonMgr::_remove_all_device_info() {
-    PAL_MutexLock(_lpdevmutex, 1);
+    PalLock lock(_lpdevmutex);
     LPDEVICE_INFO device = _lpdevice_info;
     _lpdevice_info = _lpdevice_info_last = nullptr;
     _lpmydivice_info = nullptr;
-    PAL_MutexUnLock(_lpdevmutex);
+    lock.Unlock();  // the records are no one else's now
     while (device) {
         LPDEVICE_INFO next = device->_next;
         m_deviceHandles.Remove(device->_handle);
@@ -272,10 +272,9 @@ int PlurafonMgr::LoadMyDevice() {
     }
     LPDEVICE_INFO mine = _find_device(nullptr, m_MyDevice.pReceiverMac);
     if (mine && !mine->_isExist) {
-        PAL_MutexLock(_lpdevmutex, 1);
+        PalLock lock(_lpdevmutex);
         CopyField(mine->_ip, sizeof(mine->_ip), m_MyDevice.pReceiverIP);
         mine->_isExist = true;
-        PAL_MutexUnLock(_lpdevmutex);
     } else {
         // A record already present is not reused: the phone is appended
         // once more.
@@ -299,12 +298,13 @@ int PlurafonMgr::AddMyDevice(int group_id) {
     }
     LPDEVICE_INFO mine = _find_device(nullptr, m_MyDevice.pReceiverMac);
     if (mine) {
-        PAL_MutexLock(_lpdevmutex, 1);
-        CopyField(mine->_ip, sizeof(mine->_ip), m_MyDevice.pReceiverIP);
-        CopyField(mine->_Guid, sizeof(mine->_Guid), m_MyDevice.pReceiverGuid);
-        mine->_mReceiverType = 0;
-        mine->_isExist = true;
-        PAL_MutexUnLock(_lpdevmutex);
+        {
+            PalLock lock(_lpdevmutex);
+            CopyField(mine->_ip, sizeof(mine->_ip), m_MyDevice.pReceiverIP);
+            CopyField(mine->_Guid, sizeof(mine->_Guid), m_MyDevice.pReceiverGuid);
+            mine->_mReceiverType = 0;
+            mine->_isExist = true;
+        }
         debug_UI("PlurafonMgr::AddMyDevice IsExistedDevice %d", 1);
     } else {
         mine = _add_receiver_device(m_MyDevice.pReceiverIP, m_MyDevice.pReceiverMac,

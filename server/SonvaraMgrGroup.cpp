@@ -20,7 +20,7 @@ LPGROUP_INFO PlurafonMgr::_group_by_id(int group_id) const {
 
 int PlurafonMgr::_add_group(LPGROUP_INFO group) {
     debug_UI("[_add_group]+++");
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     group->_next = nullptr;
     group->_gid = m_groupIds.Add(group);
     if (group->_gid) {
@@ -33,7 +33,6 @@ int PlurafonMgr::_add_group(LPGROUP_INFO group) {
         _group_cnt++;
     }
     debug_UI("[_add_group]--- group count %d", _group_cnt);
-    PAL_MutexUnLock(_lpmutex);
     return group->_gid;
 }
 
@@ -250,10 +249,9 @@ int PlurafonMgr::DeleteGroup(int group_id) {
 }
 
 int PlurafonMgr::ChangeGroupName(int group_id, const char* newGrougName) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(group_id);
     if (group) CopyField(group->group_name, sizeof(group->group_name), newGrougName);
-    PAL_MutexUnLock(_lpmutex);
     return group ? 0 : PLURAFON_ERR_SEEK_GROUP_ID;
 }
 
@@ -347,7 +345,7 @@ int PlurafonMgr::GetDeviceStateInGroup(int groupId, int idx) {
 
 int PlurafonMgr::SetDeviceEnableInGroup(int group_id, const char* pReceiverIP, const char* pMacAddr,
                                         int bIsService) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(group_id);
     LPGITEM item = _find_item_in_group_l(group, pMacAddr);
     int old = item ? item->bIsService : 0;
@@ -357,7 +355,7 @@ int PlurafonMgr::SetDeviceEnableInGroup(int group_id, const char* pReceiverIP, c
         item->bIsService = bIsService;
         if (bIsService == 0 && old != 0 && handle) item->DeviceState = DEVICE_STATE_STANDBY;
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();  // no streamer is entered with the group lock held
 
     if (!item) return PLURAFON_ERR_ITEM_NOT_FOUND;
     if (old == bIsService) return 0;
@@ -371,7 +369,7 @@ int PlurafonMgr::SetDeviceEnableInGroup(int group_id, const char* pReceiverIP, c
 
 int PlurafonMgr::UpdateDeviceChannelType(int group_id, const char* DeviceInfo,
                                          const char* pDeviceMac, int type) {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int ret = 0;
     int handle = 0;
     LPGROUP_INFO group = _group_by_id(group_id);
@@ -390,19 +388,18 @@ int PlurafonMgr::UpdateDeviceChannelType(int group_id, const char* DeviceInfo,
         debug_UI("PlurafonMgr::UpdateDeviceChannel--- current channel id %d", item->_type);
         handle = group->_lpavsender;
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();
     if (ret == 0 && handle) ret = AVSenderReceiverUpdateChannel(handle, DeviceInfo, type);
     return ret;
 }
 
 int PlurafonMgr::_debug_print_all_group() {
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     debug_UI("[_debug_print_all_group] group count %d", _group_cnt);
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
         debug_UI("group_id %u group_name %s device_count %d", (unsigned)g->_gid, g->group_name,
                  g->_gitem_cnt);
     }
-    PAL_MutexUnLock(_lpmutex);
     return 0;
 }
 
@@ -425,7 +422,7 @@ int PlurafonMgr::LoadGroup(const char* path) {
         LPGROUP_INFO groups = rw.GetGroupList();
         LPDEVICE_INFO devices = rw.GetDeviceList();
         PalLock lock(_lpmutex);
-        PAL_MutexLock(_lpdevmutex, 1);
+        PalLock devLock(_lpdevmutex);
         // A MAC the registry already knows keeps its record: the loaded
         // members are pointed at it and the loaded copy is dropped.
         std::unordered_map<std::string, LPDEVICE_INFO> known;
@@ -451,7 +448,7 @@ int PlurafonMgr::LoadGroup(const char* path) {
             }
             devices = next;
         }
-        PAL_MutexUnLock(_lpdevmutex);
+        devLock.Unlock();
         while (groups) {
             LPGROUP_INFO next = groups->_next;
             for (LPGITEM item = groups->_lpdevice_list; item; item = item->_next) {

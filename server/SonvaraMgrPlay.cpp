@@ -50,7 +50,7 @@ int PlurafonMgr::Open(int group_id, const char* source_url, const char* contentT
     memset(&receivers, 0, sizeof(receivers));
 
     int ret = 0;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(group_id);
     if (!group) {
         ret = PLURAFON_ERR_GROUP_ID;
@@ -88,7 +88,7 @@ int PlurafonMgr::Open(int group_id, const char* source_url, const char* contentT
             ret = PLURAFON_ERR_NO_PLAY_DEVICE;
         }
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();  // the streamer is made without it
     if (ret != 0) return ret;
 
     int handle = 0;
@@ -185,20 +185,16 @@ void PlurafonMgr::StopStreamer(int handle) {
 void PlurafonMgr::StopEnd(int group_id, int bReuse) {
     // The group may have been deleted, or opened again, while its old
     // streamer ended; a new stream keeps its registry entries and states.
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(group_id);
     bool reopened = group && group->_lpavsender;
-    PAL_MutexUnLock(_lpmutex);
     if (bReuse == 0 && !reopened) ServiceDeviceDeleteGroup(group_id);
     debug_UI("PlurafonMgr::Stop m_pDeviceList->DeviceCnt : %d", ServiceDeviceGetCntList());
-    PAL_MutexLock(_lpmutex, 1);
-    group = _group_by_id(group_id);
     if (group && !group->_lpavsender) {
         for (LPGITEM item = group->_lpdevice_list; item; item = item->_next) {
             if (item->DeviceState == DEVICE_STATE_PLAY) item->DeviceState = DEVICE_STATE_STANDBY;
         }
     }
-    PAL_MutexUnLock(_lpmutex);
     debug_UI("PlurafonMgr::Stop---");
 }
 
@@ -263,13 +259,13 @@ int PlurafonMgr::Resume(int group_id) {
 int PlurafonMgr::DevicePlay(int group_id, const char* pReceiverIP, const char* pMacAddr, int type,
                             int volume) {
     debug_UI("PlurafonMgr::DevicePlay+++");
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     LPGROUP_INFO group = _group_by_id(group_id);
     LPGITEM item = _find_item_in_group_l(group, pMacAddr);
     bool bAlready = item && item->DeviceState == DEVICE_STATE_PLAY;
     if (item) item->DeviceState = DEVICE_STATE_PLAY;
     int handle = group ? (int)group->_lpavsender : 0;
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();
     if (!item) return PLURAFON_ERR_ITEM_NOT_FOUND;
     if (bAlready) {
         debug_UI("PlurafonMgr::DevicePlay--- AlreadyPlay");

@@ -75,13 +75,14 @@ int PlurafonMgr::SearchDevice(bool bNotify) {
         LPDEVICE_INFO device = _find_device(found->pReceiverIP, found->pReceiverMac);
         bool bReport = false;
         if (device) {
-            PAL_MutexLock(_lpdevmutex, 1);
-            if (!device->_isExist) {
-                device->_isExist = true;
-                CopyField(device->_ip, sizeof(device->_ip), found->pReceiverIP);
-                device->_bIsPlay = 1;
+            {
+                PalLock lock(_lpdevmutex);
+                if (!device->_isExist) {
+                    device->_isExist = true;
+                    CopyField(device->_ip, sizeof(device->_ip), found->pReceiverIP);
+                    device->_bIsPlay = 1;
+                }
             }
-            PAL_MutexUnLock(_lpdevmutex);
             bReport = bNotify && !device->_bserch_notify && _lpnotify;
             if (bReport) debug_UI("[SearchDevice] notify device 2");
         } else {
@@ -131,9 +132,8 @@ int PlurafonMgr::_device_search_thread(void* arg) {
     if (ok) mgr->_update_member_state_after_search(false);
     if (mgr->_lpnotify) mgr->_lpnotify->NoitfyDeviceSearchComplete(ok ? 1 : 0);
     debug_UI("_device_search_thread---b: %d", ok ? 1 : 0);
-    PAL_MutexLock(mgr->_lpSearchingLock, 1);
+    PalLock lock(mgr->_lpSearchingLock);
     mgr->m_bSearching = false;
-    PAL_MutexUnLock(mgr->_lpSearchingLock);
     return 0;
 }
 
@@ -152,11 +152,12 @@ bool PlurafonMgr::_device_search_async() {
     debug_UI(">>> search device count %d", count);
 
     // What did not answer is gone, except the phone itself.
-    PAL_MutexLock(_lpdevmutex, 1);
-    for (LPDEVICE_INFO d = _lpdevice_info; d; d = d->_next) {
-        if (strcmp(d->_ip, m_MyDevice.pReceiverIP) != 0) d->_isExist = false;
+    {
+        PalLock lock(_lpdevmutex);
+        for (LPDEVICE_INFO d = _lpdevice_info; d; d = d->_next) {
+            if (strcmp(d->_ip, m_MyDevice.pReceiverIP) != 0) d->_isExist = false;
+        }
     }
-    PAL_MutexUnLock(_lpdevmutex);
 
     for (int i = 0; i < count; i++) {
         AV_DEVICE* found = &result->AVDevice[i];
@@ -268,13 +269,13 @@ void PlurafonMgr::_on_receiver_found(const char* ipText, const char* text, int h
     // (it now asks to join anew); its member waits in standby.
     bool bWaitReset = AVSenderResetAcceptWaitReceiverInfo(hStreamer, ip) != 0;
     int groupId = 0;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     groupId = _find_group_id_by_device(ip, req.mac);
     LPGITEM item = groupId ? _find_item_in_group_l(_group_by_id(groupId), req.mac) : nullptr;
     if (item && (bWaitReset || (device && item->DeviceState != DEVICE_STATE_PLAY))) {
         item->DeviceState = DEVICE_STATE_STANDBY;
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();  // the notifier is called with no lock held
 
     LPDEVICE_INFO added = nullptr;
     if (!device) {
@@ -294,7 +295,7 @@ void PlurafonMgr::_on_receiver_reset(const char* ipText) {
     CopyField(ip, sizeof(ip), ipText);
     LPDEVICE_INFO device = _find_device_by_ip(ip);
     if (!device || !_lpnotify) return;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     int groupId = _find_group_id_by_receiverIP(ip);
     LPGITEM item =
         groupId ? _find_item_in_group_l(_group_by_id(groupId), device->_MacAddr) : nullptr;
@@ -302,7 +303,7 @@ void PlurafonMgr::_on_receiver_reset(const char* ipText) {
         if (item->DeviceState == DEVICE_STATE_PLAY) ServiceDeviceDeleteReceiver(ip);
         item->DeviceState = DEVICE_STATE_STANDBY;
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();
     if (item) _lpnotify->NotifyResetDeviceInfo(groupId, ip);
 }
 
@@ -325,7 +326,7 @@ void PlurafonMgr::_on_receiver_died(const char* ipText) {
     // Streams to take the receiver out of: collected under the lock, told
     // after it, so that no streamer is entered with the group lock held.
     std::vector<int> streams;
-    PAL_MutexLock(_lpmutex, 1);
+    PalLock lock(_lpmutex);
     for (LPGROUP_INFO g = _lpgroup_info; g; g = g->_next) {
         for (LPGITEM item = g->_lpdevice_list; item; item = item->_next) {
             if (strcmp(item->_lpdevice->_ip, ip) != 0) continue;
@@ -334,7 +335,7 @@ void PlurafonMgr::_on_receiver_died(const char* ipText) {
             if (g->bIsPlay == 1 && g->_lpavsender) streams.push_back(g->_lpavsender);
         }
     }
-    PAL_MutexUnLock(_lpmutex);
+    lock.Unlock();
     for (int handle : streams) {
         AVSenderReceiverOut(handle, ip);
         ServiceDeviceDeleteReceiver(ip);

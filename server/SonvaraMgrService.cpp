@@ -93,11 +93,12 @@ void PlurafonMgr::ServiceDeviceAdd(int groupId, const char* ip) {
     if (!item) return;
     item->groupId = groupId;
     CopyField(item->pIP, sizeof(item->pIP), ip);
-    PAL_MutexLock(m_pDeviceList->pMutex, 1);
-    debug_UI("[PlurafonMgr] ServiceDeviceAdd pList : %d", m_pDeviceList->list ? 1 : 0);
-    _ring_append(&m_pDeviceList->list, item);
-    m_pDeviceList->DeviceCnt++;
-    PAL_MutexUnLock(m_pDeviceList->pMutex);
+    {
+        PalLock lock(m_pDeviceList->pMutex);
+        debug_UI("[PlurafonMgr] ServiceDeviceAdd pList : %d", m_pDeviceList->list ? 1 : 0);
+        _ring_append(&m_pDeviceList->list, item);
+        m_pDeviceList->DeviceCnt++;
+    }
     debug_UI("[PlurafonMgr] ServiceDeviceAdd <<<<<<<<<<<<<<");
 }
 

@@ -16,12 +16,11 @@
 // streamer, a finalizing engine no manager. A thread that already holds the
 // lock (an event raised on the calling Java thread's own stack) enters
 // again instead of waiting for itself.
-// Locks: _mgmutex (guards glpMgr, glpNotify, mGuidrw, the String constructor
-// cache, _engine_waits, _finalizing, _wifi_closing and every manager call
-// made from Java).
-// It is the outermost lock.
+// Locks: _mgmutex, a PAL mutex taken with PalLock (guards glpMgr,
+// glpNotify, mGuidrw, the String constructor cache, _engine_waits,
+// _finalizing, _wifi_closing, the sleepers' list and every manager call
+// made from Java). It is the outermost lock.
 #include <jni.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -51,93 +50,6 @@
 static const char* const kClassPathName = "com/sonvara/multiroom/SonvaraNativeMgr";
 
 namespace {
-
-// The bridge lock: a pthread mutex that its holder may take again (depth
-// counted), with a condition for callers that wait for the engine to
-// change state with the lock released.
-class BridgeLock {
-public:
-    BridgeLock() : m_owner(0), m_depth(0) {
-        pthread_mutex_init(&m_mutex, nullptr);
-        pthread_cond_init(&m_cond, nullptr);
-    }
-    ~BridgeLock() {
-        pthread_cond_destroy(&m_cond);
-        pthread_mutex_destroy(&m_mutex);
-    }
-    void lock() {
-        int self = jniGetTid();
-        if (m_owner.load() == self) {
-            m_depth++;
-            return;
-        }
-        pthread_mutex_lock(&m_mutex);
-        m_owner = self;
-        m_depth = 1;
-    }
-    void unlock() {
-        if (--m_depth > 0) return;
-        m_owner = 0;
-        pthread_mutex_unlock(&m_mutex);
-    }
-    // True for a holder that has taken the lock again on its own stack.
-    bool nested() const { return m_depth > 1; }
-    // Holder only, not nested: sleeps with the lock released until
-    // Broadcast. Every caller loops on its own condition.
-    void wait() {
-        int self = m_owner.load();
-        m_owner = 0;
-        m_depth = 0;
-        pthread_cond_wait(&m_cond, &m_mutex);
-        m_owner = self;
-        m_depth = 1;
-    }
-    void broadcast() { pthread_cond_broadcast(&m_cond); }
-
-private:
-    BridgeLock(const BridgeLock&) = delete;
-    BridgeLock& operator=(const BridgeLock&) = delete;
-    pthread_mutex_t m_mutex;
-    pthread_cond_t m_cond;
-    std::atomic<int> m_owner;  // thread id of the holder, 0 when free
-    int m_depth;               // the holder's takes; written by the holder only
-};
-
-// Holds a BridgeLock for one scope; a null lock means "no lock".
-class autoLock {
-public:
-    explicit autoLock(BridgeLock* m) : mLock(m) {
-        if (mLock != nullptr) mLock->lock();
-    }
-    ~autoLock() {
-        if (mLock != nullptr) mLock->unlock();
-    }
-
-private:
-    autoLock(const autoLock&) = delete;
-    autoLock& operator=(const autoLock&) = delete;
-    BridgeLock* mLock;
-};
-
-// Releases a held BridgeLock for one scope (a wait for the engine) and takes
-// it back at the end. A nested holder keeps it: its outer call on the same
-// thread is in the middle of a manager operation, so the wait is done with
-// the lock held, as before.
-class autoUnlock {
-public:
-    explicit autoUnlock(BridgeLock* m) : mLock(m), mReleased(!m->nested()) {
-        if (mReleased) mLock->unlock();
-    }
-    ~autoUnlock() {
-        if (mReleased) mLock->lock();
-    }
-
-private:
-    autoUnlock(const autoUnlock&) = delete;
-    autoUnlock& operator=(const autoUnlock&) = delete;
-    BridgeLock* mLock;
-    bool mReleased;
-};
 
 // The string arguments of one call, obtained in order with GetStringUTFChars
 // and released together when the call ends. Conversion stops at the first
@@ -207,7 +119,26 @@ const CallShape kUnlockedCode = {ORVELLE_SENDER_ERR_MGR_NULL, ORVELLE_SENDER_ERR
 
 static std::atomic<PlurafonMgr*> glpMgr(nullptr);
 static PlurafonNotify* glpNotify = nullptr;
-static BridgeLock _mgmutex;
+// The bridge lock: a PAL mutex, so a thread that holds it (an event raised
+// on a calling Java thread's own stack) takes it again instead of waiting
+// for itself. A function that releases it part-way for a wait (PalLock's
+// Unlock, then Lock) releases only its own take: a holder from an outer frame
+// keeps it, and its wait is done with the lock held, as before.
+static PAL_MUTEX* _make_bridge_mutex() {
+    PAL_MUTEX* m = nullptr;
+    return PAL_MutexCreate(&m) ? m : nullptr;
+}
+static PAL_MUTEX* const _mgmutex = _make_bridge_mutex();
+
+// A caller sleeping, with the lock released, until the engine changes state
+// (a Finalize or a Wi-Fi loss ends, an engine wait finishes): a semaphore of
+// its own in a list guarded by the lock, so that every sleeper present at a
+// wake-up gets it.
+struct BridgeSleeper {
+    PAL_SEM* sem;
+    BridgeSleeper* next;
+};
+static BridgeSleeper* _sleepers = nullptr;
 static int _engine_waits = 0;       // Stop and seekTo calls waiting with the lock released
 static bool _finalizing = false;    // Finalize is ending the manager with the lock released
 static bool _wifi_closing = false;  // DisconnectedWiFi is ending streams with the lock released
@@ -327,7 +258,7 @@ static long long get_boottime_usec() {
 template <typename F>
 static jint _call_mgr(JNIEnv* env, const char* name, const CallShape& shape,
                       std::initializer_list<jstring> strs, F op) {
-    autoLock lock(shape.locked ? &_mgmutex : nullptr);
+    PalLock lock(shape.locked ? _mgmutex : nullptr);
     if (shape.exitFmt != nullptr) debug_UI("%s+++", name);
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) {
@@ -348,7 +279,7 @@ static jint _call_mgr(JNIEnv* env, const char* name, const CallShape& shape,
 // A query without string arguments or logs: the manager's answer or noMgr.
 template <typename T, typename F>
 static T _query_mgr(T noMgr, F op) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     PlurafonMgr* mgr = glpMgr.load();
     return mgr != nullptr ? op(mgr) : noMgr;
 }
@@ -359,24 +290,49 @@ enum NoText { kNullWhenNone, kEmptyWhenNone };
 // UTF-8 decoding; other texts through NewStringUTF.
 template <typename F>
 static jstring _text_query(JNIEnv* env, NoText none, bool isName, F op) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     PlurafonMgr* mgr = glpMgr.load();
     const char* text = mgr != nullptr ? op(mgr) : nullptr;
     if (text == nullptr) return none == kEmptyWhenNone ? env->NewStringUTF("") : nullptr;
     return isName ? _name_to_java(env, text) : jniNewStringUTF(env, text);
 }
 
+// Holder of the lock (its one take): sleeps with it released until
+// _wake_sleepers_l, then takes it back. Callers loop on their condition.
+static void _sleep_l(PalLock* lock) {
+    BridgeSleeper me = {nullptr, _sleepers};
+    if (!PAL_SemCreate(&me.sem, 0)) {
+        // No semaphore (no memory): look again after a short sleep.
+        lock->Unlock();
+        PAL_ThreadSleep(10);
+        lock->Lock();
+        return;
+    }
+    _sleepers = &me;
+    lock->Unlock();
+    PAL_SemWait(me.sem, 1);
+    lock->Lock();
+    PAL_SemDelete(me.sem);
+}
+
+// Wakes every sleeper; each takes itself off the list by being woken.
+static void _wake_sleepers_l() {
+    for (BridgeSleeper* s = _sleepers; s != nullptr; s = s->next) PAL_SemSignal(s->sem, 1);
+    _sleepers = nullptr;
+}
+
 // False when the engine is busy (*busy: a Finalize, a Wi-Fi loss) and this
 // thread may not wait for it: it delivers an event, and the engine's work
 // waits for the threads that deliver events. Otherwise waits, with the lock
-// released, until it is done.
-static bool _wait_while_l(const bool* busy, const char* name) {
+// released, until it is done. (A thread that holds the lock from an outer
+// frame is inside an event raised on its own stack, so it never sleeps.)
+static bool _wait_while_l(PalLock* lock, const bool* busy, const char* name) {
     while (*busy) {
         if (PlurafonNotify::InCallback()) {
             debug_UI("%s from inside an event while the engine is busy: refused", name);
             return false;
         }
-        _mgmutex.wait();
+        _sleep_l(lock);
     }
     return true;
 }
@@ -392,9 +348,9 @@ static bool _wait_while_l(const bool* busy, const char* name) {
 template <typename B, typename W, typename E>
 static jint _call_mgr_waiting(const char* name, const CallShape& shape, bool* busy, jint busyAnswer,
                               B begin, W wait, E end) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     debug_UI("%s+++", name);
-    if (busy != nullptr && !_wait_while_l(busy, name)) {
+    if (busy != nullptr && !_wait_while_l(&lock, busy, name)) {
         debug_UI(shape.exitFmt, name, busyAnswer);
         return busyAnswer;
     }
@@ -407,14 +363,13 @@ static jint _call_mgr_waiting(const char* name, const CallShape& shape, bool* bu
     if (ret == 0) {
         _engine_waits++;
         if (busy != nullptr) *busy = true;
-        {
-            autoUnlock unlocked(&_mgmutex);
-            ret = wait(mgr);
-        }
+        lock.Unlock();
+        ret = wait(mgr);
+        lock.Lock();
         if (busy != nullptr) *busy = false;
         _engine_waits--;
         end(mgr);
-        _mgmutex.broadcast();
+        _wake_sleepers_l();
     }
     debug_UI(shape.exitFmt, name, ret);
     return ret;
@@ -433,9 +388,9 @@ static void _destroy_engine_l() {
 }
 
 static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring juuid) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     debug_UI("Java_PlurafonMgr_Initialize+++");
-    if (!_wait_while_l(&_finalizing, "Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
+    if (!_wait_while_l(&lock, &_finalizing, "Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
     if (glpMgr.load() != nullptr && glpNotify != nullptr) {
         debug_UI("Java_PlurafonMgr_Initialize--- already init");
         return 0;
@@ -479,25 +434,24 @@ static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring 
 // call finds no manager. A Finalize from inside an event is refused: the
 // manager's end would wait for the thread making it.
 static jint Java_SonvaraNativeMgr_Finalize(JNIEnv*, jobject) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     debug_UI("Java_PlurafonMgr_Finalize+++");
     if (PlurafonNotify::InCallback()) {
         debug_UI("Java_PlurafonMgr_Finalize--- refused inside an event");
         return ORVELLE_SENDER_ERR_IN_EVENT;
     }
-    _wait_while_l(&_finalizing, "Finalize");
-    while (_engine_waits > 0) _mgmutex.wait();
+    _wait_while_l(&lock, &_finalizing, "Finalize");
+    while (_engine_waits > 0) _sleep_l(&lock);
     PlurafonMgr* mgr = glpMgr.exchange(nullptr);
     PlurafonNotify* notify = glpNotify;
     glpNotify = nullptr;
     _finalizing = true;
-    {
-        autoUnlock unlocked(&_mgmutex);
-        delete mgr;
-        delete notify;
-    }
+    lock.Unlock();
+    delete mgr;
+    delete notify;
+    lock.Lock();
     _finalizing = false;
-    _mgmutex.broadcast();
+    _wake_sleepers_l();
     debug_UI("Java_PlurafonMgr_Finalize---");
     return 0;
 }
@@ -561,7 +515,7 @@ static jint Java_SonvaraNativeMgr_seekTo(JNIEnv*, jobject, jint group_id, jint p
 
 // Answers the new group's id, or 0 on either failure.
 static jint Java_SonvaraNativeMgr_CreateGroup(JNIEnv* env, jobject, jstring strGroupName) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     debug_UI("CreateGroup+++");
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) {
@@ -835,8 +789,8 @@ static jint Java_SonvaraNativeMgr_DisconnectedWiFi(JNIEnv*, jobject) {
 // Opens discovery only after a Wi-Fi loss under way has closed it; from
 // inside an event that loss waits for, it is refused.
 static jint Java_SonvaraNativeMgr_ConnectedWiFi(JNIEnv* env, jobject) {
-    autoLock lock(&_mgmutex);
-    if (!_wait_while_l(&_wifi_closing, "ConnectedWiFi")) return ORVELLE_SENDER_ERR_IN_EVENT;
+    PalLock lock(_mgmutex);
+    if (!_wait_while_l(&lock, &_wifi_closing, "ConnectedWiFi")) return ORVELLE_SENDER_ERR_IN_EVENT;
     return _call_mgr(env, "ConnectedWiFi", kCode, {},
                      [&](PlurafonMgr* m, const JStrings&) { return m->ConnectedWiFi(); });
 }
@@ -847,7 +801,7 @@ static jint Java_SonvaraNativeMgr_ConnectedWiFi(JNIEnv* env, jobject) {
 // manager. The registry only shrinks outside Java calls (which hold the
 // lock), so the count taken first bounds what the list copy writes.
 static jobjectArray Java_SonvaraNativeMgr_GetServiceDeviceList(JNIEnv* env, jobject) {
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     debug_UI("Java_SonvaraNativeMgr_GetServiceDeviceList+++");
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) return nullptr;
@@ -939,7 +893,7 @@ static bool _guidrw_ready_l() {
 
 static jint Java_SonvaraNativeMgr_SaveGuid(JNIEnv* env, jobject, jstring jpath, jstring juuid) {
     debug_UI("SaveGuid+++");
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     if (!_guidrw_ready_l()) {
         debug_UI("SaveGuid--- Ret %u", ORVELLE_SENDER_ERR_GUIDRW_ALLOC);
         return ORVELLE_SENDER_ERR_GUIDRW_ALLOC;
@@ -951,7 +905,7 @@ static jint Java_SonvaraNativeMgr_SaveGuid(JNIEnv* env, jobject, jstring jpath, 
 
 static jstring Java_SonvaraNativeMgr_LoadGuid(JNIEnv* env, jobject, jstring jpath) {
     debug_UI("LoadGuid+++");
-    autoLock lock(&_mgmutex);
+    PalLock lock(_mgmutex);
     if (!_guidrw_ready_l()) {
         debug_UI("LoadGuid--- Ret %u", ORVELLE_SENDER_ERR_GUIDRW_ALLOC);
         return nullptr;

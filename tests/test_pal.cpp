@@ -217,40 +217,57 @@ TEST(ThreadSync, SemaphoresCountAndAWorkerStopsByItsFlag) {
 }
 
 // A 10-byte ring buffer through a script of calls, each followed by a look
-// at what it holds, its read count and its stamp: transfers whole or
-// nothing, wrapping at the end of the storage; the stamp and read-count
-// rules the play position is built on (the same stamp changes nothing,
-// another restarts the count, a reset restarts it and keeps the stamp).
-TEST(RingBuf, TransfersWholeOrNothingAndTheStampAndCountRules) {
+// at what it holds, its read count, its stamp and whether the writer's wake
+// fired: transfers whole or nothing, wrapping at the end of the storage; the
+// stamp and read-count rules the play position is built on (the same stamp
+// changes nothing, another restarts the count, a reset restarts it and keeps
+// the stamp); a wake for room fires once, on the read or reset that makes
+// the room.
+TEST(RingBuf, TransfersWholeOrNothingStampCountAndWakeRules) {
     PAL_RINGBUF* rb = Pal_RingBufCreate(10);
     ASSERT_NE(nullptr, rb);
+    PAL_SEM* room = nullptr;
+    ASSERT_NE(0, PAL_SemCreate(&room, 0));
     const struct {
-        char call;  // w write, r read (null text: discard n), s stamp n, y sync n/count, z reset
+        char call;         // w write, r read (null text: discard n), s stamp n,
+                           // y sync n/count, z reset, n wake at n free, d disarm
         const char* text;  // bytes written, or the bytes a read must give
         unsigned long n;
         int rc;
         unsigned long used, count;
         unsigned int stamp;
+        bool woken;
     } steps[] = {
-        {'w', "0123456789A", 0, -1, 0, 0, 0},  // larger than the capacity
-        {'w', "abcdefg", 0, 0, 7, 0, 0},
-        {'w', "wxyz", 0, -1, 7, 0, 0},      // does not fit: nothing written
-        {'r', "abcdefgh", 0, -1, 7, 0, 0},  // fewer held: nothing consumed
-        {'r', "abcde", 0, 0, 2, 5, 0},
-        {'w', "hijklmno", 0, 0, 10, 5, 0},  // crosses the end of the storage
-        {'w', "p", 0, -1, 10, 5, 0},
-        {'r', nullptr, 2, 0, 8, 7, 0},  // discards "fg"
-        {'r', "hijklmno", 0, 0, 0, 15, 0},
-        {'s', nullptr, 0, 0, 0, 15, 0},   // the same stamp: the count goes on
-        {'s', nullptr, 30, 0, 0, 0, 30},  // a seek to 30 s restarts the count
-        {'w', "abc", 0, 0, 3, 0, 30},
-        {'r', "abc", 0, 0, 0, 3, 30},
-        {'s', nullptr, 30, 0, 0, 3, 30},  // stamped again each pass with the same value
-        {'w', "xy", 0, 0, 2, 3, 30},
-        {'z', nullptr, 0, 0, 0, 0, 30},
-        {'y', nullptr, 12, 0, 0, 88200, 12},  // a late receiver lined up with another
-        {'w', "ab", 0, 0, 2, 88200, 12},
-        {'r', "ab", 0, 0, 0, 88202, 12},
+        {'w', "0123456789A", 0, -1, 0, 0, 0, false},  // larger than the capacity
+        {'w', "abcdefg", 0, 0, 7, 0, 0, false},
+        {'w', "wxyz", 0, -1, 7, 0, 0, false},      // does not fit: nothing written
+        {'r', "abcdefgh", 0, -1, 7, 0, 0, false},  // fewer held: nothing consumed
+        {'r', "abcde", 0, 0, 2, 5, 0, false},
+        {'w', "hijklmno", 0, 0, 10, 5, 0, false},  // crosses the end of the storage
+        {'w', "p", 0, -1, 10, 5, 0, false},
+        {'r', nullptr, 2, 0, 8, 7, 0, false},  // discards "fg"
+        {'r', "hijklmno", 0, 0, 0, 15, 0, false},
+        {'s', nullptr, 0, 0, 0, 15, 0, false},   // the same stamp: the count goes on
+        {'s', nullptr, 30, 0, 0, 0, 30, false},  // a seek to 30 s restarts the count
+        {'w', "abc", 0, 0, 3, 0, 30, false},
+        {'r', "abc", 0, 0, 0, 3, 30, false},
+        {'s', nullptr, 30, 0, 0, 3, 30, false},  // stamped again each pass, same value
+        {'w', "xy", 0, 0, 2, 3, 30, false},
+        {'z', nullptr, 0, 0, 0, 0, 30, false},
+        {'y', nullptr, 12, 0, 0, 88200, 12, false},  // a late receiver lined up with another
+        {'n', nullptr, 10, 1, 0, 88200, 12, false},  // already empty: nothing armed
+        {'w', "123456789", 0, 0, 9, 88200, 12, false},
+        {'n', nullptr, 6, 0, 9, 88200, 12, false},
+        {'r', nullptr, 3, 0, 6, 88203, 12, false},  // 4 free: not yet
+        {'r', nullptr, 3, 0, 3, 88206, 12, true},
+        {'r', nullptr, 3, 0, 0, 88209, 12, false},  // disarmed: no second wake
+        {'w', "123456789", 0, 0, 9, 88209, 12, false},
+        {'n', nullptr, 7, 0, 9, 88209, 12, false},
+        {'z', nullptr, 0, 0, 0, 0, 12, true},
+        {'w', "123456789", 0, 0, 9, 0, 12, false},
+        {'n', nullptr, 7, 0, 9, 0, 12, false},
+        {'d', nullptr, 0, -1, 9, 0, 12, false},
+        {'z', nullptr, 0, 0, 0, 0, 12, false},
     };
     for (const auto& s : steps) {
         const unsigned long len = s.text ? strlen(s.text) : s.n;
@@ -261,6 +278,8 @@ TEST(RingBuf, TransfersWholeOrNothingAndTheStampAndCountRules) {
         if (s.call == 's') Pal_RingBufSetTimeStamp(rb, (unsigned int)s.n);
         if (s.call == 'y') Pal_RingBufSetSync(rb, (unsigned int)s.n, s.count);
         if (s.call == 'z') Pal_RingBufReset(rb);
+        if (s.call == 'n') rc = Pal_RingBufNotifyRoom(rb, s.n, room);
+        if (s.call == 'd') rc = Pal_RingBufNotifyRoom(rb, 0, nullptr);
         SCOPED_TRACE(std::string(1, s.call) + " " + (s.text ? s.text : std::to_string(s.n)));
         EXPECT_EQ(s.rc, rc);
         if (s.call == 'r' && s.text && rc == 0) {
@@ -270,34 +289,13 @@ TEST(RingBuf, TransfersWholeOrNothingAndTheStampAndCountRules) {
         EXPECT_EQ(10 - s.used, Pal_RingBufAvailable(rb));
         EXPECT_EQ(s.count, Pal_RingBufGetReadSize(rb));
         EXPECT_EQ(s.stamp, Pal_RingBufGetTimeStamp(rb));
+        EXPECT_EQ(s.woken ? 0 : -1, PAL_SemWait(room, 0));
     }
-
-    // A wake for room fires once, on the read or reset that makes the room.
-    PAL_SEM* room = nullptr;
-    ASSERT_NE(0, PAL_SemCreate(&room, 0));
-    EXPECT_EQ(1, Pal_RingBufNotifyRoom(rb, 10, room));  // already empty
-    ASSERT_EQ(0, Pal_RingBufWrite(rb, "123456789", 9));
-    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 6, room));
-    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 3));  // 4 free: not yet
-    EXPECT_EQ(-1, PAL_SemWait(room, 0));
-    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 3));  // 7 free
-    EXPECT_EQ(0, PAL_SemWait(room, 0));
-    ASSERT_EQ(0, Pal_RingBufRead(rb, nullptr, 3));  // disarmed: no second wake
-    EXPECT_EQ(-1, PAL_SemWait(room, 0));
-    ASSERT_EQ(0, Pal_RingBufWrite(rb, "123456789", 9));
-    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 7, room));
-    Pal_RingBufReset(rb);
-    EXPECT_EQ(0, PAL_SemWait(room, 0));
-    ASSERT_EQ(0, Pal_RingBufWrite(rb, "123456789", 9));
-    EXPECT_EQ(0, Pal_RingBufNotifyRoom(rb, 7, room));
-    EXPECT_EQ(-1, Pal_RingBufNotifyRoom(rb, 0, nullptr));  // disarms
-    Pal_RingBufReset(rb);
-    EXPECT_EQ(-1, PAL_SemWait(room, 0));
     PAL_SemDelete(room);
     Pal_RingBufClose(rb);
     EXPECT_EQ(nullptr, Pal_RingBufCreate(0));
-    EXPECT_EQ(-1, Pal_RingBufWrite(nullptr, "a", 1));
     char one;
+    EXPECT_EQ(-1, Pal_RingBufWrite(nullptr, "a", 1));
     EXPECT_EQ(-1, Pal_RingBufRead(nullptr, &one, 1));
 }
 

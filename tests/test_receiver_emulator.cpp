@@ -1,9 +1,10 @@
 // The receiver emulator against a scripted sender on loopback. Every engine
 // end-to-end test has it as the peer, so what those reach (its JOIN, EXIT,
-// DEVICE answers and requests) is left to them; here are what they cannot
-// tell: that its misbehaviours happen, that its report counts the faults it
-// is shown, that its capture is byte-exact and that hostile bytes do not
-// stop it.
+// DEVICE answers and requests) is left to them, and the demo's runs in the
+// suite check its WAV files; here are what they cannot tell: that its
+// misbehaviours happen, that its report counts the faults it is shown, that
+// it keeps every payload across the sequence's wrap and that hostile bytes
+// do not stop it.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -16,9 +17,7 @@
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
-#include "TempDir.h"
 #include "TimeSyncInitiator.h"
-#include "audio_check.h"
 
 namespace {
 
@@ -179,12 +178,8 @@ TEST(ReceiverEmulator, DiscoveryAndEveryMisbehaviourItIsAskedFor) {
     EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
 }
 
-TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvived) {
-    TempDir dir;
-    const std::string path = dir.path + "/received.wav";
-    ReceiverConfig cfg = config("127.0.0.2");
-    rx_copy_text(cfg.wavPath, sizeof(cfg.wavPath), path.c_str());
-    ReceiverEmulator rx(cfg);
+TEST(ReceiverEmulator, StreamFaultsCountedPayloadsKeptAndHostileBytesSurvived) {
+    ReceiverEmulator rx(config("127.0.0.2"));
     ASSERT_EQ(0, rx.Start());
     ScriptedSender tx;
     tx.SendTo(tx.Search({"127.0.0.9", "127.0.0.2"}), "224.1.2.4");
@@ -209,6 +204,8 @@ TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvive
     ASSERT_TRUE(rx.WaitForCommand("UITYPE", 3000));
     ReceiverReport r = rx.Report();
     EXPECT_EQ(0u, r.handshakeErrors) << (r.nErrors ? r.errors[0] : "");
+    EXPECT_EQ(44100, r.sdpRate);
+    EXPECT_EQ(16, r.sdpBits);
     std::vector<ReceiverCommand> cmds = rx.Commands();
     const char* order[] = {"START", "VOLUME", "DEVICETYPE", "VOLUME", "UITYPE"};
     ASSERT_EQ(5u, cmds.size());
@@ -247,7 +244,6 @@ TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvive
     EXPECT_EQ(1u, r.silentPackets);
     EXPECT_EQ(1u, r.timestampErrors);
     EXPECT_EQ(13, r.lastSeq);
-    pcm = rx.Pcm();
     // BYE is answered unless switched off.
     send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
     EXPECT_NE(std::string::npos, read_until(tx.conn).find("BYE_ACK\r\n\r\n"));
@@ -290,20 +286,6 @@ TEST(ReceiverEmulator, StreamFaultsCountedCaptureByteExactAndHostileBytesSurvive
     close(tx.conn);  // the sender closing the connection is seen
     tx.conn = -1;
     EXPECT_TRUE(rx.WaitForDisconnect(3000));
-    rx.Stop();
-    // The file: the canonical 44-byte header at the SDP's format, then the payloads.
-    std::string want = "RIFF";
-    auto le = [&want](unsigned int v, int bytes) {
-        for (int i = 0; i < bytes; i++) want += (char)(v >> (8 * i));
-    };
-    le(36 + (unsigned int)pcm.size(), 4);
-    want += "WAVEfmt ";
-    le(16, 4), le(1, 2), le(2, 2), le(44100, 4), le(44100 * 4, 4), le(4, 2), le(16, 2);
-    want += "data";
-    le((unsigned int)pcm.size(), 4);
-    want.append(pcm.begin(), pcm.end());
-    std::vector<unsigned char> file = read_whole_file(path);
-    EXPECT_TRUE(std::string(file.begin(), file.end()) == want) << file.size() << " bytes";
 }
 
 TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {

@@ -37,16 +37,8 @@ const int kRequestBufSize = 1400;
 const int kAnswerBufSize = 1400;  // an answer is at most 1399 bytes
 const int kExitBufSize = 1024;    // an EXIT announcement is at most 1023 bytes
 const int kTcpAnswerBufSize = 1024;
-// The collector looks at its exit flag this often, so that a search ends
-// promptly after its collection period.
-const int kCollectorPollMs = 20;
-const int kReceivePollMs = 1000;
-// The sync thread sleeps in slices of this length so that a close is not
-// held up by a long interval.
-const unsigned int kSyncSliceMs = 100;
-
-// A discovery thread's longest step is the receive thread's 1 s wait: its
-// stop waits this long before it logs the thread as late (and waits on).
+// A discovery thread's stop waits this long before it logs the thread as
+// late (and waits on); every thread wakes at once when asked to end.
 const unsigned int kWorkerStopMs = 2000;
 
 // Copies at most size - 1 bytes of src and terminates dst.
@@ -66,16 +58,33 @@ int _scan_number(const char* p, unsigned long long* value) {
     return 1;
 }
 
-// 1 readable, 0 time-out, -1 error. poll rather than select: descriptors
-// above FD_SETSIZE are possible in a busy process.
-int _wait_readable(int sock, int timeoutMs) {
-    struct pollfd pfd;
-    pfd.fd = sock;
-    pfd.events = POLLIN;
-    pfd.revents = 0;
-    int r = poll(&pfd, 1, timeoutMs);
+// Sleeps until sock is readable (1), the worker is asked to end or the clock
+// reaches deadline (0; the caller looks at its flag and its deadline), or
+// poll fails or a descriptor is not open (-1). sock -1: no socket; bDeadline false: no deadline.
+// poll rather than select: descriptors above FD_SETSIZE are possible in a busy process.
+int _wait_readable(int sock, const PalWorker& worker, bool bDeadline, unsigned int deadline) {
+    int timeoutMs = -1;
+    if (bDeadline) {
+        int left = (int)(deadline - PAL_GetClock());
+        if (left <= 0) return 0;
+        timeoutMs = left;
+    }
+    struct pollfd pfd[2];
+    int n = 0;
+    pfd[n].fd = worker.ExitFd();
+    pfd[n].events = POLLIN;
+    pfd[n++].revents = 0;
+    if (sock >= 0) {
+        pfd[n].fd = sock;
+        pfd[n].events = POLLIN;
+        pfd[n++].revents = 0;
+    }
+    int r = poll(pfd, n, timeoutMs);
     if (r < 0 && errno == EINTR) return 0;
-    return r < 0 ? -1 : (r > 0 ? 1 : 0);
+    if (r < 0 || (pfd[0].revents & POLLNVAL)) return -1;
+    if (sock < 0) return 0;
+    if (pfd[1].revents & POLLNVAL) return -1;
+    return (pfd[1].revents & (POLLIN | POLLERR)) ? 1 : 0;
 }
 
 // Parses "host:port" into a heap host text; 0, 1 malformed, 4 no memory.
@@ -230,7 +239,8 @@ int CAVRepDlna::CAVRepDlnaClose() {
 // Device search
 
 int CAVRepDlna::_start_worker(PalWorker* worker, const char* name, PAL_THREAD_FUNC body) {
-    switch (worker->Start(name, body, this)) {
+    // Every discovery thread sleeps in poll and is woken by its exit pipe.
+    switch (worker->Start(name, body, this, PalWorker::kExitFd)) {
         case PalWorker::kStarted:
             return TAV_OK;
         case PalWorker::kNoSemaphore:
@@ -274,16 +284,20 @@ int CAVRepDlna::GetDeviceInfo(const char* addr, AV_DEVICE_INFO* pAVDeviceInfo, i
     snprintf(request, sizeof(request), "DEVICE %s:%d\r\nGUID: %s\r\nREQ_TS: %u\r\n", m_pMyIP,
              m_TcpPort, mguid, PAL_GetClock());
     int requestLen = (int)strlen(request);
+    // Each request, and the end of the collection, at its time from the
+    // first request, however long a send or a log line took.
+    unsigned int start = PAL_GetClock();
     for (int i = 0; i < kDeviceRequestCount; i++) {
+        PAL_ThreadSleepUntil(start + (unsigned int)i * kDeviceRequestGapMs);
         debug_UI("===========DEVICE[%d]=================", i);
         debug_UI("====================================");
         // Closed (Wi-Fi lost): nothing goes out, and nobody answers.
         if (m_pMulticastIP) {
             PAL_SockWrite(m_nMulticastSock, PAL_SOCK_UDP, request, requestLen, host, port);
         }
-        PAL_ThreadSleep(kDeviceRequestGapMs);
     }
-    PAL_ThreadSleep(waitMs > 0 ? (unsigned int)waitMs : kDefaultWaitMs);
+    PAL_ThreadSleepUntil(start + kDeviceRequestCount * kDeviceRequestGapMs +
+                         (waitMs > 0 ? (unsigned int)waitMs : kDefaultWaitMs));
 
     m_searchWorker.Stop(kWorkerStopMs);
 
@@ -381,7 +395,9 @@ void CAVRepDlna::_collect_udp() {
     // completes with no devices.
     bool bRun = GetNICInfo(mac, myIp) != 0;
     while (bRun && !m_searchWorker.Exiting()) {
-        int ready = _wait_readable(m_nUdpSock, kCollectorPollMs);
+        // No deadline of its own: the searcher asks it to end when the
+        // collection period is over.
+        int ready = _wait_readable(m_nUdpSock, m_searchWorker, false, 0);
         if (ready < 0) break;
         if (ready == 0) continue;
         char buf[kAnswerBufSize];
@@ -413,9 +429,15 @@ void CAVRepDlna::_collect_tcp() {
     char myIp[AV_IP_LEN] = {0};
     bool bRun = GetNICInfo(mac, myIp) != 0;
     while (bRun && !m_searchWorker.Exiting()) {
-        struct pollfd fds[1 + AV_MAX_DEVICE];
-        int slotOf[1 + AV_MAX_DEVICE];
+        // The listening socket, each pending connection and the exit pipe;
+        // like the UDP collector, no deadline of its own.
+        struct pollfd fds[2 + AV_MAX_DEVICE];
+        int slotOf[2 + AV_MAX_DEVICE];
         int nfds = 0;
+        fds[nfds].fd = m_searchWorker.ExitFd();
+        fds[nfds].events = POLLIN;
+        fds[nfds].revents = 0;
+        slotOf[nfds++] = -1;
         fds[nfds].fd = m_nTcpSock;
         fds[nfds].events = POLLIN;
         fds[nfds].revents = 0;
@@ -427,16 +449,16 @@ void CAVRepDlna::_collect_tcp() {
             fds[nfds].revents = 0;
             slotOf[nfds++] = i;
         }
-        int ready = poll(fds, nfds, kCollectorPollMs);
+        int ready = poll(fds, nfds, -1);
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) break;
-        if (ready == 0) continue;
-        for (int k = 1; k < nfds; k++) {
+        if (fds[0].revents) continue;  // asked to end: the loop test ends it
+        for (int k = 2; k < nfds; k++) {
             if (fds[k].revents & (POLLIN | POLLHUP | POLLERR)) {
                 _tcp_client_read(list, slotOf[k], myIp);
             }
         }
-        if (fds[0].revents & POLLIN) _tcp_accept(list);
+        if (fds[1].revents & POLLIN) _tcp_accept(list);
     }
     for (int i = 0; i < AV_MAX_DEVICE; i++) {
         if (list->AVDeviceDlna[i].hTcpClientSock > 0) {
@@ -528,10 +550,12 @@ int CAVRepDlna::ReceiveMsgOpen() {
 
 int CAVRepDlna::ReceiveMsgThread(void* arg) {
     CAVRepDlna* self = static_cast<CAVRepDlna*>(arg);
+    // Nothing is ever due here: it sleeps until a datagram comes or its
+    // close asks it to end.
     while (!self->m_receiveWorker.Exiting()) {
-        if (_wait_readable(self->m_nMulticastSock, kReceivePollMs) > 0) {
-            self->OnMulticastReceiveRead();
-        }
+        int ready = _wait_readable(self->m_nMulticastSock, self->m_receiveWorker, false, 0);
+        if (ready < 0) break;  // the socket is gone: nothing more will come
+        if (ready > 0) self->OnMulticastReceiveRead();
     }
     return 0;
 }
@@ -573,12 +597,12 @@ int CAVRepDlna::SyncTrigOpen() {
 
 int CAVRepDlna::SyncTrigThread(void* arg) {
     CAVRepDlna* self = static_cast<CAVRepDlna*>(arg);
+    // One sync step, then sleep until the next is due or the close asks it
+    // to end.
     while (!self->m_syncWorker.Exiting()) {
-        unsigned int waitMs = PAL_SyncInterval();
-        while (waitMs > 0 && !self->m_syncWorker.Exiting()) {
-            unsigned int slice = waitMs < kSyncSliceMs ? waitMs : kSyncSliceMs;
-            PAL_ThreadSleep(slice);
-            waitMs -= slice;
+        unsigned int due = PAL_GetClock() + PAL_SyncInterval();
+        while (!self->m_syncWorker.Exiting() && (int)(due - PAL_GetClock()) > 0) {
+            if (_wait_readable(-1, self->m_syncWorker, true, due) < 0) PAL_ThreadSleepUntil(due);
         }
     }
     return 0;

@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -277,6 +278,10 @@ int ReceiverEmulator::Impl::Start(unsigned short* rtpPort) {
         if (port != 0 && port != 65535) m_rtcpSock = rx_udp_bind(cfg->address, port + 1);
         if (cfg->rtpPort != 0) break;  // a fixed pair either works or not
     }
+    // Arrival is the kernel's receive time, not the moment this process got
+    // its core: lateness then measures the sender, whatever the load.
+    int on = 1;
+    if (m_rtpSock >= 0) setsockopt(m_rtpSock, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
     int ok = m_groupSock >= 0 && m_uniSock >= 0 && m_sendSock >= 0 && m_rtpSock >= 0 &&
              m_rtcpSock >= 0 && pipe(m_wake) == 0;
     if (ok && cfg->wavPath[0]) {
@@ -842,9 +847,26 @@ void ReceiverEmulator::Impl::_on_command(const std::string& msg, long long local
 
 void ReceiverEmulator::Impl::_on_rtp() {
     unsigned char buf[2048];
-    ssize_t n = recv(m_rtpSock, buf, sizeof(buf), MSG_DONTWAIT | MSG_TRUNC);
+    struct iovec iov = {buf, sizeof(buf)};
+    alignas(struct cmsghdr) char ctl[CMSG_SPACE(sizeof(struct timespec))];
+    struct msghdr msg = {};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = ctl;
+    msg.msg_controllen = sizeof(ctl);
+    ssize_t n = recvmsg(m_rtpSock, &msg, MSG_DONTWAIT | MSG_TRUNC);
     if (n < 0) return;
     long long local = Now();
+    // The kernel stamps on the wall clock: back-date by the datagram's age.
+    for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SO_TIMESTAMPNS) continue;
+        struct timespec at, wall;
+        memcpy(&at, CMSG_DATA(c), sizeof(at));
+        clock_gettime(CLOCK_REALTIME, &wall);
+        long long ageUs =
+            (wall.tv_sec - at.tv_sec) * 1000000LL + (wall.tv_nsec - at.tv_nsec) / 1000;
+        if (ageUs > 0 && ageUs < 10000000LL) local -= ageUs;
+    }
     long long master = cfg->timeSync ? MasterOf(local) : 0;
     const unsigned char* payload = buf + 12;
     bool silent = true;

@@ -20,6 +20,14 @@ public class SonvaraNativeMgr {
     public static final int ERR_GET_STRING_UTF = 2;
     /** Result: {@link #initialize(String)} has not run (or {@link #Finalize()} has). */
     public static final int ERR_MGR_NULL = 256;
+    /**
+     * Result: refused from inside an event, because the engine would have to
+     * end the very thread delivering it: {@link #Finalize()} from a listener,
+     * {@link #initialize(String)} while a {@code Finalize} runs, or
+     * {@link #ConnectedWiFi()} while a {@code DisconnectedWiFi} runs. Nothing
+     * changed; call again from a thread of your own.
+     */
+    public static final int ERR_IN_EVENT = 280;
 
     /** Channel roles of a receiver in a group. */
     public static final int CHANNEL_NA = 0;

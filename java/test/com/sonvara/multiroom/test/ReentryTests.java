@@ -39,6 +39,9 @@ final class ReentryTests {
                 Thread.currentThread().interrupt();
             }
             int g = group;
+            if (calls.get() == 0) {
+                Check.eq("Finalize inside an event", SonvaraNativeMgr.ERR_IN_EVENT, m.Finalize());
+            }
             m.ReceiverVolumeControl(g, 5);
             m.GetDeviceCount();
             m.GetServiceDeviceList();
