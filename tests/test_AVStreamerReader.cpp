@@ -12,6 +12,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -228,7 +229,9 @@ TEST(AVStreamerReader, WavHeadsOpenAtTheirSamplesWithTheFormatDiscoveryReports) 
         const long h = d.Wav_FileOpen(path);
         ASSERT_GT(h, 0) << c.what;
         EXPECT_EQ(d.Wav_FileRead(h, buf, 16), std::min<long>(16, (long)got.size())) << c.what;
-        EXPECT_EQ(memcmp(buf, got.data(), std::min<size_t>(16, got.size())), 0) << c.what;
+        EXPECT_TRUE(std::equal(got.begin(), got.begin() + std::min<long>(16, (long)got.size()),
+                               (const unsigned char*)buf))
+            << c.what;
         EXPECT_EQ(d.Wav_FileClose(h), 0);
         if (c.rate == 44100 && c.start == 44 && !got.empty()) {
             // The seek goes by the music info: 10 s of 44.1 kHz stereo 16-bit.
