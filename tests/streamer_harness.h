@@ -35,56 +35,43 @@ bool WaitUntil(F cond, int timeoutMs = 10000) {
     return true;
 }
 
-// One event as the streamer raised it; texts copied during the call.
-struct StreamerEvent {
-    int code;
-    intptr_t a, b, c, d;
-    std::string textA, textB;
-};
-
+// The streamer's events as lines, in order: the event's name, then its
+// first two arguments, an address or a text where the event carries one
+// ("Reset 127.0.0.3 0", "Leave 127.0.0.3 42", "Stop 42 1", "Progress 42 5",
+// "Volume 12 127.0.0.3", "Found <address> <the JOIN text>").
 class EventLog {
 public:
-    static void Notify(intptr_t parent, intptr_t code, intptr_t a, intptr_t b, intptr_t c,
-                       intptr_t d) {
-        StreamerEvent e{(int)code, a, b, c, d, "", ""};
-        if (code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_LEAVE ||
-            code == AVMSG_RECEIVER_RESET)
-            e.textA = (const char*)a;
-        if (code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_VOLUMECHANGED)
-            e.textB = (const char*)b;
+    static void Notify(intptr_t parent, intptr_t code, intptr_t a, intptr_t b, intptr_t, intptr_t) {
+        static const char* kNames[] = {"",      "Found",    "Died",   "Stop",  "Leave",
+                                       "Reset", "Progress", "Master", "Volume"};
+        const bool textA = code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_LEAVE ||
+                           code == AVMSG_RECEIVER_RESET;
+        const bool textB = code == AVMSG_RECEIVER_FOUND || code == AVMSG_RECEIVER_VOLUMECHANGED;
+        const std::string line = std::string(kNames[code]) + " " +
+                                 (textA ? (const char*)a : std::to_string(a)) + " " +
+                                 (textB ? (const char*)b : std::to_string(b));
         EventLog* self = (EventLog*)parent;
         std::lock_guard<std::mutex> g(self->m_lock);
-        self->m_events.push_back(e);
+        self->m_lines.push_back(line);
     }
-    // Waits for the n-th (1-based) event of the code; false on time-out.
-    bool WaitFor(int code, int n = 1, int timeoutMs = 10000, StreamerEvent* out = nullptr) {
-        return WaitUntil(
-            [&] {
-                std::vector<StreamerEvent> all = All();
-                int seen = 0;
-                for (const StreamerEvent& e : all) {
-                    if (e.code == code && ++seen == n) {
-                        if (out) *out = e;
-                        return true;
-                    }
-                }
-                return false;
-            },
-            timeoutMs);
+    // Waits until n lines start with prefix; false on time-out.
+    bool WaitFor(const std::string& prefix, int n = 1, int timeoutMs = 10000) {
+        return WaitUntil([&] { return Count(prefix) >= n; }, timeoutMs);
     }
-    int Count(int code) {
-        std::vector<StreamerEvent> all = All();
-        return (int)std::count_if(all.begin(), all.end(),
-                                  [&](const StreamerEvent& e) { return e.code == code; });
+    int Count(const std::string& prefix) {
+        std::vector<std::string> all = All();
+        return (int)std::count_if(all.begin(), all.end(), [&](const std::string& l) {
+            return l.compare(0, prefix.size(), prefix) == 0;
+        });
     }
-    std::vector<StreamerEvent> All() {
+    std::vector<std::string> All() {
         std::lock_guard<std::mutex> g(m_lock);
-        return m_events;
+        return m_lines;
     }
 
 private:
     std::mutex m_lock;
-    std::vector<StreamerEvent> m_events;
+    std::vector<std::string> m_lines;
 };
 
 // A listed receiver as the manager hands it over.

@@ -155,13 +155,10 @@ TEST_F(StreamerCore, HandshakeIsExactHostileRequestsDisturbNobodyAndLeavesAreGua
               r1.Ask("SETUP\r\nCSeq: 2\r\nTransport: client_port=99999-\r\n\r\n"));
     EXPECT_EQ(SetupReply(3, "0-0"), r1.Ask("SETUP\r\nCSeq: 3\r\nTransport: client_port=\r\n\r\n"));
     r1.Send("VOLUME_CHANGED\r\n\r\n");
-    StreamerEvent ev;
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_VOLUMECHANGED, 1, 5000, &ev));
-    EXPECT_EQ(std::make_tuple((intptr_t)0, std::string("127.0.0.2")),
-              std::make_tuple(ev.a, ev.textB));
-    SendToGroup("127.0.0.5", "JOIN " + std::string(100, '7') + "\r\nREQ_TS: 1\r\n\r\n");
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_FOUND, 1, 5000, &ev));
-    EXPECT_EQ(std::string(19, '7'), ev.textA);
+    EXPECT_TRUE(events.WaitFor("Volume", 1, 5000));
+    const std::string join = "JOIN " + std::string(100, '7') + "\r\nREQ_TS: 1\r\n\r\n";
+    SendToGroup("127.0.0.5", join);
+    EXPECT_TRUE(events.WaitFor("Found", 1, 5000));
     SendToGroup("127.0.0.5", "MASTERSEARCH\r\nNAME: " + std::string(2000, 'n'));
     SendToGroup("127.0.0.5", "MASTERSEARCH\r\nNAME: " + std::string(300, 'n') + "\r\n\r\n");
     SendToGroup("127.0.0.5", std::string(1500, 'J'));
@@ -191,43 +188,35 @@ TEST_F(StreamerCore, HandshakeIsExactHostileRequestsDisturbNobodyAndLeavesAreGua
     // ALIVED and VOLUME_CHANGED fall through to the next keyword.
     EXPECT_EQ(Ok(7), r2.Ask("ALIVED\r\nVOLUME_CHANGED 12\r\nPLAY\r\nCSeq: 7\r\n\r\n"));
     EXPECT_EQ("VOLUME: 9\r\n\r\n", r2.Next());
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_VOLUMECHANGED, 2, 5000, &ev));
-    EXPECT_EQ(std::make_tuple((intptr_t)12, std::string("127.0.0.3")),
-              std::make_tuple(ev.a, ev.textB));
+    EXPECT_TRUE(events.WaitFor("Volume", 2, 5000));
     EXPECT_NE(0u, Probe::Locked(st, 1, [&] { return Sess(1).uwAliveClock; }));
-    EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(events.Count(AVMSG_RECEIVER_FOUND),
-                                                     events.Count(AVMSG_SERVICE_STOP)));
     ScriptedReceiver third("127.0.0.2");  // every receiver has its session now
     ASSERT_TRUE(third.Connect(kTcpPort));
     EXPECT_TRUE(third.ClosedByPeer());
 
     // A JOIN's time stamp guards against an older LEAVE; TEARDOWN of the
     // last one ends the service.
-    SendToGroup("127.0.0.3", "JOIN 127.0.0.3\r\nREQ_TS: 5000\r\n\r\n");
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_FOUND, 2, 5000, &ev));
-    EXPECT_EQ(std::make_tuple(std::string("127.0.0.3"), (intptr_t)st),
-              std::make_tuple(ev.textA, ev.c));
+    const std::string rejoin = "JOIN 127.0.0.3\r\nREQ_TS: 5000\r\n\r\n";
+    SendToGroup("127.0.0.3", rejoin);
+    EXPECT_TRUE(events.WaitFor("Found", 2, 5000));
     r2.Send("LEAVE\r\nREQ_TS: 4000\r\n\r\n");  // older than the JOIN: dropped
     EXPECT_FALSE(r2.ClosedByPeer(400));
-    EXPECT_TRUE(Sess(1).bActive);
     r2.Send("LEAVE\r\nREQ_TS: 6000\r\n\r\n");
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_LEAVE, 1, 5000, &ev));
-    EXPECT_EQ(std::make_tuple(std::string("127.0.0.3"), (intptr_t)42),
-              std::make_tuple(ev.textA, ev.b));
-    EXPECT_EQ(1, events.Count(AVMSG_RECEIVER_LEAVE));
     EXPECT_TRUE(r2.ClosedByPeer());
-    EXPECT_FALSE(Sess(1).bActive);
-    EXPECT_EQ(AV_STREAMER_STATE_BYE, Sess(1).ServerState);
-    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
-
+    EXPECT_EQ(std::make_tuple(false, AV_STREAMER_STATE_BYE),
+              std::make_tuple((bool)Sess(1).bActive, (int)Sess(1).ServerState));
     r1.Send("TEARDOWN rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 9\r\n\r\n");
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 5000, &ev));
-    EXPECT_EQ("127.0.0.2", ev.textA);
-    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 5000, &ev));
-    EXPECT_EQ(42, ev.a);
     EXPECT_TRUE(r1.ClosedByPeer());
-    EXPECT_EQ(0, Probe::SessionCount(st));
-    EXPECT_EQ(0, Probe::ReceiverCount(st));
+    EXPECT_TRUE(events.WaitFor("Stop", 1, 5000));
+    // One event per JOIN (the address cut to its field), none for the
+    // other datagrams, and the service stopped by the last one out only.
+    EXPECT_EQ(std::vector<std::string>({"Volume 0 127.0.0.2",
+                                        "Found " + std::string(19, '7') + " " + join,
+                                        "Volume 12 127.0.0.3", "Found 127.0.0.3 " + rejoin,
+                                        "Leave 127.0.0.3 42", "Reset 127.0.0.2 0", "Stop 42 0"}),
+              events.All());
+    EXPECT_EQ(std::make_tuple(0, 0),
+              std::make_tuple(Probe::SessionCount(st), Probe::ReceiverCount(st)));
 }
 
 TEST(StreamerFilters, EveryRoleAndChannelCountPicksItsChannel) {
@@ -296,22 +285,17 @@ TEST_F(StreamerCore, AnAbsentReceiverDelaysTheStartTwoSecondsAndIsDroppedAtFive)
     };
     EXPECT_TRUE(WaitUntil([&] { return synced(1) == 0; }, 3000));
     EXPECT_EQ(1, synced(0));
-    StreamerEvent reset;
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 15000, &reset));
+    ASSERT_TRUE(events.WaitFor("Reset", 1, 15000));
     EXPECT_GE(PAL_GetClock() - search, 5000u);
-    EXPECT_EQ("127.0.0.3", reset.textA);
     EXPECT_TRUE(WaitUntil([&] { return Counts() == std::make_tuple(1, 1, 1); }, 3000));
-    EXPECT_EQ(0, events.Count(AVMSG_SERVICE_STOP));
+    EXPECT_EQ(std::vector<std::string>({"Reset 127.0.0.3 0"}), events.All());
 }
 
 TEST_F(StreamerCore, DroppingTheLastReceiverStopsTheService) {
     Open({{"127.0.0.5", AV_CHANNEL_PARTY, 1}});
     Probe::Locked(st, 0, [&] { return Entry(0).SearchTs = PAL_GetClock() - 4800; });
-    StreamerEvent reset, stop;
-    ASSERT_TRUE(events.WaitFor(AVMSG_RECEIVER_RESET, 1, 10000, &reset));
-    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 5000, &stop));
-    EXPECT_EQ(std::make_tuple(std::string("127.0.0.5"), (intptr_t)42),
-              std::make_tuple(reset.textA, stop.a));
+    ASSERT_TRUE(events.WaitFor("Stop", 1, 10000));
+    EXPECT_EQ(std::vector<std::string>({"Reset 127.0.0.5 0", "Stop 42 0"}), events.All());
     EXPECT_EQ(std::make_tuple(0, 0, 0), Counts());
 }
 
