@@ -78,18 +78,23 @@ void put_be32(Bytes& v, size_t at, unsigned long x) {
     for (int i = 0; i < 4; i++) v[at + i] = (unsigned char)(x >> (24 - 8 * i));
 }
 
-void add_frames(Bytes& v, unsigned long header, size_t size, int n = 1) {
-    for (int i = 0; i < n; i++) {
-        v.resize(v.size() + size, 0);
-        put_be32(v, v.size() - size, header);
-    }
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-void add_id3(Bytes& v, unsigned body) {
-    const unsigned char head[6] = {'I', 'D', '3', 4, 0, 0};
-    v.insert(v.end(), head, head + 6);
+// n frames of one header, each `size` bytes.
+Bytes frames(unsigned long header, size_t size, int n) {
+    Bytes v(size * n, 0);
+    for (int i = 0; i < n; i++) put_be32(v, size * i, header);
+    return v;
+}
+
+// An ID3v2 tag with `body` bytes behind its 10-byte head.
+Bytes id3(unsigned body) {
+    Bytes v = {'I', 'D', '3', 4, 0, 0};
     for (int shift = 21; shift >= 0; shift -= 7) v.push_back((unsigned char)(body >> shift & 0x7F));
-    v.resize(v.size() + body, 0);
+    return v + Bytes(body, 0);
 }
 
 // A parser on a file, with the file handle's lifetime.
@@ -374,11 +379,8 @@ TEST(AVStreamerReader, Mp3GeometryAndByteSeek) {
     s.Mp3ToPcm_FileClose(fd);
 
     // A 4096-byte tag in front of 128 kbit/s frames.
-    Bytes v;
-    add_id3(v, 4086);
-    const Bytes body = read_whole_file(fixture_path("sine_cbr128_info.mp3"));
-    v.insert(v.end(), body.begin(), body.end());
-    TempFile tagged("tag4096.mp3", v);
+    TempFile tagged("tag4096.mp3",
+                    id3(4086) + read_whole_file(fixture_path("sine_cbr128_info.mp3")));
     CAVStreamer t(no_notify, nullptr, 1);
     const long tfd = PAL_FileOpen(tagged.path.c_str(), FOPEN_READ, 0);
     t.get_mp3_info(tfd);
@@ -496,8 +498,7 @@ TEST(MP3Parser, SeeksByTableOfContentsOrByBitrateStayInTheStream) {
     // table entries, ahead of 200 frames.
     unsigned char toc[100];
     for (int i = 0; i < 100; i++) toc[i] = (unsigned char)(i * 256 / 100);
-    Bytes v;
-    add_frames(v, kH128, kSize128, 201);
+    Bytes v = frames(kH128, kSize128, 201);
     memcpy(&v[36], "Xing", 4);
     put_be32(v, 40, 7);
     put_be32(v, 44, 10000);
@@ -556,63 +557,33 @@ TEST(MP3Parser, SeeksByTableOfContentsOrByBitrateStayInTheStream) {
 }
 
 TEST(MP3Parser, HostileFilesNeverCrashAndFindWhatIsThere) {
-    struct Case {
+    auto cbr = [](int n) { return frames(kH128, kSize128, n); };
+    Bytes falseSync = frames(kH128, 600, 1);  // a header whose next frame is not there
+    for (size_t i = 4; i < 600; i++) falseSync[i] = (unsigned char)(i * 7);
+    const Bytes cut = cbr(6);
+    const struct Case {
         const char* what;
         Bytes bytes;
         long firstFrame;  // -1: none
         size_t frames;
+    } cases[] = {
+        {"two ID3 tags in a row", id3(100) + id3(50) + cbr(5), 110 + 60, 5},
+        {"a 4096-byte tag", id3(4086) + frames(kH128Pad, kSize128Pad, 5), 4096, 5},
+        {"a false sync and garbage", falseSync + cbr(5), 600, 5},
+        {"the first frame at the window's last byte", Bytes(131071) + cbr(5), 131071, 5},
+        {"the first frame beyond the window", Bytes(131072) + cbr(5), -1, 0},
+        {"the window counts from the tag's end", id3(10) + Bytes(131072) + cbr(5), -1, 0},
+        {"a cut last frame", Bytes(cut.begin(), cut.end() - 100), 0, 5},
+        {"a sampling-rate change and back", cbr(4) + frames(kH48k, kSize48k, 4) + cbr(4), 0, 8},
+        {"a sampling-rate change to the end", cbr(4) + frames(kH48k, kSize48k, 6), 0, 4},
+        {"bit rate and padding change",
+         cbr(3) + frames(kH160, kSize160, 3) + frames(kH128Pad, kSize128Pad, 3), 0, 9},
+        {"an ID3 size past the end", Bytes{'I', 'D', '3', 4, 0, 0, 0x7F, 0x7F, 0x7F, 0x7F} + cbr(5),
+         -1, 0},
+        {"too few frames to confirm", cbr(3), -1, 0},
+        {"an empty file", {}, -1, 0},
+        {"all sync bits", Bytes(3000, 0xFF), -1, 0},
     };
-    std::vector<Case> cases;
-    Bytes v;
-    auto add = [&](const char* what, long firstFrame, size_t frames) {
-        cases.push_back({what, v, firstFrame, frames});
-        v.clear();
-    };
-    add_id3(v, 100);
-    add_id3(v, 50);
-    add_frames(v, kH128, kSize128, 5);
-    add("two ID3 tags in a row", 110 + 60, 5);
-    add_id3(v, 4086);
-    add_frames(v, kH128Pad, kSize128Pad, 5);
-    add("a 4096-byte tag", 4096, 5);
-    add_frames(v, kH128, 600);  // a header whose next frame is not there
-    for (size_t i = 4; i < 600; i++) v[i] = (unsigned char)(i * 7);
-    add_frames(v, kH128, kSize128, 5);
-    add("a false sync and garbage", 600, 5);
-    v.assign(131071, 0);
-    add_frames(v, kH128, kSize128, 5);
-    add("the first frame at the window's last byte", 131071, 5);
-    v.assign(131072, 0);
-    add_frames(v, kH128, kSize128, 5);
-    add("the first frame beyond the window", -1, 0);
-    add_id3(v, 10);
-    v.resize(20 + 131072, 0);
-    add_frames(v, kH128, kSize128, 5);
-    add("the window counts from the tag's end", -1, 0);
-    add_frames(v, kH128, kSize128, 6);
-    v.resize(v.size() - 100);
-    add("a cut last frame", 0, 5);
-    add_frames(v, kH128, kSize128, 4);
-    add_frames(v, kH48k, kSize48k, 4);
-    add_frames(v, kH128, kSize128, 4);
-    add("a sampling-rate change and back", 0, 8);
-    add_frames(v, kH128, kSize128, 4);
-    add_frames(v, kH48k, kSize48k, 6);
-    add("a sampling-rate change to the end", 0, 4);
-    add_frames(v, kH128, kSize128, 3);
-    add_frames(v, kH160, kSize160, 3);
-    add_frames(v, kH128Pad, kSize128Pad, 3);
-    add("bit rate and padding change", 0, 9);
-    add_id3(v, 0);
-    v[6] = v[7] = v[8] = v[9] = 0x7F;
-    add_frames(v, kH128, kSize128, 5);
-    add("an ID3 size past the end", -1, 0);
-    add_frames(v, kH128, kSize128, 3);
-    add("too few frames to confirm", -1, 0);
-    add("an empty file", -1, 0);
-    v.assign(3000, 0xFF);
-    add("all sync bits", -1, 0);
-
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TempFile f("hostile.mp3", c.bytes);
