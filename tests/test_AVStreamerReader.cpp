@@ -134,30 +134,24 @@ long frame_index(const std::vector<MpegFrameRef>& frames, long pos) {
     return -1;
 }
 
+// x in n little-endian bytes.
+Bytes le(uint32_t x, int n) {
+    Bytes v;
+    for (int i = 0; i < n; i++) v.push_back((unsigned char)(x >> (8 * i)));
+    return v;
+}
+
 // A 36-byte WAV head (RIFF, WAVE and the fmt chunk's fields).
 Bytes wav_head(uint16_t format, uint16_t channels, uint32_t rate, uint16_t bits, uint32_t fmtSize) {
-    Bytes v(36, 0);
-    memcpy(&v[0], "RIFF", 4);
-    memcpy(&v[8], "WAVEfmt ", 8);
-    auto put = [&v](size_t at, uint32_t x, int n) {
-        for (int i = 0; i < n; i++) v[at + i] = (unsigned char)(x >> (8 * i));
-    };
-    put(16, fmtSize, 4);
-    put(20, format, 2);
-    put(22, channels, 2);
-    put(24, rate, 4);
-    put(28, rate * 4, 4);
-    put(34, bits, 2);
-    return v;
+    return Bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' '} +
+           le(fmtSize, 4) + le(format, 2) + le(channels, 2) + le(rate, 4) + le(rate * 4, 4) +
+           le(0, 2) + le(bits, 2);
 }
 
 // v behind a 40-byte extensible fmt chunk, then a chunk head and body bytes.
 Bytes wav_chunk(Bytes v, const char* id, uint32_t size, size_t body) {
     v.resize(60, 0);
-    v.insert(v.end(), id, id + 4);
-    v.insert(v.end(), (unsigned char*)&size, (unsigned char*)&size + 4);
-    v.resize(v.size() + body, 0);
-    return v;
+    return v + Bytes(id, id + 4) + le(size, 4) + Bytes(body, 0);
 }
 
 }  // namespace
