@@ -198,7 +198,7 @@ public:
 
 // A streamer (group 42) whose control server the test brings up; its events
 // are recorded and it is closed and deleted after the test.
-class StreamerTest : public ::testing::Test {
+class StreamerCore : public ::testing::Test {
 protected:
     void SetUp() override { st = new CAVStreamer(&EventLog::Notify, &events, 42); }
     void TearDown() override {
@@ -210,6 +210,13 @@ protected:
         opened = true;
     }
     AV_RCV_SESS& Sess(int i) { return Probe::Sess(st, i); }
+    AV_RECEIVER& Entry(int i) { return Probe::Receivers(st).AVReceiver[i]; }
+    // The bound of the used entries, the connected sessions, the listed
+    // receivers.
+    std::tuple<int, int, int> Counts() {
+        return std::make_tuple(Probe::MaxIdx(st), Probe::SessionCount(st),
+                               Probe::ReceiverCount(st));
+    }
     // The server sets a state once its reply is written, so the peer may see
     // the reply first.
     bool StateBecomes(int i, int state) {
@@ -235,17 +242,6 @@ protected:
 };
 
 namespace {
-
-class StreamerCore : public StreamerTest {
-protected:
-    // The bound of the used entries, the connected sessions, the listed
-    // receivers.
-    std::tuple<int, int, int> Counts() {
-        return std::make_tuple(Probe::MaxIdx(st), Probe::SessionCount(st),
-                               Probe::ReceiverCount(st));
-    }
-    AV_RECEIVER& Entry(int i) { return Probe::Receivers(st).AVReceiver[i]; }
-};
 
 // A datagram to the streamer's multicast group from a receiver's address.
 void SendToGroup(const char* from, const std::string& text) {
