@@ -24,6 +24,7 @@
 #include "Guidrw.h"
 #include "MediaBuffer.h"
 #include "PAL.h"
+#include "PAL_Worker.h"
 #include "TempDir.h"
 #include "netns_rig.h"
 
@@ -132,27 +133,22 @@ TEST(PalFile, ModesSeeksPositionedReadsGuidStoreAndBufferRange) {
 
 namespace {
 
-// The engine's worker pattern by hand: the body takes work until its exit
-// flag is set and no work is left, then signals its semaphore on the way
-// out. Each piece of work re-takes the lock it holds, as a helper does.
-struct WORKER {
-    std::atomic<bool> bExit{false};
-    PAL_SEM *pDoneSem = nullptr, *pWorkSem = nullptr;
-    PAL_MUTEX* pMutex = nullptr;
-    long counter = 0;  // guarded by pMutex
+// A worker's body the engine's way: it re-takes the lock it holds, as a
+// helper does (the mutex is recursive), then sleeps until its owner asks it
+// to end, which the exit descriptor tells it long before the poll's bound.
+struct WORK {
+    PalWorker worker;
+    PAL_MUTEX* lock = nullptr;
+    std::atomic<int> rounds{0};
 };
 
-int worker_body(void* arg) {
-    WORKER* w = static_cast<WORKER*>(arg);
-    for (int rc = 0; rc == 0 || !w->bExit.load();) {
-        if ((rc = PAL_SemTimedWait(w->pWorkSem, 50)) != 0) continue;
-        PAL_MutexLock(w->pMutex, 1);
-        PAL_MutexLock(w->pMutex, 1);
-        w->counter++;
-        PAL_MutexUnLock(w->pMutex);
-        PAL_MutexUnLock(w->pMutex);
+int work_body(void* arg) {
+    WORK* w = static_cast<WORK*>(arg);
+    for (struct pollfd p = {w->worker.ExitFd(), POLLIN, 0}; !w->worker.Exiting();
+         poll(&p, 1, 20000)) {
+        PalLock outer(w->lock), inner(w->lock);
+        w->rounds++;
     }
-    PAL_SemSignal(w->pDoneSem, 1);
     return 0;
 }
 
@@ -165,7 +161,7 @@ int self_releasing_body(void* arg) {
 
 }  // namespace
 
-TEST(ThreadSync, SemaphoresWorkerSelfReleasePriorityAndSleepUntil) {
+TEST(ThreadSync, SemaphoresWorkersJoinsPriorityAndSleepUntil) {
     PAL_SEM* s = nullptr;
     ASSERT_NE(0, PAL_SemCreate(&s, 2));
     EXPECT_EQ(0, PAL_SemWait(s, 0));
@@ -174,26 +170,29 @@ TEST(ThreadSync, SemaphoresWorkerSelfReleasePriorityAndSleepUntil) {
     unsigned int t0 = PAL_GetClock();
     EXPECT_EQ(-1, PAL_SemTimedWait(s, 100));
     EXPECT_GE(PAL_GetClock() - t0, 95u);
-    PAL_SemDelete(s);
 
-    WORKER w;
-    ASSERT_NE(0, PAL_SemCreate(&w.pDoneSem, 0));
-    ASSERT_NE(0, PAL_SemCreate(&w.pWorkSem, 0));
-    ASSERT_NE(0, PAL_MutexCreate(&w.pMutex));
+    WORK w;
+    ASSERT_NE(0, PAL_MutexCreate(&w.lock));
+    ASSERT_EQ(PalWorker::kStarted, w.worker.Start("test", work_body, &w, PalWorker::kExitFd));
+    EXPECT_EQ(PalWorker::kNoThread, w.worker.Start("test", work_body, &w));  // runs already
+    for (int i = 0; i < 2000 && w.rounds.load() == 0; i++) PAL_ThreadSleep(5);
+    t0 = PAL_GetClock();
+    w.worker.Stop(30000);
+    EXPECT_LT(PAL_GetClock() - t0, 15000u) << "the exit descriptor did not wake the body";
+    EXPECT_EQ(1, w.rounds.load());
+    EXPECT_FALSE(w.worker.Started());
+    PAL_MutexDelete(w.lock);
+
+    // Joining without waiting tells a running thread (here one blocked on
+    // the semaphore) from an ended one.
     PAL_THREAD th = nullptr;
-    ASSERT_NE(0, PAL_ThreadCreate(&th, worker_body, &w, PAL_THREAD_PRIO_TIMESHARE));
-    EXPECT_EQ(0, PAL_SemSignal(w.pWorkSem, 5));
-    EXPECT_EQ(1, PAL_ThreadJoin(th, 0));  // still running
-    EXPECT_EQ(-1, PAL_SemWait(w.pDoneSem, 0));
-    w.bExit = true;
-    EXPECT_EQ(0, PAL_SemWait(w.pDoneSem, 1));
+    auto wait_on = [](void* sem) { return PAL_SemWait(static_cast<PAL_SEM*>(sem), 1); };
+    ASSERT_NE(0, PAL_ThreadCreate(&th, wait_on, s, PAL_THREAD_PRIO_TIMESHARE));
+    EXPECT_EQ(1, PAL_ThreadJoin(th, 0));
+    EXPECT_EQ(0, PAL_SemSignal(s, 1));
     EXPECT_EQ(0, PAL_ThreadJoin(th, 1));
-    EXPECT_EQ(0, PAL_ThreadJoin(th, 0));
-    EXPECT_EQ(5, w.counter);
     PAL_ThreadExit(th);
-    PAL_SemDelete(w.pDoneSem);
-    PAL_SemDelete(w.pWorkSem);
-    PAL_MutexDelete(w.pMutex);
+    PAL_SemDelete(s);
 
     // A thread may release its own handle: it detaches and frees itself.
     // Given time to finish, leak checkers see the record freed.

@@ -108,42 +108,14 @@ unsigned int ts_of(unsigned int seq) {
 
 }  // namespace
 
-// Two receivers, .2 and .3, and a scripted sender: discovery, a stream to
-// .3 with faults in it, each misbehaviour switched on and off, then
-// hostile bytes.
-TEST(ReceiverEmulator, DiscoveryStreamFaultsMisbehavioursAndHostileBytes) {
-    std::unique_ptr<ReceiverEmulator> rx2(start_receiver("127.0.0.2")),
-        rx(start_receiver("127.0.0.3"));
-    // One answer per receiver and DEVICE request; malformed ones are counted.
-    int answers = rx_udp_bind("127.0.0.1", 9090);
-    ASSERT_GE(answers, 0);
+// A receiver and a scripted sender: a stream with faults in it, each
+// misbehaviour switched on and off, then hostile bytes.
+TEST(ReceiverEmulator, StreamFaultsMisbehavioursAndHostileBytes) {
+    std::unique_ptr<ReceiverEmulator> rx(start_receiver("127.0.0.3"));
     ScriptedSender tx;
-    tx.Send("DEVICE 127.0.0.1:9090\r\nGUID: sender-guid\r\nREQ_TS: 42\r\n", kGroup);
-    int got = 0;
-    for (char b[1500]; rx_wait_readable(answers, got < 2 ? 3000 : 300) == 1; got++)
-        recv(answers, b, sizeof(b), 0);
-    EXPECT_EQ(2, got) << "one answer per receiver and request";
-    tx.Send("DEVICE no-port-here\r\n", kGroup);
-    tx.Send(std::string("SEARCH\r\nGUID: x\r\nClient: \x7f\x00", 22), kGroup);
-
-    // A SEARCH on the group listing .9 and .3: only .3 connects.
     tx.Search({"127.0.0.9", "127.0.0.3"}, kGroup);
-    EXPECT_EQ("127.0.0.3", tx.Accept());
+    ASSERT_EQ("127.0.0.3", tx.Accept());
     EXPECT_EQ("CHANNEL\r\nSyncPort: 5000\r\n\r\n", read_until(tx.conn));
-    EXPECT_EQ("", tx.Accept(500)) << "an unlisted receiver connected";
-
-    // START and a setting command in one write, then a command in two: the
-    // receiver must split the one and join the other.
-    send_text(tx.conn,
-              "START\r\nRef: 127.0.0.3:5000\r\nRole: Woofer\r\n\r\nVOLUME: 11\r\n\r\nUITY");
-    EXPECT_EQ(0u, read_until(tx.conn).find("DESCRIBE "));
-    send_text(tx.conn, "PE: 3\r\n\r\n");
-    ASSERT_TRUE(rx->WaitForCommand("UITYPE", 3000));
-    std::string order;
-    for (const ReceiverCommand& c : rx->Commands()) order += std::string(c.keyword) + " ";
-    ASSERT_EQ("START VOLUME UITYPE ", order);
-    EXPECT_EQ(11, rx->Commands()[1].value);
-    EXPECT_EQ(3, rx->Report().uiType);
 
     // Every payload lands in memory, byte for byte, across the sequence's
     // wrap; then every fault in the stream is counted.
@@ -204,21 +176,20 @@ TEST(ReceiverEmulator, DiscoveryStreamFaultsMisbehavioursAndHostileBytes) {
     EXPECT_EQ("", read_until(tx.conn));
     EXPECT_TRUE(rx->WaitForDisconnect(3000));
     rx->SetRefuseConnect(true);
-    rx->SetAnswerDiscovery(false);
     tx.Search({"127.0.0.3"}, "127.0.0.3");  // unicast, to its own port
     EXPECT_EQ("", tx.Accept(500));
-    tx.Send("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
-    EXPECT_EQ(0, rx_wait_readable(answers, 500));
-    close(answers);
-    // Device requests of .2 and .3, searches for them, .3's connections.
-    ReceiverReport r2 = rx2->Report(), r3 = rx->Report();
-    EXPECT_EQ((std::vector<unsigned int>{1, 1, 0, 2, 1}),
-              (std::vector<unsigned int>{r2.deviceRequests, r3.deviceRequests, r2.searchesForMe,
-                                         r3.searchesForMe, r3.connects}));
-    EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
     rx->SetRefuseConnect(false);
     tx.Search({"127.0.0.3"}, kGroup);
     ASSERT_EQ("127.0.0.3", tx.Accept());
+    int answers = rx_udp_bind("127.0.0.1", 9090);
+    for (bool on : {true, false}) {
+        rx->SetAnswerDiscovery(on);
+        tx.Send("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
+        char b[1500];
+        EXPECT_EQ(on, rx_wait_readable(answers, on ? 3000 : 500) == 1 &&
+                          recv(answers, b, sizeof(b), 0) > 0);
+    }
+    close(answers);
 
     // Hostile bytes: text that starts like the real thing and goes wrong, on
     // every port and on the connection, then an endless message. The
@@ -236,21 +207,15 @@ TEST(ReceiverEmulator, DiscoveryStreamFaultsMisbehavioursAndHostileBytes) {
         tx.Send(d, i % 2 ? kGroup : "127.0.0.3");
         tx.Send(d, "127.0.0.3", rx->RtpPort());
     }
-    std::string bad =
-        "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n"
-        "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort";
+    std::string bad = "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n";
     for (int i = 0; i < 200; i++) bad += garbage(i, 300) + "\r\n\r\n";
     bad += std::string(20000, 'A') + "\r\n\r\nALIVE\r\n\r\n";
     send(tx.conn, bad.data(), bad.size(), MSG_NOSIGNAL);
     EXPECT_NE(std::string::npos, read_until(tx.conn, "ALIVED\r\n\r\n").find("ALIVED\r\n\r\n"));
     r = rx->Report();
     EXPECT_GT(r.protocolErrors, 100u);
-    EXPECT_GT(r.handshakeErrors, 0u);
     EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
     for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
-    std::string json = rx->ReportJson();
-    EXPECT_EQ('{', json.front());
-    EXPECT_EQ('}', json.back());
 }
 
 // The clock offset it finds, and packets stamped 400 ms ahead of the master
