@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -86,14 +85,13 @@ protected:
     }
     void TearDown() override { mgr.reset(); }
 
-    // Emulators up to n-1 on 127.0.0.<2+i> (the first one answers as the
-    // master device), and searches until `found` devices were reported.
+    // Emulators up to n-1 on 127.0.0.<2+i>, and searches until `found`
+    // devices were reported.
     void Receivers(int n, int found = -1) {
         while ((int)rx.size() < n) {
             ReceiverConfig cfg;
             ReceiverConfigDefaults(&cfg, ("127.0.0." + std::to_string(2 + rx.size())).c_str());
             cfg.pcmLimitBytes = 4 << 20;
-            cfg.master = rx.empty() ? 0 : 1;
             rx.emplace_back(new ReceiverEmulator(cfg));
             ASSERT_EQ(0, rx.back()->Start());
         }
@@ -144,155 +142,40 @@ protected:
 
 }  // namespace
 
-TEST_F(Play, BlockingAndBackgroundSearchesReportMarkAbsentAndFillIn) {
+// One session of the manager with five receivers and two groups: searches
+// (blocking ones report and add, a background one marks the silent absent
+// and fills in names), then One plays a short file to its end while Two
+// plays on, is controlled, and loses members one way after another; then
+// Wi-Fi loss, Stop, and a manager destroyed while playing.
+TEST_F(Play, SearchesTwoGroupsControlsMembersLeavingWiFiLossStopAndDestruction) {
     ASSERT_EQ(0, mgr->LoadMyDevice());
     int phone = mgr->GetDeviceHandle(0);
-    // A blocking search reports each new device once, and adds its address,
-    // MAC and GUID only.
-    Receivers(2);
-    ASSERT_EQ(0, mgr->SearchDevice(true));
-    std::set<std::string> reported;
-    for (auto& line : events.Lines())
-        reported.insert(line.substr(0, line.rfind(' ', line.rfind(' ') - 1)));
-    EXPECT_EQ((std::set<std::string>{std::string("Device ") + Ip(0) + " " + Mac(0),
-                                     std::string("Device ") + Ip(1) + " " + Mac(1)}),
-              reported);
-    ASSERT_EQ(3, mgr->GetDeviceCount());
-    auto handle = [&](int i) {
-        for (int k = 0; k < mgr->GetDeviceCount(); k++)
-            if (!strcmp(Mac(i), mgr->GetDeviceMac(mgr->GetDeviceHandle(k))))
-                return mgr->GetDeviceHandle(k);
-        return 0;
-    };
-    EXPECT_STREQ(rx[1]->Config().guid, mgr->GetDeviceGuid(handle(1)));
-    EXPECT_STREQ("", mgr->GetDeviceName(handle(1)));
-    int g = Group("G", {0, 1}, {AV_CHANNEL_FRONT_LEFT, AV_CHANNEL_FRONT_RIGHT});
+    Receivers(6);
+    int g1 = Group("One", {0}, {99});  // a role no receiver knows plays as "None"
+    int g2 = Group("Two", {1, 2, 3, 4, 5}, {AV_CHANNEL_FRONT_LEFT});
+    std::string g1s = std::to_string(g1), g2s = std::to_string(g2);
+    EXPECT_STREQ("", mgr->GetDeviceNameInGroup(g1, 0));  // a blocking search learns no names
 
-    // Receiver 1 stops answering: a blocking search leaves it present; a
-    // background search marks it absent (never the phone), fills in what the
-    // answers say, and reports its end once.
-    rx[1]->SetAnswerDiscovery(false);
+    // Receiver 5 stops answering: a blocking search leaves it present; a
+    // background search marks it absent (never the phone), fills in what
+    // the answers say, and reports its end once. Answering again, it is
+    // present again after the next search.
+    rx[5]->SetAnswerDiscovery(false);
     ASSERT_EQ(0, mgr->SearchDevice(false));
-    EXPECT_EQ("SS", States(g));
+    EXPECT_EQ("SSSSS", States(g2));
     events.Clear();
     EXPECT_EQ(0, mgr->SearchDeviceAsync(500));
     EXPECT_EQ(0, mgr->SearchDeviceAsync(500));  // already running: left alone
     ASSERT_TRUE(events.WaitFor("SearchComplete 1"));
     EXPECT_FALSE(events.WaitFor("SearchComplete ", 2, 1500));
     EXPECT_EQ(0, events.Count("Device "));
-    EXPECT_EQ(nullptr, mgr->GetDeviceIp(handle(1)));
-    EXPECT_EQ(nullptr, mgr->GetDeviceIpInGroup(g, 1));
-    EXPECT_EQ("SO", States(g));
+    EXPECT_EQ(nullptr, mgr->GetDeviceIpInGroup(g2, 4));
+    EXPECT_EQ("SSSSO", States(g2));
     EXPECT_NE(nullptr, mgr->GetDeviceIp(phone));
-    EXPECT_STREQ(rx[0]->Config().name, mgr->GetDeviceName(handle(0)));
-    EXPECT_EQ(7, mgr->GetDeviceVolume(handle(0)));
-    EXPECT_EQ(0, mgr->GetDeviceReceiverType(handle(0)));  // the master answers MASTER: 0
-
-    // Wi-Fi lost: every member off, discovery closed; back: searches work,
-    // and an absent member found again is present.
-    ASSERT_EQ(0, mgr->DisconnectedWiFi());
-    EXPECT_EQ("OO", States(g));
-    ASSERT_EQ(0, mgr->ConnectedWiFi());
-    rx[1]->SetAnswerDiscovery(true);
-    events.Clear();
-    Receivers(3, 1);
-    EXPECT_EQ(1, events.Count(std::string("Device ") + Ip(2) + " " + Mac(2) + " "));
-    EXPECT_STREQ(Ip(1), mgr->GetDeviceIpInGroup(g, 1));
-    EXPECT_EQ("SS", States(g));
-}
-
-TEST_F(Play, OpenControlAndStopOneGroup) {
-    Receivers(3);
-    std::string wav = MakeWav(dir.path, 20), gs;
-    int g = Group("Stereo", {0, 1}, {AV_CHANNEL_FRONT_LEFT, AV_CHANNEL_FRONT_RIGHT});
-    gs = std::to_string(g);
-    ASSERT_EQ(0, Open(g, wav, 20));
-    for (int i : {0, 1}) ASSERT_TRUE(rx[i]->WaitForPackets(20, 15000));
-    // The volume is capped at 15.
-    for (int i : {0, 1})
-        EXPECT_EQ(
-            std::string(i ? "Front_Right" : "Front_Left") + " 15",
-            std::string(rx[i]->Report().startRole) + " " + std::to_string(rx[i]->Report().volume));
-    EXPECT_EQ("PP", States(g));
-    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(g, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
-
-    // A playing group can't be opened again or deleted.
-    EXPECT_EQ(PLURAFON_ERR_ALREADY_PLAY, Open(g, wav));
-    EXPECT_EQ(PLURAFON_ERR_GROUP_PLAYING, mgr->DeleteGroup(g));
-    ASSERT_TRUE(events.WaitFor("Progress " + gs + " ", 2));
-
-    // What a receiver tells the stream reaches the application (a blocking
-    // search learns no names); controls pass through to the receivers.
-    ASSERT_GE(rx[0]->SendVolumeChanged(9), 0);
-    EXPECT_TRUE(events.WaitFor("Volume " + gs + " " + Ip(0) + " " + Mac(0) + " " +
-                               rx[0]->Config().guid + "  9"));
-    EXPECT_EQ(0, mgr->ReceiverDeviceVolumeControl(Ip(0), Mac(0), 4));
-    EXPECT_EQ(0, mgr->ReceiverVolumeControl(g, 6));
-    EXPECT_EQ(0, mgr->SetReceiverUITypeAll(g, 2));
-    EXPECT_EQ(0, mgr->SetReceiverUIType(Ip(1), Mac(1), 3));
-    EXPECT_EQ(0, mgr->Pause(g));
-    EXPECT_EQ(0, mgr->Resume(g));
-    EXPECT_EQ(0, mgr->seekTo(g, 5));
-    ExpectCommands({{0, "VOLUME"}, {1, "UITYPE"}, {0, "PAUSE"}, {0, "RESUME"}, {1, "SEEK"}});
-
-    // A member taken out of service leaves the stream and the registry, and
-    // comes back through DevicePlay.
-    EXPECT_EQ(0, mgr->SetDeviceEnableInGroup(g, Ip(1), Mac(1), 0));
-    EXPECT_EQ(1, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ("PS", States(g));
-    EXPECT_EQ(1, mgr->SetDeviceEnableInGroup(g, Ip(1), Mac(1), 1));
-    EXPECT_EQ(0, mgr->DevicePlay(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 30));
-    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(0, mgr->DevicePlay(g, Ip(1), Mac(1), AV_CHANNEL_FRONT_RIGHT, 30));  // already
-
-    // A member removed from a playing group leaves its stream too.
-    ASSERT_EQ(0, mgr->AddDevice(g, Ip(2), Mac(2), AV_CHANNEL_WOOFER, 1));
-    ASSERT_EQ(0, mgr->DevicePlay(g, Ip(2), Mac(2), AV_CHANNEL_WOOFER, 5));
-    ASSERT_TRUE(rx[2]->WaitForPackets(10, 15000));
-    EXPECT_EQ(3, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(0, mgr->ReceiverOut(g, Ip(2), Mac(2)));
-    EXPECT_EQ(2, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(2, mgr->GetDeviceCountInGroup(g));
-    EXPECT_TRUE(rx[2]->WaitForCommand("BYE", 10000));
-
-    // Stop blocks until the streamer is gone; members go back to standby.
-    ASSERT_EQ(0, mgr->Stop(g, 0));
-    EXPECT_TRUE(rx[0]->WaitForDisconnect(5000));
-    EXPECT_EQ("SS", States(g));
-    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g, 0));
-    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Pause(g));
-    EXPECT_EQ(0, mgr->DeleteGroup(g));
-}
-
-// Group One plays a short file to its end while group Two plays on and
-// loses members; then Wi-Fi loss, and a manager destroyed while playing.
-TEST_F(Play, TwoGroupsAtOnceEndOfContentExitLeaveWiFiLossAndDestruction) {
-    Receivers(4);
-    std::string shortWav = MakeWav(dir.path, 3), wav = MakeWav(dir.path, 20);
-    int g1 = Group("One", {0}, {99});  // a role no receiver knows plays as "None"
-    int g2 = Group("Two", {1, 2, 3});
-    std::string g1s = std::to_string(g1);
-    ASSERT_EQ(0, Open(g1, shortWav));
-    ASSERT_EQ(0, Open(g2, wav));
-    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
-    EXPECT_STREQ("None", rx[0]->Report().startRole);
-    EXPECT_STREQ("Party", rx[1]->Report().startRole);
-    EXPECT_EQ(4, mgr->ServiceDeviceGetCntList());
-    rx[0]->SendJoin(4242, 3);  // three copies of one request: acted on once
-
-    // An EXIT announcement takes its receiver out of the stream; a receiver
-    // that leaves is reported.
-    ASSERT_EQ(0, rx[1]->SendExit());
-    ASSERT_TRUE(events.WaitFor(std::string("Die ") + Ip(1)));
-    EXPECT_EQ("OPP", States(g2));
-    EXPECT_EQ(3, mgr->ServiceDeviceGetCntList());
-    EXPECT_EQ(0, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
-    EXPECT_TRUE(rx[1]->WaitForCommand("BYE", 10000));
-    rx[2]->SendJoin();
-    ASSERT_GE(rx[2]->SendLeave(), 0);
-    EXPECT_TRUE(events.WaitFor("Leave " + std::to_string(g2) + " " + Ip(2)));
+    EXPECT_STREQ(rx[0]->Config().name, mgr->GetDeviceNameInGroup(g1, 0));
+    rx[5]->SetAnswerDiscovery(true);
+    ASSERT_EQ(0, mgr->SearchDevice(true));
+    EXPECT_STREQ(Ip(5), mgr->GetDeviceIpInGroup(g2, 4));
 
     // The listener stops One from inside its end-of-content event, on the
     // streamer's own thread, as a player does: Stop answers at once (the
@@ -301,6 +184,54 @@ TEST_F(Play, TwoGroupsAtOnceEndOfContentExitLeaveWiFiLossAndDestruction) {
     events.OnServiceStop([&](int g) {
         if (g == g1) stopped = mgr->Stop(g, 0);
     });
+    std::string shortWav = MakeWav(dir.path, 3), wav = MakeWav(dir.path, 20);
+    ASSERT_EQ(0, Open(g1, shortWav));
+    ASSERT_EQ(0, Open(g2, wav, 20));
+    for (auto& r : rx) ASSERT_TRUE(r->WaitForPackets(10, 15000));
+    EXPECT_STREQ("None", rx[0]->Report().startRole);
+    EXPECT_STREQ("Front_Left", rx[1]->Report().startRole);
+    EXPECT_EQ(15, rx[1]->Report().volume);  // 20 is capped
+    EXPECT_EQ(6, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(PLURAFON_ERR_ALREADY_PLAY, Open(g2, wav));
+    EXPECT_EQ(PLURAFON_ERR_GROUP_PLAYING, mgr->DeleteGroup(g2));
+    rx[0]->SendJoin(4242, 3);  // three copies of one request: acted on once
+
+    // Controls pass through to the receivers.
+    EXPECT_EQ(0, mgr->ReceiverDeviceVolumeControl(Ip(1), Mac(1), 4));
+    EXPECT_EQ(0, mgr->ReceiverVolumeControl(g2, 6));
+    EXPECT_EQ(0, mgr->SetReceiverUITypeAll(g2, 2));
+    EXPECT_EQ(0, mgr->SetReceiverUIType(Ip(2), Mac(2), 3));
+    EXPECT_EQ(0, mgr->Pause(g2));
+    EXPECT_EQ(0, mgr->Resume(g2));
+    EXPECT_EQ(0, mgr->seekTo(g2, 5));
+    ExpectCommands({{1, "VOLUME"}, {2, "UITYPE"}, {1, "PAUSE"}, {1, "RESUME"}, {2, "SEEK"}});
+
+    // A member taken out of service leaves the stream and the registry, and
+    // comes back through DevicePlay; a member removed leaves its stream too.
+    EXPECT_EQ(0, mgr->SetDeviceEnableInGroup(g2, Ip(2), Mac(2), 0));
+    EXPECT_EQ(5, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ("PSPPP", States(g2));
+    EXPECT_EQ(1, mgr->SetDeviceEnableInGroup(g2, Ip(2), Mac(2), 1));
+    EXPECT_EQ(0, mgr->DevicePlay(g2, Ip(2), Mac(2), AV_CHANNEL_PARTY, 30));
+    EXPECT_EQ(0, mgr->DevicePlay(g2, Ip(2), Mac(2), AV_CHANNEL_PARTY, 30));  // already
+    EXPECT_EQ(6, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(0, mgr->ReceiverOut(g2, Ip(4), Mac(4)));
+    EXPECT_EQ(5, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(4, mgr->GetDeviceCountInGroup(g2));
+    EXPECT_TRUE(rx[4]->WaitForCommand("BYE", 10000));
+
+    // An EXIT announcement takes its receiver out of the stream; a receiver
+    // that leaves is reported.
+    ASSERT_EQ(0, rx[1]->SendExit());
+    ASSERT_TRUE(events.WaitFor(std::string("Die ") + Ip(1)));
+    EXPECT_EQ("OPPP", States(g2));
+    EXPECT_EQ(4, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(0, mgr->ServiceDeviceGetGroupIdOfReceiver(Ip(1)));
+    EXPECT_TRUE(rx[1]->WaitForCommand("BYE", 10000));
+    rx[5]->SendJoin();
+    ASSERT_GE(rx[5]->SendLeave(), 0);
+    EXPECT_TRUE(events.WaitFor("Leave " + g2s + " " + Ip(5)));
+
     ASSERT_TRUE(events.WaitFor("ServiceStop " + g1s, 1, 30000));
     for (unsigned int t0 = PAL_GetClock(); stopped < 0 && PAL_GetClock() - t0 < 5000;)
         PAL_ThreadSleep(10);
@@ -333,21 +264,30 @@ TEST_F(Play, TwoGroupsAtOnceEndOfContentExitLeaveWiFiLossAndDestruction) {
     EXPECT_EQ(0u, lastOther.find("ServiceStop " + g1s));
 
     // Two plays on to its last member; Wi-Fi loss stops it.
-    unsigned int before = rx[3]->Report().packets;
-    EXPECT_TRUE(rx[3]->WaitForPackets(before + 20, 10000));
+    EXPECT_TRUE(rx[3]->WaitForPackets(rx[3]->Report().packets + 20, 10000));
     ASSERT_EQ(0, mgr->DisconnectedWiFi());
     EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g2, 0));
-    EXPECT_EQ("OOO", States(g2));
+    EXPECT_EQ("OOOO", States(g2));
     EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-    // The destructor stops what still plays.
+
+    // Stop blocks until the streamer is gone; members go back to standby.
     ASSERT_EQ(0, mgr->ConnectedWiFi());
     ASSERT_EQ(0, mgr->SearchDevice(true));
-    ASSERT_EQ(0, Open(g1, wav, 5, 1));
-    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());  // opened for reuse
-    before = rx[0]->Report().packets;
-    ASSERT_TRUE(rx[0]->WaitForPackets(before + 20, 15000));
+    ASSERT_EQ(0, Open(g1, wav));
+    ASSERT_TRUE(rx[0]->WaitForPackets(rx[0]->Report().packets + 20, 15000));
+    ASSERT_EQ(0, mgr->Stop(g1, 0));
+    EXPECT_TRUE(rx[0]->WaitForDisconnect(5000));
+    EXPECT_EQ("S", States(g1));
+    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Stop(g1, 0));
+    EXPECT_EQ(PLURAFON_ERR_NO_STREAMER, mgr->Pause(g1));
+    EXPECT_EQ(0, mgr->DeleteGroup(g1));
+    // The destructor stops what still plays (a stream opened for reuse).
+    ASSERT_EQ(0, Open(g2, wav, 5, 1));
+    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
+    ASSERT_TRUE(rx[3]->WaitForPackets(rx[3]->Report().packets + 20, 15000));
     mgr.reset();
-    EXPECT_TRUE(rx[0]->WaitForDisconnect(10000));
+    EXPECT_TRUE(rx[3]->WaitForDisconnect(10000));
 }
 
 // Misbehaving receivers. One member floods requests and stops reading,
