@@ -284,19 +284,12 @@ TEST(AVRepDlna, TcpCollectorRecordsConnectedReceivers) {
     PAL_SockClose(lsn);
 }
 
-TEST(AVRepDlna, IdentityAndSyncTrigger) {
+TEST(AVRepDlna, GuidIsCutAndIdleThreadsSleepUntilWorkOrTheEnd) {
     CAVRepDlna::SetGUID(std::string(50, 'G').c_str());
     EXPECT_EQ(std::string(39, 'G'), CAVRepDlna::mguid);
     CAVRepDlna::SetGUID("short");
     EXPECT_STREQ("short", CAVRepDlna::mguid);
-
     CAVRepDlna d;
-    AV_DEVICE me = {};
-    me.isMaster = 5;
-    ASSERT_EQ(0, d.GetMyDevice(&me));
-    EXPECT_STREQ("127.0.0.1", me.pReceiverIP);
-    EXPECT_EQ(17u, strlen(me.pReceiverMac));
-    EXPECT_EQ(5, me.isMaster);  // nothing else touched
 
     // Idle, the listener and the sync trigger sleep until a datagram comes
     // or a sync step is due (one a second): over a quiet 1.5 s the two

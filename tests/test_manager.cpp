@@ -312,7 +312,7 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
     EXPECT_EQ(want, events.Lines());
 }
 
-TEST_F(Manager, GroupFileSavedAndLoadedByAFreshManager) {
+TEST_F(Manager, GroupFileWrittenReadBackAndDamagedFilesLoadWhatPrecedesTheDamage) {
     std::string a = AddReceiver(0), b = AddReceiver(1);
     int g1 = mgr->CreateGroup("Living");
     int g2 = mgr->CreateGroup("Party\r\n[GROUP]\r\nname:forged");
@@ -320,23 +320,30 @@ TEST_F(Manager, GroupFileSavedAndLoadedByAFreshManager) {
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.2", a.c_str(), AV_CHANNEL_FRONT_LEFT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.3", b.c_str(), AV_CHANNEL_FRONT_RIGHT, 0));
     ASSERT_EQ(0, mgr->AddDevice(g2, "127.0.0.3", b.c_str(), AV_CHANNEL_PARTY, 1));
-    TempDir dir;
+    TempDir dir, out;
+    const std::string file = dir.path + "/multi_group_play.ini";
+    // What a manager writes, as the file's text.
+    auto saved = [&](PlurafonMgr& m) {
+        EXPECT_EQ(GROUP_RW_OK, m.SaveGroup(out.path.c_str()));
+        std::ifstream in(out.path + "/multi_group_play.ini", std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
     ASSERT_EQ(GROUP_RW_OK, mgr->SaveGroup(dir.path.c_str()));
     EXPECT_EQ(GROUP_RW_ERR_FILE_OPEN, mgr->SaveGroup("/nonexistent/dir"));
+    EXPECT_EQ(GROUP_RW_ERR_FILE_OPEN, mgr->SaveGroup(nullptr));
     // CR LF blocks in list and member order; a name cannot forge a block.
-    std::ifstream in(dir.path + "/multi_group_play.ini", std::ios::binary);
     EXPECT_EQ(
         "[GROUP]\r\nname:Living\r\nmode:1\r\ndevice:aa:0|1|1\r\ndevice:aa:1|2|0\r\n"
         "[GROUP]\r\nname:Party\r\nmode:2\r\ndevice:aa:1|7|1\r\n"
         "[GROUP]\r\nname:Empty\r\nmode:0\r\n",
-        std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
+        saved(*mgr));
 
     // Members come back in reverse, as records that carry only their MAC
     // (one record for b in both groups), absent until a join brings them
     // back. Loading starts a background search, which reports its end; with
     // no file there are no groups, and still a search.
+    RecordingNotify seen, seen2;  // outlive the managers that tell them
     PlurafonMgr fresh("other-guid", nullptr), empty("x", nullptr);
-    RecordingNotify seen, seen2;
     fresh.SetNoitfyObject(&seen);
     empty.SetNoitfyObject(&seen2);
     ASSERT_EQ(3, fresh.LoadGroup(dir.path.c_str()));
@@ -352,6 +359,53 @@ TEST_F(Manager, GroupFileSavedAndLoadedByAFreshManager) {
     EXPECT_EQ(2, fresh.GetDeviceCount());
     EXPECT_TRUE(seen.WaitFor("SearchComplete "));
     EXPECT_TRUE(seen2.WaitFor("SearchComplete "));
+
+    // Hand-edited and damaged files, loaded alone and written back: what
+    // precedes the damage is kept; over-long lines keep their first 1023
+    // bytes, fields their arrays.
+    const std::string longName(3000, 'n'), longMac(500, 'm');
+    const struct {
+        const char* what;
+        std::string bytes, back;
+    } cases[] = {
+        // Text before the first header, LF-only lines, trailing blanks, blank
+        // lines, unknown keys, a mode with text after it, two-digit roles.
+        {"hand-edited",
+         "junk\nname:ignored\ndevice:nobar\n"
+         "[GROUP]   \nname:Kitchen  \n\nmode:2abc\ncolour:blue\n"
+         "device:k1|12|1\ndevice:k2|7|1   \ndevice:k3|99|1|1\ndevice:k4|\n"
+         "  [GROUP]\n[GROUP]\r\nmode:\r\n[GROUP]\r\nname:  lead\tblanks\r\nmode:-1\r\n",
+         "[GROUP]\r\nname:Kitchen\r\nmode:2\r\ndevice:k4|0|0\r\ndevice:k3|99|0\r\n"
+         "device:k2|7|1\r\ndevice:k1|12|0\r\n[GROUP]\r\nname:\r\nmode:0\r\n"
+         "[GROUP]\r\nname:  lead\tblanks\r\nmode:-1\r\n"},
+        {"empty", "", ""},
+        {"cut short after the header", "[GROUP]", "[GROUP]\r\nname:\r\nmode:0\r\n"},
+        // A device line without a bar drops its group and ends the load.
+        {"a device line without a bar",
+         "[GROUP]\r\nname:Good\r\nmode:1\r\ndevice:g1|1|1\r\n"
+         "[GROUP]\r\nname:Bad\r\ndevice:b1|1|1\r\ndevice:no-bar-here\r\n[GROUP]\r\nname:After\r\n",
+         "[GROUP]\r\nname:Good\r\nmode:1\r\ndevice:g1|1|1\r\n"},
+        {"an empty device line", "[GROUP]\r\nname:A\r\n[GROUP]\r\nname:B\r\ndevice:\r\n",
+         "[GROUP]\r\nname:A\r\nmode:0\r\n"},
+        {"a 2000-byte line without a bar",
+         "[GROUP]\r\nname:" + longName + "\r\ndevice:" + longMac +
+             "|1|1\r\ndevice:" + std::string(2000, 'x') + "\r\ndevice:ok|2|1\r\n",
+         ""},
+        {"a bar past the 1023 bytes kept",
+         "[GROUP]\r\nname:A\r\ndevice:" + std::string(1100, 'm') + "|1|1\r\n", ""},
+        {"long name and MAC",
+         "[GROUP]\r\nname:" + longName + "\r\ndevice:" + longMac + "|1|1\r\ndevice:ok|2|1\r\n",
+         "[GROUP]\r\nname:" + std::string(63, 'n') +
+             "\r\nmode:0\r\ndevice:ok|2|1\r\ndevice:" + std::string(19, 'm') + "|1|1\r\n"},
+    };
+    for (const auto& c : cases) {
+        while (int g = fresh.GetGroupID(0)) fresh.DeleteGroup(g);
+        std::ofstream(file, std::ios::binary) << c.bytes;
+        fresh.LoadGroup(dir.path.c_str());
+        EXPECT_EQ(c.back, saved(fresh)) << c.what;
+    }
+    EXPECT_EQ(0, empty.LoadGroup(std::string(2000, 'd').c_str()));  // a path too long to form
+    EXPECT_EQ(0, empty.LoadGroup(nullptr));
 }
 
 TEST_F(Manager, OpenChecksTheGroupBeforeAnyStreamer) {
