@@ -774,6 +774,9 @@ TEST_F(Manager, FloodingVanishedAndStuckReceiversHoldUpNobody) {
     EXPECT_GE(PAL_GetClock() - t0, 4900u);
     EXPECT_TRUE(rx[3]->WaitForDisconnect(3000));
     EXPECT_TRUE(rx[0]->WaitForPackets(rx[0]->Report().packets + 50, 5000));
+    // The buffers nobody read held the music source: not one packet of the
+    // others ran dry meanwhile.
+    for (int i : {0, 1}) EXPECT_EQ(0u, rx[i]->Report().silentPackets) << Ip(i);
     seekInTime(4);
     StopPromptly(g);
 }
