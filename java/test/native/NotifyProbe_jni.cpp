@@ -8,14 +8,15 @@
 // threads, the native threads it starts and joins, the receivers' workers.
 // Locks: gLogLock (guards gLog).
 #include <jni.h>
-#include <pthread.h>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
 
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "JniHelper.h"
@@ -25,15 +26,14 @@
 
 namespace {
 
-pthread_mutex_t gLogLock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex gLogLock;
 std::vector<std::string> gLog;  // guarded by gLogLock
 JavaVM* gVm = nullptr;
 int gLoaderTid = 0;
 
 void captureSink(const char* line, void*) {
-    pthread_mutex_lock(&gLogLock);
+    std::lock_guard<std::mutex> hold(gLogLock);
     gLog.emplace_back(line);
-    pthread_mutex_unlock(&gLogLock);
 }
 
 PlurafonNotify* fromHandle(jlong h) {
@@ -66,20 +66,6 @@ void fireAll(PlurafonNotify* n) {
     n->NoitfyReceiverVolumeChanged(7, ip, mac, guid, badName, 9);
 }
 
-struct FireJob {
-    PlurafonNotify* notifier;
-    int rounds;
-};
-
-void fireRounds(const FireJob* job) {
-    for (int i = 0; i < job->rounds; i++) fireAll(job->notifier);
-}
-
-void* fireThread(void* arg) {
-    fireRounds(static_cast<FireJob*>(arg));
-    return nullptr;
-}
-
 jlong JNICALL create(JNIEnv* env, jclass, jobject target) {
     PlurafonNotify* n = new PlurafonNotify();
     if (n->SetObjectRef(env, target) != 0) {
@@ -93,13 +79,14 @@ jlong JNICALL create(JNIEnv* env, jclass, jobject target) {
 }
 
 void JNICALL fire(JNIEnv*, jclass, jlong h, jboolean onNativeThread, jint rounds) {
-    FireJob job = {fromHandle(h), rounds};
-    if (!onNativeThread) {
-        fireRounds(&job);
-        return;
+    auto fireRounds = [h, rounds] {
+        for (int i = 0; i < rounds; i++) fireAll(fromHandle(h));
+    };
+    if (onNativeThread) {
+        std::thread(fireRounds).join();
+    } else {
+        fireRounds();
     }
-    pthread_t t;
-    if (pthread_create(&t, nullptr, fireThread, &job) == 0) pthread_join(t, nullptr);
 }
 
 void JNICALL destroy(JNIEnv*, jclass, jlong h) {
@@ -115,11 +102,11 @@ void JNICALL captureLog(JNIEnv*, jclass, jboolean on) {
 }
 
 // A Java String[] of the texts, through the bridge's conversion.
-jobjectArray stringArray(JNIEnv* env, const char* const* texts, size_t n) {
+jobjectArray stringArray(JNIEnv* env, const std::vector<std::string>& texts) {
     jclass str = env->FindClass("java/lang/String");
-    jobjectArray out = env->NewObjectArray(static_cast<jsize>(n), str, nullptr);
-    for (size_t i = 0; out != nullptr && i < n; i++) {
-        jstring s = jniNewStringUTF(env, texts[i]);
+    jobjectArray out = env->NewObjectArray(static_cast<jsize>(texts.size()), str, nullptr);
+    for (size_t i = 0; out != nullptr && i < texts.size(); i++) {
+        jstring s = jniNewStringUTF(env, texts[i].c_str());
         env->SetObjectArrayElement(out, static_cast<jsize>(i), s);
         env->DeleteLocalRef(s);
     }
@@ -129,12 +116,11 @@ jobjectArray stringArray(JNIEnv* env, const char* const* texts, size_t n) {
 
 jobjectArray JNICALL takeLog(JNIEnv* env, jclass) {
     std::vector<std::string> lines;
-    pthread_mutex_lock(&gLogLock);
-    lines.swap(gLog);
-    pthread_mutex_unlock(&gLogLock);
-    std::vector<const char*> texts;
-    for (const std::string& l : lines) texts.push_back(l.c_str());
-    return stringArray(env, texts.data(), texts.size());
+    {
+        std::lock_guard<std::mutex> hold(gLogLock);
+        lines.swap(gLog);
+    }
+    return stringArray(env, lines);
 }
 
 // Raw engine bytes through the bridge's text conversion.
@@ -179,8 +165,7 @@ void JNICALL rxStop(JNIEnv*, jclass, jlong h) {
 // {address, MAC, GUID} of a receiver.
 jobjectArray JNICALL rxIdentity(JNIEnv* env, jclass, jlong h) {
     const ReceiverConfig& cfg = rxFromHandle(h)->Config();
-    const char* fields[] = {cfg.address, cfg.mac, cfg.guid};
-    return stringArray(env, fields, 3);
+    return stringArray(env, {cfg.address, cfg.mac, cfg.guid});
 }
 
 jint JNICALL rxSendExit(JNIEnv*, jclass, jlong h) {
