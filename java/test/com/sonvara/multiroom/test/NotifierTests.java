@@ -5,7 +5,6 @@ import static java.util.Arrays.asList;
 import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.lang.ref.WeakReference;
 import java.nio.charset.StandardCharsets;
-import java.util.Arrays;
 import java.util.Collections;
 import java.util.HashSet;
 import java.util.List;
@@ -39,6 +38,13 @@ final class NotifierTests {
             .collect(Collectors.toList());
     }
 
+    static List<String> repeat(int times, List<String> events) {
+        return Collections.nCopies(times, events)
+            .stream()
+            .flatMap(List::stream)
+            .collect(Collectors.toList());
+    }
+
     // An application class without NotifyContentsInfo: the service stop, tied
     // to it, is silent too.
     static final class WithoutContentsInfo extends EventLog {
@@ -47,17 +53,14 @@ final class NotifierTests {
     }
 
     // Without NotifyServiceStop: the content information still comes, and the
-    // service stop is not called through a missing method.
+    // service stop is not called through a missing method. Its content
+    // callback throws: the exception is cleared and later events still come.
     static final class WithoutServiceStop extends EventLog {
-        void NotifyContentsInfo(int channels, int rate) { add("ContentsInfo", channels, rate); }
-    }
-
-    // Fires rounds of every event at target and destroys the notifier.
-    static void fire(Object target, boolean onNativeThread, int rounds) {
-        long n = NotifyProbe.create(target);
-        Check.ok("notifier made", n != 0);
-        NotifyProbe.fire(n, onNativeThread, rounds);
-        NotifyProbe.destroy(n);
+        void NotifyContentsInfo(int channels, int rate) {
+            add("ContentsInfo", channels, rate);
+            throw new IllegalStateException("thrown by the test");
+        }
+        void NotifyPlayProgress(int g, int sec) { add("PlayProgress", g, sec); }
     }
 
     static void run() throws Exception {
@@ -66,7 +69,7 @@ final class NotifierTests {
         mgr.setListener(log.listener());
 
         // A native thread is attached for each event and detached after it.
-        fire(mgr, true, 1);
+        NotifyProbe.fire(mgr, NotifyProbe.NATIVE_THREAD, 1);
         Check.eq("native thread: events", ALL, log.texts());
         List<Thread> threads =
             log.events().stream().map(e -> e.thread).collect(Collectors.toList());
@@ -77,59 +80,38 @@ final class NotifierTests {
         // native calls; many events in one call (a blocking search does this)
         // do not pile up local references.
         log.clear();
-        Thread worker = new Thread(() -> {
-            long n = NotifyProbe.create(mgr);
-            NotifyProbe.fire(n, false, 100);
-            NotifyProbe.fire(n, false, 1);
-            NotifyProbe.destroy(n);
-        }, "java-thread");
-        worker.start();
-        worker.join(60_000);
-        Check.eq("Java thread: 101 rounds",
-            Collections.nCopies(101, ALL)
-                .stream()
-                .flatMap(List::stream)
-                .collect(Collectors.toList()),
-            log.texts());
+        Thread worker = Scene.start("java-thread", () -> {
+            NotifyProbe.fire(mgr, NotifyProbe.CALLER, 100);
+            NotifyProbe.fire(mgr, NotifyProbe.CALLER, 1);
+        });
+        worker.join(Scene.WAIT_MS);
+        Check.eq("Java thread: 101 rounds", repeat(101, ALL), log.texts());
         Check.ok(
             "Java thread: all inline", log.events().stream().allMatch(e -> e.thread == worker));
 
         // A missing method silences its own event (and what is tied to it).
         WithoutContentsInfo noContents = new WithoutContentsInfo();
         WithoutServiceStop noStop = new WithoutServiceStop();
-        fire(noContents, false, 1);
-        fire(noStop, true, 1);
+        NotifyProbe.fire(noContents, NotifyProbe.CALLER, 1);
+        NotifyProbe.fire(noStop, NotifyProbe.CALLER, 1);
+        NotifyProbe.fire(noStop, NotifyProbe.NATIVE_THREAD, 1);
         Check.eq("missing methods: only the bound events",
-            asList(events(true, "PlayProgress"), events(true, "ContentsInfo")),
+            asList(events(true, "PlayProgress"),
+                repeat(2, events(true, "ContentsInfo", "PlayProgress"))),
             asList(noContents.texts(), noStop.texts()));
-
-        // An exception thrown by the application is cleared; later events still come.
-        EventLog throwing = new EventLog() {
-            @Override
-            synchronized void add(Object... parts) {
-                if (parts[0].equals("DeviceInfo")) throw new IllegalStateException("by the test");
-                super.add(parts);
-            }
-        };
-        SonvaraNativeMgr target = new SonvaraNativeMgr();
-        target.setListener(throwing.listener());
-        fire(target, false, 1);
-        Check.eq("events after a throwing listener", events(false, "DeviceInfo"), throwing.texts());
 
         // Before the library knows its VM, an event only writes its line.
         log.clear();
-        NotifyProbe.setVmMissing(true);
-        fire(mgr, true, 1);
-        NotifyProbe.setVmMissing(false);
+        NotifyProbe.fire(mgr, NotifyProbe.NATIVE_THREAD_NO_VM, 1);
         Check.eq("VM missing: no events", List.of(), log.texts());
 
         engineText();
-        WeakReference<Object> ref = bindAndDestroy();
+        WeakReference<Object> ref = bindAndRelease();
         for (int i = 0; i < 50 && ref.get() != null; i++) {
             System.gc();
             Thread.sleep(20);
         }
-        Check.ok("application object collectable after destroy", ref.get() == null);
+        Check.ok("application object collectable after its notifier went", ref.get() == null);
     }
 
     static byte[] bytes(int... v) {
@@ -142,11 +124,7 @@ final class NotifierTests {
     // not UTF-8 become '?' instead of upsetting the VM, and a long text is cut
     // on a character boundary.
     static void engineText() {
-        byte[] longName = new byte[5000];
-        Arrays.fill(longName, (byte) 'n');
-        String cut = NotifyProbe.engineText(("x"
-            + "\uD83C\uDFB5".repeat(400))
-                                                .getBytes(StandardCharsets.UTF_8));
+        String emoji = "\uD83C\uDFB5";
         Object[][] cases = {
             {"192.168.0.7", "192.168.0.7".getBytes(StandardCharsets.US_ASCII)},
             {NAME, NAME.getBytes(StandardCharsets.UTF_8)}, // two, three and four byte characters
@@ -155,18 +133,18 @@ final class NotifierTests {
             {"??x", bytes(0xC0, 0xAF, 'x')}, // an overlong encoding
             {"????", bytes(0xF4, 0x90, 0x80, 0x80)}, // beyond U+10FFFF
             {"?", bytes(0x80)}, // a lone continuation byte
-            {"n".repeat(1023), longName},
+            {"n".repeat(1023), "n".repeat(5000).getBytes(StandardCharsets.US_ASCII)},
+            // Cut before a character that would not fit (six bytes each, as a surrogate pair).
+            {"x" + emoji.repeat(170), ("x" + emoji.repeat(400)).getBytes(StandardCharsets.UTF_8)},
         };
         for (Object[] c : cases)
             Check.eq("engine text", c[0], NotifyProbe.engineText((byte[]) c[1]));
-        Check.ok("long text cut on a character boundary",
-            !Character.isHighSurrogate(cut.charAt(cut.length() - 1)));
     }
 
-    // A notifier bound and destroyed; the object must then be free to go.
-    static WeakReference<Object> bindAndDestroy() {
+    // A notifier bound and deleted; the object must then be free to go.
+    static WeakReference<Object> bindAndRelease() {
         Object target = new SonvaraNativeMgr();
-        NotifyProbe.destroy(NotifyProbe.create(target));
+        NotifyProbe.fire(target, NotifyProbe.CALLER, 0);
         return new WeakReference<>(target);
     }
 }

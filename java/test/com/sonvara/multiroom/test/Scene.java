@@ -37,8 +37,7 @@ final class Scene implements AutoCloseable {
 
         // Starts it as an emulator in this JVM on 127.0.0.last.
         void start(int last) {
-            rx = NotifyProbe.rxStart(
-                "127.0.0." + last, name.getBytes(StandardCharsets.UTF_8), volume, 1);
+            rx = NotifyProbe.rxStart(last, name.getBytes(StandardCharsets.UTF_8), volume);
             Check.ok("receiver " + last + " started", rx != 0);
             String[] id = rx == 0 ? new String[3] : NotifyProbe.rxIdentity(rx);
             ip = id[0];
