@@ -8,37 +8,36 @@ import java.util.stream.Collectors;
 
 /** Records every engine event as one text line, with the thread it arrived on. */
 class EventLog {
-    static final class Event {
-        final String text;
-        final Thread thread;
-
-        Event(String text, Thread thread) {
-            this.text = text;
-            this.thread = thread;
-        }
-    }
-
-    private final List<Event> mEvents = new ArrayList<>();
+    private final List<String> mTexts = new ArrayList<>();
+    private final List<Thread> mThreads = new ArrayList<>();
 
     // The parts joined by '|': the event's name without "Notify", then its arguments.
     synchronized void add(Object... parts) {
-        String text = List.of(parts).stream().map(String::valueOf).collect(Collectors.joining("|"));
-        mEvents.add(new Event(text, Thread.currentThread()));
+        mTexts.add(List.of(parts).stream().map(String::valueOf).collect(Collectors.joining("|")));
+        mThreads.add(Thread.currentThread());
         notifyAll();
     }
 
-    synchronized List<Event> events() { return new ArrayList<>(mEvents); }
+    synchronized List<String> texts() { return new ArrayList<>(mTexts); }
 
-    synchronized List<String> texts() {
-        return mEvents.stream().map(e -> e.text).collect(Collectors.toList());
+    // The threads the events whose text starts with prefix arrived on.
+    synchronized List<Thread> threads(String prefix) {
+        List<Thread> out = new ArrayList<>();
+        for (int i = 0; i < mTexts.size(); i++) {
+            if (mTexts.get(i).startsWith(prefix)) out.add(mThreads.get(i));
+        }
+        return out;
     }
 
-    synchronized void clear() { mEvents.clear(); }
+    synchronized void clear() {
+        mTexts.clear();
+        mThreads.clear();
+    }
 
     // Waits until an event starting with prefix arrives; false after timeoutMs.
     synchronized boolean await(String prefix, long timeoutMs) throws InterruptedException {
         long end = System.currentTimeMillis() + timeoutMs;
-        while (mEvents.stream().noneMatch(e -> e.text.startsWith(prefix))) {
+        while (mTexts.stream().noneMatch(t -> t.startsWith(prefix))) {
             long left = end - System.currentTimeMillis();
             if (left <= 0) return false;
             wait(left);

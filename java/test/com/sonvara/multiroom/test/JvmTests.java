@@ -3,10 +3,8 @@ package com.sonvara.multiroom.test;
 import java.util.Map;
 
 /**
- * Entry of the JVM tests: {@code JvmTests <group>} runs one group and exits 0
- * when every check passed, 1 otherwise. Run with -Xcheck:jni so that any JNI
- * misuse by the library aborts the run or prints a warning the test driver
- * treats as a failure.
+ * {@code JvmTests <group>} runs one group of JVM tests and exits 0 when every
+ * check passed; run under -Xcheck:jni, whose warnings the test driver fails.
  */
 public final class JvmTests {
     private JvmTests() {}

@@ -11,10 +11,9 @@ import java.util.List;
 import java.util.stream.Collectors;
 
 /**
- * The event notifier against real Java objects, on the kinds of thread events
- * really come from: every callback's binding and arguments, attach and
- * detach, local and global references, missing methods, a throwing listener,
- * and engine bytes that are not UTF-8.
+ * The event notifier against Java objects, on the threads events come from:
+ * callbacks and their arguments, attach and detach, references, missing
+ * methods, a throwing listener, engine bytes that are not UTF-8.
  */
 final class NotifierTests {
     private NotifierTests() {}
@@ -71,8 +70,7 @@ final class NotifierTests {
         // A native thread is attached for each event and detached after it.
         NotifyProbe.fire(mgr, NotifyProbe.NATIVE_THREAD, 1);
         Check.eq("native thread: events", ALL, log.texts());
-        List<Thread> threads =
-            log.events().stream().map(e -> e.thread).collect(Collectors.toList());
+        List<Thread> threads = log.threads("");
         Check.eq("native thread: one attach per event", ALL.size(), new HashSet<>(threads).size());
         Check.ok("native thread: detached after each", threads.stream().noneMatch(Thread::isAlive));
 
@@ -86,8 +84,7 @@ final class NotifierTests {
         });
         worker.join(Scene.WAIT_MS);
         Check.eq("Java thread: 101 rounds", repeat(101, ALL), log.texts());
-        Check.ok(
-            "Java thread: all inline", log.events().stream().allMatch(e -> e.thread == worker));
+        Check.ok("Java thread: all inline", log.threads("").stream().allMatch(t -> t == worker));
 
         // A missing method silences its own event (and what is tied to it).
         WithoutContentsInfo noContents = new WithoutContentsInfo();
@@ -114,31 +111,29 @@ final class NotifierTests {
         Check.ok("application object collectable after its notifier went", ref.get() == null);
     }
 
-    static byte[] bytes(int... v) {
-        byte[] b = new byte[v.length];
-        for (int i = 0; i < v.length; i++) b[i] = (byte) v[i];
-        return b;
-    }
-
     // Engine text reaches Java as the characters it encodes; bytes that are
     // not UTF-8 become '?' instead of upsetting the VM, and a long text is cut
     // on a character boundary.
     static void engineText() {
         String emoji = "\uD83C\uDFB5";
-        Object[][] cases = {
-            {"192.168.0.7", "192.168.0.7".getBytes(StandardCharsets.US_ASCII)},
-            {NAME, NAME.getBytes(StandardCharsets.UTF_8)}, // two, three and four byte characters
-            {"a?b", bytes('a', 0xFF, 'b')}, // a stray byte
-            {"ab??", bytes('a', 'b', 0xE2, 0x82)}, // a sequence cut at the end
-            {"??x", bytes(0xC0, 0xAF, 'x')}, // an overlong encoding
-            {"????", bytes(0xF4, 0x90, 0x80, 0x80)}, // beyond U+10FFFF
-            {"?", bytes(0x80)}, // a lone continuation byte
-            {"n".repeat(1023), "n".repeat(5000).getBytes(StandardCharsets.US_ASCII)},
+        String[][] cases = {
+            // {expected, the engine's bytes as ISO-8859-1 characters}
+            {NAME, new String(NAME.getBytes(StandardCharsets.UTF_8), StandardCharsets.ISO_8859_1)},
+            {"a?b", "a\u00ffb"}, // a stray byte
+            {"ab??", "ab\u00e2\u0082"}, // a sequence cut at the end
+            {"??x", "\u00c0\u00afx"}, // an overlong encoding
+            {"????", "\u00f4\u0090\u0080\u0080"}, // beyond U+10FFFF
+            {"?", "\u0080"}, // a lone continuation byte
+            {"n".repeat(1023), "n".repeat(5000)},
             // Cut before a character that would not fit (six bytes each, as a surrogate pair).
-            {"x" + emoji.repeat(170), ("x" + emoji.repeat(400)).getBytes(StandardCharsets.UTF_8)},
+            {"x" + emoji.repeat(170),
+                new String(("x" + emoji.repeat(400)).getBytes(StandardCharsets.UTF_8),
+                    StandardCharsets.ISO_8859_1)},
         };
-        for (Object[] c : cases)
-            Check.eq("engine text", c[0], NotifyProbe.engineText((byte[]) c[1]));
+        for (String[] c : cases) {
+            Check.eq("engine text", c[0],
+                NotifyProbe.engineText(c[1].getBytes(StandardCharsets.ISO_8859_1)));
+        }
     }
 
     // A notifier bound and deleted; the object must then be free to go.

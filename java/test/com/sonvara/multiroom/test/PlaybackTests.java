@@ -239,10 +239,7 @@ final class PlaybackTests {
 
     // Whether every event whose text starts with prefix arrived on the calling thread.
     static boolean onCaller(EventLog log, String prefix) {
-        return log.events()
-            .stream()
-            .filter(e -> e.text.startsWith(prefix))
-            .allMatch(e -> e.thread == Thread.currentThread());
+        return log.threads(prefix).stream().allMatch(t -> t == Thread.currentThread());
     }
 
     // What the searches report and the registry and group hold afterwards.
@@ -317,11 +314,10 @@ final class PlaybackTests {
         // Progress each second, from the engine's stream thread, detached
         // once the event has returned.
         Check.ok("progress 2", log.await("PlayProgress|" + g + "|2", WAIT_MS));
-        for (EventLog.Event e : log.events()) {
-            if (!e.text.startsWith("PlayProgress|")) continue;
-            e.thread.join(5000);
+        for (Thread t : log.threads("PlayProgress|")) {
+            t.join(5000);
             Check.ok("progress off the Java thread, detached after the event",
-                e.thread != Thread.currentThread() && !e.thread.isAlive());
+                t != Thread.currentThread() && !t.isAlive());
         }
 
         // The name is the one the background search learnt.

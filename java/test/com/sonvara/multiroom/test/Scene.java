@@ -14,9 +14,7 @@ import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * The engine with a group of three speakers found by a blocking search, each
- * in its role, as the application builds it. The speakers are emulators in
- * this JVM, or (for a clean measure of this process) sonvara-receiver
- * processes of their own.
+ * in its role: emulators in this JVM, or receiver processes of their own.
  */
 final class Scene implements AutoCloseable {
     static final long WAIT_MS = 30_000;
