@@ -16,7 +16,7 @@
 // streamer, a finalizing engine no manager. A thread that already holds the
 // lock (an event raised on the calling Java thread's own stack) enters
 // again instead of waiting for itself.
-// Locks: _mgmutex, a PAL mutex taken with PalLock (guards glpMgr,
+// Locks: _mgmutex, the bridge's Mutex taken through autoLock (guards glpMgr,
 // glpNotify, mGuidrw, the String constructor cache, _engine_waits,
 // _finalizing, _wifi_closing, the sleepers' list and every manager call
 // made from Java). It is the outermost lock.
@@ -30,6 +30,7 @@
 
 #include "Guidrw.h"
 #include "JniHelper.h"
+#include "Mutex.h"
 #include "PlurafonNotify.h"
 #include "SonvaraMgr.h"
 #include "debug_UI.h"
@@ -119,16 +120,10 @@ const CallShape kUnlockedCode = {ORVELLE_SENDER_ERR_MGR_NULL, ORVELLE_SENDER_ERR
 
 static std::atomic<PlurafonMgr*> glpMgr(nullptr);
 static PlurafonNotify* glpNotify = nullptr;
-// The bridge lock: a PAL mutex, so a thread that holds it (an event raised
-// on a calling Java thread's own stack) takes it again instead of waiting
-// for itself. A function that releases it part-way for a wait (PalLock's
-// Unlock, then Lock) releases only its own take: a holder from an outer frame
-// keeps it, and its wait is done with the lock held, as before.
-static PAL_MUTEX* _make_bridge_mutex() {
-    PAL_MUTEX* m = nullptr;
-    return PAL_MutexCreate(&m) ? m : nullptr;
-}
-static PAL_MUTEX* const _mgmutex = _make_bridge_mutex();
+// The bridge lock (recursive: see Mutex.h). A function that releases it
+// part-way for a wait releases only its own take: a holder from an outer
+// frame keeps it, and its wait is done with the lock held, as before.
+static Mutex _mgmutex;
 
 // A caller sleeping, with the lock released, until the engine changes state
 // (a Finalize or a Wi-Fi loss ends, an engine wait finishes): a semaphore of
@@ -258,7 +253,7 @@ static long long get_boottime_usec() {
 template <typename F>
 static jint _call_mgr(JNIEnv* env, const char* name, const CallShape& shape,
                       std::initializer_list<jstring> strs, F op) {
-    PalLock lock(shape.locked ? _mgmutex : nullptr);
+    Mutex::Autolock autoLock(shape.locked ? &_mgmutex : nullptr);
     if (shape.exitFmt != nullptr) debug_UI("%s+++", name);
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) {
@@ -279,7 +274,7 @@ static jint _call_mgr(JNIEnv* env, const char* name, const CallShape& shape,
 // A query without string arguments or logs: the manager's answer or noMgr.
 template <typename T, typename F>
 static T _query_mgr(T noMgr, F op) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     PlurafonMgr* mgr = glpMgr.load();
     return mgr != nullptr ? op(mgr) : noMgr;
 }
@@ -290,7 +285,7 @@ enum NoText { kNullWhenNone, kEmptyWhenNone };
 // UTF-8 decoding; other texts through NewStringUTF.
 template <typename F>
 static jstring _text_query(JNIEnv* env, NoText none, bool isName, F op) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     PlurafonMgr* mgr = glpMgr.load();
     const char* text = mgr != nullptr ? op(mgr) : nullptr;
     if (text == nullptr) return none == kEmptyWhenNone ? env->NewStringUTF("") : nullptr;
@@ -299,19 +294,19 @@ static jstring _text_query(JNIEnv* env, NoText none, bool isName, F op) {
 
 // Holder of the lock (its one take): sleeps with it released until
 // _wake_sleepers_l, then takes it back. Callers loop on their condition.
-static void _sleep_l(PalLock* lock) {
+static void _sleep_l(Mutex::Autolock* autoLock) {
     BridgeSleeper me = {nullptr, _sleepers};
     if (!PAL_SemCreate(&me.sem, 0)) {
         // No semaphore (no memory): look again after a short sleep.
-        lock->Unlock();
+        autoLock->unlock();
         PAL_ThreadSleep(10);
-        lock->Lock();
+        autoLock->lock();
         return;
     }
     _sleepers = &me;
-    lock->Unlock();
+    autoLock->unlock();
     PAL_SemWait(me.sem, 1);
-    lock->Lock();
+    autoLock->lock();
     PAL_SemDelete(me.sem);
 }
 
@@ -326,13 +321,13 @@ static void _wake_sleepers_l() {
 // waits for the threads that deliver events. Otherwise waits, with the lock
 // released, until it is done. (A thread that holds the lock from an outer
 // frame is inside an event raised on its own stack, so it never sleeps.)
-static bool _wait_while_l(PalLock* lock, const bool* busy, const char* name) {
+static bool _wait_while_l(Mutex::Autolock* autoLock, const bool* busy, const char* name) {
     while (*busy) {
         if (PlurafonNotify::InCallback()) {
             debug_UI("%s from inside an event while the engine is busy: refused", name);
             return false;
         }
-        _sleep_l(lock);
+        _sleep_l(autoLock);
     }
     return true;
 }
@@ -348,9 +343,9 @@ static bool _wait_while_l(PalLock* lock, const bool* busy, const char* name) {
 template <typename B, typename W, typename E>
 static jint _call_mgr_waiting(const char* name, const CallShape& shape, bool* busy, jint busyAnswer,
                               B begin, W wait, E end) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     debug_UI("%s+++", name);
-    if (busy != nullptr && !_wait_while_l(&lock, busy, name)) {
+    if (busy != nullptr && !_wait_while_l(&autoLock, busy, name)) {
         debug_UI(shape.exitFmt, name, busyAnswer);
         return busyAnswer;
     }
@@ -363,9 +358,9 @@ static jint _call_mgr_waiting(const char* name, const CallShape& shape, bool* bu
     if (ret == 0) {
         _engine_waits++;
         if (busy != nullptr) *busy = true;
-        lock.Unlock();
+        autoLock.unlock();
         ret = wait(mgr);
-        lock.Lock();
+        autoLock.lock();
         if (busy != nullptr) *busy = false;
         _engine_waits--;
         end(mgr);
@@ -388,9 +383,9 @@ static void _destroy_engine_l() {
 }
 
 static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring juuid) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     debug_UI("Java_PlurafonMgr_Initialize+++");
-    if (!_wait_while_l(&lock, &_finalizing, "Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
+    if (!_wait_while_l(&autoLock, &_finalizing, "Initialize")) return ORVELLE_SENDER_ERR_IN_EVENT;
     if (glpMgr.load() != nullptr && glpNotify != nullptr) {
         debug_UI("Java_PlurafonMgr_Initialize--- already init");
         return 0;
@@ -434,22 +429,22 @@ static jint Java_SonvaraNativeMgr_initialize(JNIEnv* env, jobject thiz, jstring 
 // call finds no manager. A Finalize from inside an event is refused: the
 // manager's end would wait for the thread making it.
 static jint Java_SonvaraNativeMgr_Finalize(JNIEnv*, jobject) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     debug_UI("Java_PlurafonMgr_Finalize+++");
     if (PlurafonNotify::InCallback()) {
         debug_UI("Java_PlurafonMgr_Finalize--- refused inside an event");
         return ORVELLE_SENDER_ERR_IN_EVENT;
     }
-    _wait_while_l(&lock, &_finalizing, "Finalize");
-    while (_engine_waits > 0) _sleep_l(&lock);
+    _wait_while_l(&autoLock, &_finalizing, "Finalize");
+    while (_engine_waits > 0) _sleep_l(&autoLock);
     PlurafonMgr* mgr = glpMgr.exchange(nullptr);
     PlurafonNotify* notify = glpNotify;
     glpNotify = nullptr;
     _finalizing = true;
-    lock.Unlock();
+    autoLock.unlock();
     delete mgr;
     delete notify;
-    lock.Lock();
+    autoLock.lock();
     _finalizing = false;
     _wake_sleepers_l();
     debug_UI("Java_PlurafonMgr_Finalize---");
@@ -515,7 +510,7 @@ static jint Java_SonvaraNativeMgr_seekTo(JNIEnv*, jobject, jint group_id, jint p
 
 // Answers the new group's id, or 0 on either failure.
 static jint Java_SonvaraNativeMgr_CreateGroup(JNIEnv* env, jobject, jstring strGroupName) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     debug_UI("CreateGroup+++");
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) {
@@ -789,8 +784,9 @@ static jint Java_SonvaraNativeMgr_DisconnectedWiFi(JNIEnv*, jobject) {
 // Opens discovery only after a Wi-Fi loss under way has closed it; from
 // inside an event that loss waits for, it is refused.
 static jint Java_SonvaraNativeMgr_ConnectedWiFi(JNIEnv* env, jobject) {
-    PalLock lock(_mgmutex);
-    if (!_wait_while_l(&lock, &_wifi_closing, "ConnectedWiFi")) return ORVELLE_SENDER_ERR_IN_EVENT;
+    Mutex::Autolock autoLock(&_mgmutex);
+    if (!_wait_while_l(&autoLock, &_wifi_closing, "ConnectedWiFi"))
+        return ORVELLE_SENDER_ERR_IN_EVENT;
     return _call_mgr(env, "ConnectedWiFi", kCode, {},
                      [&](PlurafonMgr* m, const JStrings&) { return m->ConnectedWiFi(); });
 }
@@ -801,7 +797,7 @@ static jint Java_SonvaraNativeMgr_ConnectedWiFi(JNIEnv* env, jobject) {
 // manager. The registry only shrinks outside Java calls (which hold the
 // lock), so the count taken first bounds what the list copy writes.
 static jobjectArray Java_SonvaraNativeMgr_GetServiceDeviceList(JNIEnv* env, jobject) {
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     debug_UI("Java_SonvaraNativeMgr_GetServiceDeviceList+++");
     PlurafonMgr* mgr = glpMgr.load();
     if (mgr == nullptr) return nullptr;
@@ -893,7 +889,7 @@ static bool _guidrw_ready_l() {
 
 static jint Java_SonvaraNativeMgr_SaveGuid(JNIEnv* env, jobject, jstring jpath, jstring juuid) {
     debug_UI("SaveGuid+++");
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     if (!_guidrw_ready_l()) {
         debug_UI("SaveGuid--- Ret %u", ORVELLE_SENDER_ERR_GUIDRW_ALLOC);
         return ORVELLE_SENDER_ERR_GUIDRW_ALLOC;
@@ -905,7 +901,7 @@ static jint Java_SonvaraNativeMgr_SaveGuid(JNIEnv* env, jobject, jstring jpath, 
 
 static jstring Java_SonvaraNativeMgr_LoadGuid(JNIEnv* env, jobject, jstring jpath) {
     debug_UI("LoadGuid+++");
-    PalLock lock(_mgmutex);
+    Mutex::Autolock autoLock(&_mgmutex);
     if (!_guidrw_ready_l()) {
         debug_UI("LoadGuid--- Ret %u", ORVELLE_SENDER_ERR_GUIDRW_ALLOC);
         return nullptr;

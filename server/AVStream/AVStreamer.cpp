@@ -47,7 +47,8 @@ CAVStreamer::CAVStreamer(AV_NOTIFY_MSG notify, void* parent, int groupId) {
     }
     // The control server's wake-up pipe, non-blocking at both ends; made
     // here so that no late caller can write to a descriptor already reused.
-    // The seek waits on it; without it a seek waits in short sleeps.
+    // The seek's completion signal too (AVStreamerInit refuses to run
+    // without it).
     if (!PAL_SemCreate(&m_pSeekDoneSem, 0)) m_pSeekDoneSem = nullptr;
     m_wakeFd[0] = m_wakeFd[1] = -1;
     if (pipe(m_wakeFd) == 0) {

@@ -212,10 +212,7 @@ void CAVStreamer::AVStreamerSeek(int offset) {
             debug_UI("xxxseek [AVStreamerSeek] no completion within %d ms", AV_SEEK_WAIT_MS);
             break;
         }
-        if (m_pSeekDoneSem == nullptr)
-            PAL_ThreadSleep(2);
-        else
-            PAL_SemTimedWait(m_pSeekDoneSem, AV_SEEK_WAIT_MS + 1 - waited);
+        PAL_SemTimedWait(m_pSeekDoneSem, AV_SEEK_WAIT_MS + 1 - waited);
     }
     debug_UI("xxxseek complete empties ring buffers");
     ReceiverSeekRequest();

@@ -50,7 +50,7 @@ typedef enum _TAV_RET {
 // own:
 #define AV_ERR_NO_MUSIC_INFO 1          // AVStreamerInit without a music description
 #define AV_ERR_NO_MEMORY 4              // an allocation failed
-#define AV_ERR_NO_MUTEX 5               // a session mutex could not be made
+#define AV_ERR_NO_MUTEX 5               // a lock or wake-up of the streamer could not be made
 #define AV_ERR_THREAD_START 6           // a thread could not be started
 #define AV_ERR_NO_NETWORK_ADDRESS 7     // the phone's own address is not known
 #define AV_ERR_MULTICAST_URL 9          // the multicast address is malformed

@@ -128,28 +128,19 @@ bool CAVStreamer::_wait_for_room(long n) {
         // or close signals the same semaphore. At the bound every buffer and
         // flag is looked at again (a receiver whose buffer nobody reads
         // holds the chunk as before).
-        int armed =
-            m_pMusicWakeSem == nullptr
-                ? -1
-                : Pal_RingBufNotifyRoom(tightest, need + AV_MUSIC_ROOM_BATCH, m_pMusicWakeSem);
-        if (armed == 0)
+        if (Pal_RingBufNotifyRoom(tightest, need + AV_MUSIC_ROOM_BATCH, m_pMusicWakeSem) == 0)
             PAL_SemTimedWait(m_pMusicWakeSem, AV_MUSIC_WAIT_MS);
-        else if (armed < 0)
-            PAL_ThreadSleep(5);
     }
 }
 
 // The pause between passes: ms at most, cut short by whatever the thread
 // waits for (stream start, resume, seek, close).
 void CAVStreamer::_music_idle(unsigned int ms) {
-    if (m_pMusicWakeSem == nullptr)
-        PAL_ThreadSleep(ms < 5 ? ms : 5);
-    else
-        PAL_SemTimedWait(m_pMusicWakeSem, ms);
+    PAL_SemTimedWait(m_pMusicWakeSem, ms);
 }
 
 void CAVStreamer::_wake_music_source() {
-    if (m_pMusicWakeSem != nullptr) PAL_SemSignal(m_pMusicWakeSem, 1);
+    PAL_SemSignal(m_pMusicWakeSem, 1);
 }
 
 // Some active session still holds PCM from before the seek (the stream

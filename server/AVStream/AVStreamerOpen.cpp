@@ -75,11 +75,13 @@ int CAVStreamer::AVStreamerInit(AV_RECEIVER_INFO* pAVReceiverInfo, AV_MUSIC_INFO
     m_AVMusicInfo.pMime[AV_MIME_LEN - 1] = 0;
     m_max_idx = count;
 
-    // The session mutexes come with the object; one that could not be made
-    // leaves the streamer unusable.
-    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-        if (m_AVRcvSessInfo.AVRcvSess[i]._lpmutex == nullptr) return AV_ERR_NO_MUTEX;
-    }
+    // The session mutexes, the feed lock and the two wake-ups come with the
+    // object; one that could not be made (no memory) leaves the streamer
+    // unusable, so no thread ever has to poll in place of a wake-up.
+    bool made = m_pFeedLock != nullptr && m_pMusicWakeSem != nullptr && m_pSeekDoneSem != nullptr;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++)
+        made = made && m_AVRcvSessInfo.AVRcvSess[i]._lpmutex != nullptr;
+    if (!made) return AV_ERR_NO_MUTEX;
     m_nOffsetTime = offset_time;
 
     const char* uri = m_AVMusicInfo.pMusicURI;
