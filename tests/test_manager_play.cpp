@@ -431,6 +431,9 @@ TEST_F(Play, AReceiverThatNeverPlaysDelaysTheOthersTwoSecondsAndIsDroppedAtFive)
     EXPECT_TRUE(rx[2]->WaitForDisconnect(3000));
     unsigned int before = rx[0]->Report().packets;
     EXPECT_TRUE(rx[0]->WaitForPackets(before + 50, 5000));
+    // The buffer nobody read held the music source: not one packet of the
+    // others ran dry meanwhile.
+    for (int i : {0, 1}) EXPECT_EQ(0u, rx[i]->Report().silentPackets) << Ip(i);
     t1 = PAL_GetClock();
     EXPECT_EQ(0, mgr->seekTo(g, 4));
     EXPECT_LT(PAL_GetClock() - t1, 3500u);

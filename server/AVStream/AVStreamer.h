@@ -433,7 +433,10 @@ private:
     bool _seek_pending();
     void _seek_done();  // the music source has carried a seek out: wake AVStreamerSeek
     long _read_chunk(char* origin);
-    bool _wait_for_room(long n);
+    enum { FEED_DONE, FEED_NOBODY, FEED_ABANDONED };
+    int _feed_chunk(char* origin, long n, char* divide);
+    long long _tightest_l(long n, bool* anyLinedUp, PAL_RINGBUF** tightest, unsigned long* need);
+    void _fit_unread_l(int index, unsigned long len);
     void _music_idle(unsigned int ms);
     void _wake_music_source();
     const char* _convert_for(int index, char* origin, long n, char* divide, unsigned long* len);

@@ -6,9 +6,11 @@
 // Allocates its two work buffers once per thread (nothing per chunk).
 // Runs on: MusicSourceThread (started by AVStreamerInit).
 // Locks: a session's `_lpmutex` only while scanning for the end of a seek;
-// m_pFeedLock while writing one chunk into the buffers (no wait inside).
+// m_pFeedLock while choosing the buffer that sets the pace and writing one
+// chunk into the buffers (no wait inside).
 // Waits: on m_pMusicWakeSem, each wait bounded: for room in the buffer
-// shortest of it (signalled by the stream thread's read; AV_MUSIC_WAIT_MS),
+// shortest of it among those the stream thread reads (signalled by that
+// read; AV_MUSIC_WAIT_MS),
 // during a seek for the stream thread to empty the buffers (signalled by it;
 // AV_SEEK_WAIT_MS), and while idle for the stream start, a resume, a seek or
 // the close (AV_MUSIC_WAIT_MS). The close signals every one of them.
@@ -94,40 +96,96 @@ const char* CAVStreamer::_convert_for(int index, char* origin, long n, char* div
     }
 }
 
-// Waits until every active session has room for its share of the chunk, so
-// that all buffers always end at the same point of the content: the RTP
-// thread lines late receivers up by comparing fill levels. The slowest
-// receiver sets the pace. False when a pause, a seek or exit abandons the
-// chunk: those must be seen however long a receiver keeps its buffer full.
-bool CAVStreamer::_wait_for_room(long n) {
+// The buffer that sets the pace of the next chunk of n source bytes: the
+// one shortest of room for its share among those the stream thread reads,
+// and how far short it is (negative) or how much room is left. A buffer is
+// read once its session is lined up with the stream (it is then read every
+// pass, sent or not); while no session is, the stream has not started or a
+// seek emptied everything, and every buffer will be read from its start, so
+// all of them count. A session not lined up while others play is not read
+// until it is, and then drops its oldest PCM to match them: it holds
+// nothing back (see _fit_unread_l). Among equals the last one the stream
+// thread serves in a pass, so that when it has room the pass has made room
+// in all. Called with m_pFeedLock held: lining up changes which buffers
+// count, under the same lock.
+long long CAVStreamer::_tightest_l(long n, bool* anyLinedUp, PAL_RINGBUF** tightest,
+                                   unsigned long* need) {
     unsigned c = m_AVMusicInfo.NumChannels ? m_AVMusicInfo.NumChannels : 1;
-    for (;;) {
-        // The buffer shortest of room for its share; among equals the last
-        // one the stream thread serves in a pass, so that when it has room
-        // the pass has made room in all.
-        PAL_RINGBUF* tightest = nullptr;
-        long long slack = 0;
-        unsigned long need = 0;
-        for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-            AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
-            PAL_RINGBUF* rb = s.pFD;
-            if (!s.bActive || rb == nullptr) continue;
-            int conv = pick_conversion(s.ChannelType, c, m_AVMusicInfo.BytesPerSample);
-            unsigned long len = converted_length(conv, n, c);
-            long long left = (long long)Pal_RingBufAvailable(rb) - (long long)len;
-            if (tightest == nullptr || left <= slack) {
-                tightest = rb;
-                slack = left;
-                need = len;
-            }
+    AV_RCV_SESS* sess = m_AVRcvSessInfo.AVRcvSess;
+    *anyLinedUp = false;
+    for (int i = 0; i < AV_MAX_RECEIVER && !*anyLinedUp; i++)
+        *anyLinedUp = sess[i].bActive && sess[i].pFD.load() != nullptr && sess[i].bIsSync == 1;
+    *tightest = nullptr;
+    *need = 0;
+    long long slack = 0;
+    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+        AV_RCV_SESS& s = sess[i];
+        PAL_RINGBUF* rb = s.pFD;
+        if (!s.bActive || rb == nullptr || (*anyLinedUp && s.bIsSync != 1)) continue;
+        int conv = pick_conversion(s.ChannelType, c, m_AVMusicInfo.BytesPerSample);
+        unsigned long len = converted_length(conv, n, c);
+        long long left = (long long)Pal_RingBufAvailable(rb) - (long long)len;
+        if (*tightest == nullptr || left <= slack) {
+            *tightest = rb;
+            slack = left;
+            *need = len;
         }
-        if (tightest == nullptr || slack >= 0) return true;
-        if (m_bSerExit || _bpause || bSeekReqMusicSrcT) return false;
+    }
+    return slack;
+}
+
+// A session that is not read yet while others play (connected but not
+// playing, or not lined up since a seek) keeps only the newest PCM: its
+// oldest bytes go to make room, so its buffer still ends where every other
+// one does, which is what lining it up by fill levels relies on. What goes
+// is what lining up would drop anyway.
+void CAVStreamer::_fit_unread_l(int index, unsigned long len) {
+    AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[index];
+    PAL_RINGBUF* rb = s.pFD;
+    if (rb == nullptr || s.bIsSync == 1) return;
+    unsigned long room = Pal_RingBufAvailable(rb);
+    if (room < len) Pal_RingBufRead(rb, nullptr, len - room);
+}
+
+// Writes the chunk of n source bytes in origin into every active session's
+// buffer, channel-filtered for each, once every buffer that is read has
+// room for its share, so that all buffers always end at the same point of
+// the content: the stream thread lines late receivers up by comparing fill
+// levels. The slowest buffer that is read sets the pace; one that nobody
+// reads never does. Returns FEED_ABANDONED when a pause, a seek or exit
+// abandons the chunk (those must be seen however long a buffer stays
+// full), FEED_NOBODY when no session has a buffer (the chunk is dropped).
+int CAVStreamer::_feed_chunk(char* origin, long n, char* divide) {
+    for (;;) {
+        PalLock feed(m_pFeedLock);
+        bool anyLinedUp = false;
+        PAL_RINGBUF* tightest = nullptr;
+        unsigned long need = 0;
+        long long slack = _tightest_l(n, &anyLinedUp, &tightest, &need);
+        if (tightest == nullptr || slack >= 0) {
+            bool delivered = false;
+            for (int i = 0; i < AV_MAX_RECEIVER; i++) {
+                AV_RCV_SESS& s = m_AVRcvSessInfo.AVRcvSess[i];
+                if (!s.bActive) continue;
+                unsigned long len = 0;
+                const char* out = _convert_for(i, origin, n, divide, &len);
+                if (anyLinedUp) _fit_unread_l(i, len);
+                if (len > 0) ReceiverMediaWrite((unsigned char)i, (char*)out, len);
+                PAL_RINGBUF* rb = s.pFD;
+                if (rb != nullptr) {
+                    Pal_RingBufSetTimeStamp(rb, (unsigned int)m_nOffsetTime);
+                    delivered = true;
+                }
+            }
+            return delivered ? FEED_DONE : FEED_NOBODY;
+        }
+        feed.Unlock();
+        if (m_bSerExit || _bpause || bSeekReqMusicSrcT) return FEED_ABANDONED;
         // Asleep until the stream thread has read room for this chunk and a
         // batch more, so that one wake moves several chunks; a seek, pause
-        // or close signals the same semaphore. At the bound every buffer and
-        // flag is looked at again (a receiver whose buffer nobody reads
-        // holds the chunk as before).
+        // or close signals the same semaphore, and a receiver lined up or
+        // gone is seen at the bound, when every buffer and flag is looked at
+        // again.
         if (Pal_RingBufNotifyRoom(tightest, need + AV_MUSIC_ROOM_BATCH, m_pMusicWakeSem) == 0)
             PAL_SemTimedWait(m_pMusicWakeSem, AV_MUSIC_WAIT_MS);
     }
@@ -214,24 +272,8 @@ int CAVStreamer::MusicSourceThread(void* param) {
                     // Paced by the buffers: the next chunk waits for room,
                     // not for a step. A pause, seek or close that abandons
                     // the chunk is handled at once.
-                    if (!self->_wait_for_room(nReadSize)) continue;
-                    bool delivered = false;
-                    PalLock feed(self->m_pFeedLock);
-                    for (int i = 0; i < AV_MAX_RECEIVER; i++) {
-                        AV_RCV_SESS& s = self->m_AVRcvSessInfo.AVRcvSess[i];
-                        if (!s.bActive) continue;
-                        unsigned long len = 0;
-                        const char* out =
-                            self->_convert_for(i, buf->origin, nReadSize, buf->divide, &len);
-                        if (len > 0) self->ReceiverMediaWrite((unsigned char)i, (char*)out, len);
-                        PAL_RINGBUF* rb = s.pFD;
-                        if (rb != nullptr) {
-                            Pal_RingBufSetTimeStamp(rb, (unsigned int)self->m_nOffsetTime);
-                            delivered = true;
-                        }
-                    }
-                    feed.Unlock();
-                    if (delivered) continue;
+                    int fed = self->_feed_chunk(buf->origin, nReadSize, buf->divide);
+                    if (fed != FEED_NOBODY) continue;
                     // Nobody to deliver to: the chunk is dropped at the pace
                     // of the step.
                     idle = 5;

@@ -150,10 +150,10 @@ void CAVStreamer::_serve_session_l(int index, unsigned char* reportFlag) {
 // j by dropping the PCM it holds beyond j's. Both buffers are fed the same
 // chunks, so equal fill levels mean equal positions, but only between two
 // chunks: the music source feeds the buffers one after the other, so they
-// are compared under the feed lock (a wait of at most one chunk's copies,
-// during which the music source never waits). A j still to be served in this pass will have sent
-// one more packet by the time index is next served, hence the one-packet lead. The session is sent
-// to from the next pass on.
+// are compared, and the excess dropped, under the feed lock (a wait of at
+// most one chunk's copies, during which the music source never waits). A j still to be served in
+// this pass will have sent one more packet by the time index is next served, hence the one-packet
+// lead. The session is sent to from the next pass on.
 void CAVStreamer::_line_up_session_l(int index) {
     AV_RCV_SESS* sess = m_AVRcvSessInfo.AVRcvSess;
     AV_RCV_SESS& s = sess[index];
@@ -172,10 +172,12 @@ void CAVStreamer::_line_up_session_l(int index) {
     PAL_RINGBUF* rbj = sess[j].pFD;
     if (rbj == nullptr) return;
     long long lead = j < index ? 0 : AV_STREAM_PACKET_SIZE;
+    // Until it is marked lined up the music source may drop this buffer's
+    // oldest PCM to make room (it is not read): the drop and the mark are
+    // made under the same lock as the comparison.
     PalLock feed(m_pFeedLock);
     long long excess =
         (long long)Pal_RingBufAvailable(rbj) - (long long)Pal_RingBufAvailable(rb) + lead;
-    feed.Unlock();
     if (excess < 0) return;  // not enough queued yet to catch up
     if (excess > 0 && Pal_RingBufRead(rb, nullptr, (unsigned long)excess) != 0)
         Pal_RingBufReset(rb);
