@@ -242,6 +242,18 @@ TEST_F(Play, OpenControlAndStopOneGroup) {
               mgr->Open(g, wav.c_str(), "Tone", "audio/x-wav", 2, 44100, 5, 0, 0));
     EXPECT_EQ(PLURAFON_ERR_GROUP_PLAYING, mgr->DeleteGroup(g));
     ASSERT_TRUE(events.WaitFor("Progress " + std::to_string(g) + " ", 2));
+    // A listener that dwells in its progress event holds up no packet.
+    std::atomic<int> during(-1);
+    events.OnProgress([&](int) {
+        if (during >= 0) return;
+        unsigned int before = rx[0]->Report().packets;
+        PAL_ThreadSleep(1500);
+        during = (int)(rx[0]->Report().packets - before);
+    });
+    for (unsigned int t0 = PAL_GetClock(); during < 0 && PAL_GetClock() - t0 < 10000;)
+        PAL_ThreadSleep(10);
+    events.OnProgress(nullptr);
+    EXPECT_GE(during.load(), 50);  // about 190 are due
 
     // What a receiver tells the stream reaches the application.
     ASSERT_GE(rx[0]->SendVolumeChanged(9), 0);

@@ -42,23 +42,24 @@ public:
     }
     void NotifyServiceStop(int groupId, int bNextPlay) override {
         add("ServiceStop " + n(groupId) + " " + n(bNextPlay));
-        std::function<void(int)> hook;
-        {
-            std::lock_guard<std::mutex> hold(m_mutex);
-            hook = m_onServiceStop;
-        }
-        if (hook) hook(groupId);  // on the event's own thread, as a listener works
+        call(m_onServiceStop, groupId);
     }
-    // What the listener does after recording a ServiceStop (null: nothing).
+    // What the listener does after recording a ServiceStop or a Progress
+    // (null: nothing).
     void OnServiceStop(std::function<void(int groupId)> hook) {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_onServiceStop = hook;
+    }
+    void OnProgress(std::function<void(int groupId)> hook) {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_onProgress = hook;
     }
     void NoitfyDeviceSearchComplete(int bIsSuccess) override {
         add("SearchComplete " + n(bIsSuccess));
     }
     void NoitfyPlayProgress(int groupId, int progress) override {
         add("Progress " + n(groupId) + " " + n(progress));
+        call(m_onProgress, groupId);
     }
     void NoitfyReceiverVolumeChanged(int groupId, char* strIP, char* strMac, char* strGuid,
                                      char* strDeviceName, int volume) override {
@@ -94,16 +95,25 @@ private:
         for (auto& l : m_lines) c += l.compare(0, prefix.size(), prefix) == 0;
         return c;
     }
+    void call(const std::function<void(int)>& member, int groupId) {
+        std::function<void(int)> hook;
+        {
+            std::lock_guard<std::mutex> hold(m_mutex);
+            hook = member;
+        }
+        if (hook) hook(groupId);  // on the event's own thread, as a listener works
+    }
     void add(const std::string& line) {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_lines.push_back(line);
         m_changed.notify_all();
     }
 
-    std::mutex m_mutex;  // guards m_lines and m_onServiceStop
+    std::mutex m_mutex;  // guards m_lines and the hooks
     std::condition_variable m_changed;
     std::vector<std::string> m_lines;
     std::function<void(int)> m_onServiceStop;
+    std::function<void(int)> m_onProgress;
 };
 
 #endif

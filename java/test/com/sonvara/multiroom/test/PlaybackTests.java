@@ -112,7 +112,7 @@ final class PlaybackTests {
         Check.eq("service devices", ips, new HashSet<>(List.of(m.GetServiceDeviceList())));
         Check.eq("service group of a receiver", g, m.GetServiceGroupIdOfReceiver(sc.speakers.get(0).ip));
 
-        // Progress each second, from the engine's stream thread.
+        // Progress each second, from one of the engine's own threads.
         Check.ok("progress 2", log.await("PlayProgress|" + g + "|2", WAIT_MS));
         for (EventLog.Event e : log.events()) {
             if (!e.text.startsWith("PlayProgress|")) continue;
