@@ -13,6 +13,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "AVStreamer.h"
@@ -25,26 +26,17 @@ namespace {
 
 void _no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
-bool _mpeg_rate(unsigned long rate) {
-    static const unsigned long kRates[] = {8000,  11025, 12000, 16000, 22050,
-                                           24000, 32000, 44100, 48000};
-    for (unsigned long r : kRates) {
-        if (rate == r) return true;
-    }
-    return false;
-}
-
 // Up to `frames` reads; each must fit the output area and leave the format
 // of what it decoded where the info query takes it from.
 void _read_frames(CAVStreamer* st, long fd, int frames) {
+    static const uint32_t kRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
     std::unique_ptr<char[]> pcm(new char[AV_MP3_BUF_SIZE]);
-    for (int i = 0; i < frames; i++) {
-        const long n = st->Mp3ToPcm_FileRead(fd, pcm.get(), AV_MP3_BUF_SIZE);
-        if (n < 0) return;
-        fuzz_require(n > 0 && n <= AV_MP3_BUF_SIZE);
+    for (long n;
+         frames-- > 0 && (n = st->Mp3ToPcm_FileRead(fd, pcm.get(), AV_MP3_BUF_SIZE)) >= 0;) {
         const AV_CONTENT_INFO& info = CAVStreamerProbe::Content(st);
-        fuzz_require((info.NumChannels == 1 || info.NumChannels == 2) &&
-                     _mpeg_rate(info.SampleRate));
+        fuzz_require(n > 0 && n <= AV_MP3_BUF_SIZE &&
+                     (info.NumChannels == 1 || info.NumChannels == 2) &&
+                     std::count(kRates, kRates + 9, info.SampleRate) == 1);
     }
 }
 
@@ -68,15 +60,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Seeks as AVStreamerInit and the music source ask for them
     // (microseconds formed in 32 bits), and to anything else.
-    const long long target = (long long)bits, negated = (long long)(0ULL - bits);
-    const long long targets[] = {(long long)(int)(seconds * 1000000u),
-                                 0,
-                                 target,
-                                 target % 600000000LL,
-                                 negated,
-                                 p->mDuration / 2,
-                                 p->mDuration + 1};
-    for (long long t : targets) {
+    const long long target = (long long)bits;
+    for (long long t :
+         {(long long)(int)(seconds * 1000000u), 0LL, target, target % 600000000LL,
+          (long long)(0ULL - bits), (long long)p->mDuration / 2, (long long)p->mDuration + 1}) {
         p->setSeekTo(t);
         _read_frames(st.get(), fd, 4);
     }

@@ -5,6 +5,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "ReceiverEmulator.h"
 #include "audio_check.h"
@@ -33,24 +34,28 @@ uint32_t FrameAt(const std::vector<unsigned char>& pcm, size_t byteOffset) {
     return ((uint32_t)lr[1] << 16) | lr[0];
 }
 
+// The first packet at or after byte `from` that starts with frame `frame`
+// (the end when none does); from there on every packet goes on where the
+// one before stopped.
+size_t FindAndFollow(const std::vector<unsigned char>& pcm, size_t from, uint32_t frame) {
+    size_t at = from;
+    while (at < pcm.size() && FrameAt(pcm, at) != frame) at += 1400;
+    for (size_t off = at + 1400; off + 4 <= pcm.size(); off += 1400)
+        EXPECT_EQ(FrameAt(pcm, off - 4) + 1, FrameAt(pcm, off)) << off;
+    return std::min(at, pcm.size());
+}
+
 // The expected stream of a receiver: source frames of width-byte samples,
 // channel c on both sides (c >= 0) or the first two as they are (c < 0).
 std::vector<unsigned char> Role(const std::vector<unsigned char>& src, int channels, int width,
                                 int c) {
     std::vector<unsigned char> out;
-    size_t frames = src.size() / (width * channels);
-    for (size_t k = 0; k < frames; k++) {
+    for (size_t k = 0; k < src.size() / (width * channels); k++) {
         const unsigned char* f = src.data() + k * width * channels;
-        int l = c < 0 ? 0 : c, r = c < 0 ? 1 : c;
-        out.insert(out.end(), f + width * l, f + width * l + width);
-        out.insert(out.end(), f + width * r, f + width * r + width);
+        for (int side : {c < 0 ? 0 : c, c < 0 ? 1 : c})
+            out.insert(out.end(), f + width * side, f + width * side + width);
     }
     return out;
-}
-
-bool IsSilent(const std::vector<unsigned char>& v, size_t from) {
-    return std::all_of(v.begin() + (long)std::min(from, v.size()), v.end(),
-                       [](unsigned char b) { return b == 0; });
 }
 
 // SEEK commands a receiver has had.
@@ -81,53 +86,43 @@ protected:
         rx.clear();
         ri = AV_RECEIVER_INFO{};
     }
-    ReceiverEmulator* AddReceiver(const char* ip, AV_CHANNEL_TYPE type, int volume = 5,
-                                  bool listed = true) {
+    ReceiverEmulator* AddReceiver(const char* ip, AV_CHANNEL_TYPE type, bool listed = true) {
         ReceiverConfig cfg;
         ReceiverConfigDefaults(&cfg, ip);
         cfg.discoveryPort = kGroupPort;
         cfg.timeSync = false;
         rx.emplace_back(new ReceiverEmulator(cfg));
         EXPECT_EQ(0, rx.back()->Start());
-        if (listed) ri.AVReceiver[(int)ri.nAVReceiverCnt++] = MakeReceiver(ip, type, volume);
+        if (listed) ri.AVReceiver[(int)ri.nAVReceiverCnt++] = MakeReceiver(ip, type, 5);
         return rx.back().get();
     }
     // Init, open and search, as the sender facade does for one playback.
     int Play(const std::string& path, const char* mime, uint8_t channels, uint32_t rate,
-             int offset = 0) {
-        memset(&mi, 0, sizeof(mi));
+             int offset = 0, const char* url = kUrl) {
+        mi = AV_MUSIC_INFO{"", "Song", "", channels, rate, 0};
         snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s", path.c_str());
-        snprintf(mi.pContentTitle, sizeof(mi.pContentTitle), "Song");
         snprintf(mi.pMime, sizeof(mi.pMime), "%s", mime);
-        mi.NumChannels = channels;
-        mi.SampleRate = rate;
         if (st == nullptr) st = new CAVStreamer(&EventLog::Notify, &events, 42);
         int ret = st->AVStreamerInit(&ri, &mi, offset);
         if (ret != 0) return kInitFailed + ret;
-        ret = st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, offset);
+        ret = st->AVStreamerOpen(kTcp, kRtp, url, 9, offset);
         if (ret != 0) return kOpenFailed + ret;
         return st->ReceiverSearch(&ri);
     }
-    // The n-th end of content.
-    bool WaitEnd(int timeoutMs = 20000, int n = 1) {
-        StreamerEvent e;
-        return events.WaitFor(AVMSG_SERVICE_STOP, n, timeoutMs, &e) && e.b == 1;
-    }
     // Checks a receiver got exactly the expected stream (whole packets of it,
-    // then silence) with a clean handshake and no loss.
+    // then silence) with a clean handshake, well-formed packets and no loss.
     void ExpectStream(ReceiverEmulator* r, const std::vector<unsigned char>& expect) {
-        std::vector<unsigned char> got = r->Pcm();
-        size_t whole = expect.size() / 1400 * 1400;
-        ASSERT_GE(got.size(), whole) << r->Config().address;
-        EXPECT_TRUE(std::equal(expect.begin(), expect.begin() + (long)whole, got.begin()))
-            << r->Config().address;
-        EXPECT_TRUE(IsSilent(got, whole)) << r->Config().address;
-        ReceiverReport rep = r->Report();
-        EXPECT_EQ(0u, rep.handshakeErrors) << r->Config().address;
-        EXPECT_EQ(0u, rep.badLength + rep.badVersion + rep.badPayloadType + rep.badMarker)
-            << r->Config().address;
-        EXPECT_EQ(0u, rep.seqGaps + rep.lostPackets + rep.outOfOrder) << r->Config().address;
-        EXPECT_EQ(0u, rep.timestampErrors) << r->Config().address;
+        SCOPED_TRACE(r->Config().address);
+        const std::vector<unsigned char> got = r->Pcm();
+        const size_t whole = expect.size() / 1400 * 1400;
+        ASSERT_GE(got.size(), whole);
+        EXPECT_TRUE(std::equal(expect.begin(), expect.begin() + (long)whole, got.begin()));
+        EXPECT_TRUE(std::all_of(got.begin() + (long)whole, got.end(),
+                                [](unsigned char b) { return b == 0; }));
+        const ReceiverReport rep = r->Report();
+        EXPECT_EQ(0u, rep.handshakeErrors + rep.badLength + rep.badVersion + rep.badPayloadType +
+                          rep.badMarker + rep.seqGaps + rep.lostPackets + rep.outOfOrder +
+                          rep.timestampErrors);
     }
 
     EventLog events;
@@ -152,6 +147,14 @@ TEST_F(Playback, EveryRoleGetsItsChannelsBitExactAndPaced) {
         ref.Mp3ToPcm_FileClose(fd);
     }
     ASSERT_GT(decoded.size(), 100000u);
+    // The control port is taken: each server drifts upwards and the SEARCH
+    // tells the receivers where.
+    int blocker = socket(AF_INET, SOCK_STREAM, 0), one = 1;
+    setsockopt(blocker, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    struct sockaddr_in sa;
+    rx_sockaddr("0.0.0.0", kTcp, &sa);
+    ASSERT_EQ(0, bind(blocker, (struct sockaddr*)&sa, sizeof(sa)));
+    ASSERT_EQ(0, listen(blocker, 1));
     const struct {
         const char* file;
         const char* mime;
@@ -169,40 +172,41 @@ TEST_F(Playback, EveryRoleGetsItsChannelsBitExactAndPaced) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         for (int i = 0; i < 3; i++) AddReceiver(ips[i], roles[i]);
-        unsigned int t0 = NowMs();
+        const unsigned int t0 = PAL_GetClock();
         ASSERT_EQ(0, Play(fixture_path(c.file), c.mime, (uint8_t)c.channels, (uint32_t)c.rate));
-        ASSERT_TRUE(WaitEnd(20000, ++played));
-        unsigned int elapsed = NowMs() - t0;
+        ASSERT_TRUE(events.WaitFor("Stop 42 1", ++played, 20000)) << "the end of the content";
+        const unsigned int elapsed = PAL_GetClock() - t0;
         PAL_ThreadSleep(300);
         std::vector<unsigned char> src = decoded;
         if (strcmp(c.mime, "audio/mpeg") != 0) {
             src = read_whole_file(fixture_path(c.file));
             src.erase(src.begin(), src.begin() + 44);  // the header
         }
-        for (int i = 0; i < 3; i++) {
+        for (int i = 0; i < 3; i++)
             ExpectStream(rx[i].get(),
                          Role(src, c.channels, c.width, c.channels == 1 ? 0 : stereoPick[i]));
-        }
         // Paced by the clock: no faster than the audio plays.
         EXPECT_GE(elapsed * 10ull,
                   src.size() * 2 / c.channels * 9000ull / (2ull * c.rate * c.width));
-        EXPECT_EQ(8 * c.width, rx[0]->Report().sdpBits);
-        EXPECT_EQ(c.rate, rx[0]->Report().sdpRate);
+        const ReceiverReport rep = rx[0]->Report();
+        EXPECT_EQ(std::make_tuple(8 * c.width, c.rate), std::make_tuple(rep.sdpBits, rep.sdpRate));
+        EXPECT_GT(rep.serverPort, kTcp);
         EXPECT_STREQ("Front_Right", rx[1]->Report().startRole);
         // After the end a seek is acknowledged at once and still announced.
-        unsigned int t1 = NowMs();
+        const unsigned int t1 = PAL_GetClock();
         st->AVStreamerSeek(2);
-        EXPECT_LT(NowMs() - t1, 1000u);
+        EXPECT_LT(PAL_GetClock() - t1, 1000u);
         EXPECT_TRUE(WaitUntil([&] { return Seeks(rx[0].get()) == 1; }));
         Finish();  // the next case: a new streamer and new receivers, as the manager does
     }
+    close(blocker);
 }
 
 TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
     std::string path = PositionWav(20);
     ReceiverEmulator* a = AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
     ReceiverEmulator* b = AddReceiver("127.0.0.3", AV_CHANNEL_PARTY);
-    ReceiverEmulator* joiner = AddReceiver("127.0.0.4", AV_CHANNEL_PARTY, 5, false);
+    ReceiverEmulator* joiner = AddReceiver("127.0.0.4", AV_CHANNEL_PARTY, false);
     ASSERT_EQ(0, Play(path, "audio/x-wav", 2, 44100, 1));  // starts 1 s in
     ASSERT_TRUE(a->WaitForPackets(60, 10000));
     EXPECT_EQ(44100u, FrameAt(a->Pcm(), 0));
@@ -217,13 +221,11 @@ TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
     st->AVStreamerResume();
     ASSERT_TRUE(a->WaitForCommand("RESUME", 3000));
     ASSERT_TRUE(a->WaitForPackets(pausedAt + 20, 5000));
-    ReceiverReport rep = a->Report();
-    EXPECT_GE(rep.expectedGaps, 1u);  // the sequence ran on while paused
-    EXPECT_EQ(0u, rep.seqGaps);       // the only jump is the one the pause explains
-    // The audio itself goes on where it stopped.
-    std::vector<unsigned char> pcm = a->Pcm();
-    for (size_t off = 1400; off + 4 <= pcm.size(); off += 1400)
-        ASSERT_EQ(FrameAt(pcm, off - 4) + 1, FrameAt(pcm, off)) << off;
+    // The sequence ran on while paused, and the only jump is the one the
+    // pause explains; the audio itself goes on where it stopped.
+    EXPECT_EQ(std::make_tuple(true, 0u),
+              std::make_tuple(a->Report().expectedGaps >= 1, a->Report().seqGaps));
+    EXPECT_EQ(0u, FindAndFollow(a->Pcm(), 0, 44100));
 
     // Seek while playing, and again to the same offset: after each SEEK the
     // audio starts at the new position and progress follows it.
@@ -232,16 +234,14 @@ TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
         st->AVStreamerSeek(5);
         ASSERT_TRUE(WaitUntil([&] { return Seeks(a) == round + 1 && Seeks(b) == round + 1; }));
         ASSERT_TRUE(a->WaitForPackets(a->Report().packets + 40, 5000));
-        pcm = a->Pcm();
-        size_t at = before;
-        while (at < pcm.size() && FrameAt(pcm, at) != 5u * 44100) at += 1400;
-        ASSERT_LT(at, pcm.size()) << "round " << round;
-        for (size_t off = at + 1400; off + 4 <= pcm.size(); off += 1400)
-            ASSERT_EQ(FrameAt(pcm, off - 4) + 1, FrameAt(pcm, off)) << off;
+        const std::vector<unsigned char> pcm = a->Pcm();
+        ASSERT_LT(FindAndFollow(pcm, before, 5u * 44100), pcm.size()) << "round " << round;
         ASSERT_TRUE(WaitUntil(
             [&] {
-                std::vector<StreamerEvent> all = events.All();
-                return !all.empty() && all.back().code == AVMSG_PLAY_PROGRESS && all.back().b >= 5;
+                std::vector<std::string> all = events.All();
+                int second = 0;
+                return !all.empty() && sscanf(all.back().c_str(), "Progress 42 %d", &second) == 1 &&
+                       second >= 5;
             },
             5000));
     }
@@ -253,11 +253,8 @@ TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
     st->AVStreamerSeek(7);
     st->AVStreamerResume();
     ASSERT_TRUE(a->WaitForPackets(a->Report().packets + 20, 5000));
-    pcm = a->Pcm();
-    bool found = false;
-    for (size_t at = before; at < pcm.size() && !found; at += 1400)
-        found = FrameAt(pcm, at) == 7u * 44100;
-    EXPECT_TRUE(found);
+    std::vector<unsigned char> pcm = a->Pcm();
+    EXPECT_LT(FindAndFollow(pcm, before, 7u * 44100), pcm.size());
 
     // Leave with the acknowledgement (the emulator answers BYE).
     EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.2"));
@@ -277,67 +274,45 @@ TEST_F(Playback, PauseSeekJoinAndLeaveMoveTheAudioAndTheProgress) {
     ASSERT_TRUE(joiner->WaitForCommand("PAUSE", 3000));
     PAL_ThreadSleep(200);
     std::vector<unsigned char> pb = b->Pcm(), pj = joiner->Pcm();
-    EXPECT_EQ(b->Report().lastSeq, joiner->Report().lastSeq);
-    EXPECT_EQ(FrameAt(pb, pb.size() - 1400), FrameAt(pj, pj.size() - 1400));
+    EXPECT_EQ(std::make_tuple(b->Report().lastSeq, FrameAt(pb, pb.size() - 1400)),
+              std::make_tuple(joiner->Report().lastSeq, FrameAt(pj, pj.size() - 1400)));
     st->AVStreamerResume();
 
     // Leave without an acknowledgement: released after a second; the last
     // one out ends the service with 0.
     b->SetAnswerBye(false);
-    unsigned int t0 = NowMs();
+    unsigned int t0 = PAL_GetClock();
     EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.3"));
-    EXPECT_GE(NowMs() - t0, 900u);
+    EXPECT_GE(PAL_GetClock() - t0, 900u);
     EXPECT_TRUE(b->WaitForDisconnect(3000));
     EXPECT_EQ(0, st->AVStreamerReceiverOut("127.0.0.4"));
     EXPECT_EQ(AV_ERR_RECEIVER_NOT_ACTIVE, st->AVStreamerReceiverOut("127.0.0.4"));
-    StreamerEvent stop;
-    ASSERT_TRUE(events.WaitFor(AVMSG_SERVICE_STOP, 1, 3000, &stop));
-    EXPECT_EQ(0, stop.b);
+    EXPECT_TRUE(events.WaitFor("Stop 42 0", 1, 3000));
     EXPECT_EQ(0, Probe::ReceiverCount(st));
     unlink(path.c_str());
 }
 
 TEST_F(Playback, OpenAndInitFailuresGiveTheirCodes) {
-    ReceiverEmulator* r = AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
+    AddReceiver("127.0.0.2", AV_CHANNEL_PARTY);
+    const std::string wav = fixture_path("wav16_stereo_44k.wav");
+    auto retry = [&](const char* file, const char* mime, const char* url) {
+        if (st != nullptr) st->AVStreamerClose();
+        return Play(file, mime, 2, 44100, 0, url);
+    };
     EXPECT_EQ(kInitFailed + AV_ERR_CONTENT_OPEN,
-              Play("/nonexistent/song.wav", "audio/x-wav", 2, 44100));
-    st->AVStreamerClose();
+              retry("/nonexistent/song.wav", "audio/x-wav", kUrl));
     EXPECT_EQ(kInitFailed + AV_ERR_CONTENT_OPEN,
-              Play("/nonexistent/song.mp3", "audio/mpeg", 2, 44100));
+              retry("/nonexistent/song.mp3", "audio/mpeg", kUrl));
     st->AVStreamerClose();
     EXPECT_EQ(AV_ERR_NO_MUSIC_INFO, st->AVStreamerInit(&ri, nullptr, 0));
-
     // Another type is read as raw PCM; then the open's own checks.
-    mi.NumChannels = 2;
-    mi.SampleRate = 44100;
-    snprintf(mi.pMime, sizeof(mi.pMime), "audio/L16");
-    snprintf(mi.pMusicURI, sizeof(mi.pMusicURI), "%s",
-             fixture_path("wav16_stereo_44k.wav").c_str());
-    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
-    EXPECT_EQ(AV_ERR_INIT_REFUSED, st->AVStreamerInit(&ri, &mi, 0));
-    EXPECT_EQ(AV_ERR_MULTICAST_URL, st->AVStreamerOpen(kTcp, kRtp, "224.1.2.4", 20, 0));
-    st->AVStreamerClose();
-    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
+    EXPECT_EQ(kOpenFailed + AV_ERR_MULTICAST_URL, retry(wav.c_str(), "audio/L16", "224.1.2.4"));
     setenv("SONVARA_IFACE", "nosuch0", 1);
-    EXPECT_EQ(AV_ERR_NO_NETWORK_ADDRESS, st->AVStreamerOpen(kTcp, kRtp, kUrl, 40, 0));
+    EXPECT_EQ(kOpenFailed + AV_ERR_NO_NETWORK_ADDRESS, retry(wav.c_str(), "audio/L16", kUrl));
     unsetenv("SONVARA_IFACE");
-    st->AVStreamerClose();
-
-    // The control port is taken: the server drifts upwards and the SEARCH
-    // tells the receivers where.
-    int blocker = socket(AF_INET, SOCK_STREAM, 0), one = 1;
-    setsockopt(blocker, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    struct sockaddr_in sa;
-    rx_sockaddr("0.0.0.0", kTcp, &sa);
-    ASSERT_EQ(0, bind(blocker, (struct sockaddr*)&sa, sizeof(sa)));
-    ASSERT_EQ(0, listen(blocker, 1));
-    ASSERT_EQ(0, st->AVStreamerInit(&ri, &mi, 0));
-    ASSERT_EQ(0, st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, 0));
+    EXPECT_EQ(0, retry(wav.c_str(), "audio/L16", kUrl));
+    EXPECT_EQ(AV_ERR_INIT_REFUSED, st->AVStreamerInit(&ri, &mi, 0));
     EXPECT_EQ(AV_ERR_OPEN_REFUSED, st->AVStreamerOpen(kTcp, kRtp, kUrl, 9, 0));
-    EXPECT_EQ(0, st->ReceiverSearch(&ri));
-    ASSERT_TRUE(r->WaitForPackets(10, 10000));
-    EXPECT_GT(r->Report().serverPort, kTcp);
-    close(blocker);
 }
 
 TEST_F(Playback, RepeatedLivesLeaveNoThreadDescriptorOrMemoryBehind) {

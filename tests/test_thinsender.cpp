@@ -19,10 +19,8 @@ void ignore_dlna(intptr_t, intptr_t, intptr_t, intptr_t) {}
 
 // Every streamer function with one handle: their answers, in a fixed order.
 std::vector<int> StreamerAnswers(int h) {
-    AV_MUSIC_INFO music;
-    memset(&music, 0, sizeof(music));
-    AV_RECEIVER rx;
-    memset(&rx, 0, sizeof(rx));
+    AV_MUSIC_INFO music = {};
+    AV_RECEIVER rx = {};
     char ip[] = "127.0.0.2";
     return {AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", &music, nullptr, 5, 0),
             AVSenderClose(h),
@@ -48,8 +46,7 @@ const int H = AVSENDER_ERR_NULL_HANDLE, S = AVSENDER_ERR_NULL_STREAMER;
 const std::vector<int> kNullStreamer = {H, S, S, H, H, S, H, S, S, H, S, S, S, S, S, 0, S};
 
 std::vector<int> DlnaAnswers(int h) {
-    AV_DEVICE_INFO devices;
-    memset(&devices, 0, sizeof(devices));
+    AV_DEVICE_INFO devices = {};
     AV_DEVICE me;
     AV_CONTENT_INFO content;
     return {AVGetDeviceInfo(h, "224.1.2.4:1234", &devices, 100),
@@ -74,33 +71,30 @@ TEST(ThinSender, NullAndStaleHandlesGetTheirFixedAnswers) {
     EXPECT_EQ(H, AVRepDlnaCreate(nullptr, "224.1.2.4:1234", ignore_dlna, nullptr));
 
     // A streamer: a null music description is refused before anything else;
-    // once deleted, its handle is as unknown as a made-up one.
-    int h = 0;
+    // it is found by its handle, never by a made-up one; once deleted, its
+    // handle is as unknown as a made-up one, and not handed out again.
+    int h = 0, h2 = 0;
     ASSERT_EQ(0, AVSenderCreate(&h, ignore_events, nullptr, 7));
-    ASSERT_NE(0, h);
-    EXPECT_EQ(H, AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0));
-    EXPECT_FALSE(AVSenderIsStreamReceiverExist(h));
-    EXPECT_EQ(TAV_PARAM_INVALID, AVSenderReceiverDeviceVolumeControl(h, nullptr, 3));
-    EXPECT_EQ(h, AVSenderHandleOf(h));  // found by handle, never by a made-up one
-    EXPECT_EQ(0, AVSenderHandleOf(h + 1000));
-    EXPECT_EQ(0, AVSenderHandleOf((intptr_t)&h));
-    EXPECT_EQ(0, AVSenderDelete(h));
+    EXPECT_EQ(std::vector<int>({H, 0, TAV_PARAM_INVALID, h, 0, 0, 0}),
+              std::vector<int>(
+                  {AVSenderOpen(h, 1554, 15000, "224.1.2.4:1234", nullptr, nullptr, 5, 0),
+                   AVSenderIsStreamReceiverExist(h) ? 1 : 0,
+                   AVSenderReceiverDeviceVolumeControl(h, nullptr, 3), AVSenderHandleOf(h),
+                   AVSenderHandleOf(h + 1000), AVSenderHandleOf((intptr_t)&h), AVSenderDelete(h)}));
     EXPECT_EQ(kNullStreamer, StreamerAnswers(h));
     EXPECT_EQ(0, AVSenderHandleOf(h));
-    int h2 = 0;
     ASSERT_EQ(0, AVSenderCreate(&h2, ignore_events, nullptr, 8));
-    EXPECT_NE(h, h2);  // handles are not handed out twice
+    EXPECT_NE(h, h2);
     EXPECT_EQ(0, AVSenderDelete(h2));
 
     // Discovery: a failed open takes the object with it.
     int d = 0;
     ASSERT_EQ(0, AVRepDlnaCreate(&d, "224.1.2.4:1234", ignore_dlna, nullptr));
-    AV_DEVICE me;
-    memset(&me, 0, sizeof(me));
+    AV_DEVICE me = {};
     EXPECT_EQ(0, AVGetMyDevice(d, &me));
     EXPECT_NE('\0', me.pReceiverIP[0]);
-    EXPECT_EQ(0, AVRepDlnaClose(d));
-    EXPECT_EQ(0, AVRepDlnaOpen(d, "224.1.2.4:1234"));
+    EXPECT_EQ(std::vector<int>({0, 0}),
+              std::vector<int>({AVRepDlnaClose(d), AVRepDlnaOpen(d, "224.1.2.4:1234")}));
     EXPECT_NE(0, AVRepDlnaOpen(d, "no-port-here"));
     EXPECT_EQ(std::vector<int>(9, H), DlnaAnswers(d));
 

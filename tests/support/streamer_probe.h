@@ -2,7 +2,8 @@
 // benchmarks use it to bring a streamer's control server up without a
 // content file, to drive the control server's steps by hand, and to look at
 // the sessions and counters the wire does not show. Header-only; no lock of
-// its own (callers take a session's `_lpmutex` where the streamer would).
+// its own: Locked() runs a look or a change under a session's lock, where
+// the control thread may touch the same fields.
 #ifndef STREAMER_PROBE_H
 #define STREAMER_PROBE_H
 
@@ -30,6 +31,13 @@ struct CAVStreamerProbe {
     static uint32_t StartClock(CAVStreamer* s) {
         return __atomic_load_n(&s->m_unSvrStartClock, __ATOMIC_RELAXED);
     }
+    template <typename F>
+    static auto Locked(CAVStreamer* s, int i, F f) {
+        PAL_MutexLock(Sess(s, i)._lpmutex, 1);
+        auto v = f();
+        PAL_MutexUnLock(Sess(s, i)._lpmutex);
+        return v;
+    }
 
     // What init leaves behind, without a content file or a music source:
     // the receiver table and the music format, every session free.
@@ -40,14 +48,14 @@ struct CAVStreamerProbe {
         for (int i = 0; i < AV_MAX_RECEIVER; i++) s->_session_clear(i);
     }
     // What open does, without time sync: the control server up on the
-    // ports, the multicast socket on the group's port, the search begun
-    // searchAgoMs ago. 0 or the server's error.
+    // ports, the multicast socket on the group's port, the search begun now.
+    // 0 or the server's error.
     static int OpenServer(CAVStreamer* s, unsigned short tcpPort, unsigned short rtpPort,
-                          unsigned short mcastPort, unsigned int searchAgoMs = 0) {
+                          unsigned short mcastPort) {
         s->m_pMulticastIP = strdup("224.1.2.4");
         s->m_MulticastPort = mcastPort;
         snprintf(s->m_pMyIP, sizeof(s->m_pMyIP), "127.0.0.1");
-        s->m_unSearchBaseClock = PAL_GetClock() - searchAgoMs;
+        s->m_unSearchBaseClock = PAL_GetClock();
         if (!s->ServerInit()) return AV_ERR_SERVER_INIT;
         return s->ServerOpen(tcpPort, rtpPort);
     }

@@ -3,19 +3,22 @@
 // thread, captures the engine's log lines so tests can read them, and hosts
 // emulated receivers inside the test's JVM.
 //
-// Owns: the notifiers and receivers it creates (handed to Java as a jlong,
-// deleted by destroy / rxStop) and the captured log lines. Threads: Java test
-// threads, the native threads it starts and joins, the receivers' workers.
+// Owns: the receivers it creates (handed to Java as a jlong, deleted by
+// rxStop), one notifier for each fire call, and the captured log lines.
+// Threads: Java test threads, the native threads it starts and joins, the
+// receivers' workers.
 // Locks: gLogLock (guards gLog).
 #include <jni.h>
-#include <pthread.h>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "JniHelper.h"
@@ -25,19 +28,14 @@
 
 namespace {
 
-pthread_mutex_t gLogLock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex gLogLock;
 std::vector<std::string> gLog;  // guarded by gLogLock
 JavaVM* gVm = nullptr;
 int gLoaderTid = 0;
 
 void captureSink(const char* line, void*) {
-    pthread_mutex_lock(&gLogLock);
+    std::lock_guard<std::mutex> hold(gLogLock);
     gLog.emplace_back(line);
-    pthread_mutex_unlock(&gLogLock);
-}
-
-PlurafonNotify* fromHandle(jlong h) {
-    return reinterpret_cast<PlurafonNotify*>(static_cast<intptr_t>(h));
 }
 
 // Every event once, with arguments the Java side checks. The join carries a
@@ -47,12 +45,8 @@ void fireAll(PlurafonNotify* n) {
     char ip[] = "127.0.0.2";
     char mac[] = "02:00:00:00:00:02";
     char guid[] = "guid-0002";
-    char name[] =
-        "K\xC3\xBC"
-        "che \xF0\x9F\x8E\xB5";
-    char badName[] =
-        "bad\xFF"
-        "name";
+    char name[] = "K\303\274che \360\237\216\265";
+    char badName[] = "bad\377name";
     n->NotifyDeviceInfo(ip, mac, 1, 3);
     n->NotifyJoinDeviceInfo(7, ip, mac, guid, name);
     n->NotifyResetDeviceInfo(7, ip);
@@ -66,48 +60,28 @@ void fireAll(PlurafonNotify* n) {
     n->NoitfyReceiverVolumeChanged(7, ip, mac, guid, badName, 9);
 }
 
-struct FireJob {
-    PlurafonNotify* notifier;
-    int rounds;
-};
+// Binds a notifier to target's callback methods as the bridge does, raises
+// every event rounds times on the calling thread or on one fresh native
+// thread (there, as before the library was loaded, with no VM known if so
+// asked), then deletes the notifier, which releases target.
+enum FireOn { kCaller = 0, kNativeThread = 1, kNativeThreadNoVm = 2 };
 
-void fireRounds(const FireJob* job) {
-    for (int i = 0; i < job->rounds; i++) fireAll(job->notifier);
-}
-
-void* fireThread(void* arg) {
-    fireRounds(static_cast<FireJob*>(arg));
-    return nullptr;
-}
-
-jlong JNICALL create(JNIEnv* env, jclass, jobject target) {
-    PlurafonNotify* n = new PlurafonNotify();
-    if (n->SetObjectRef(env, target) != 0) {
-        delete n;
-        return 0;
-    }
+void JNICALL fire(JNIEnv* env, jclass, jobject target, jint on, jint rounds) {
+    PlurafonNotify n;
+    if (n.SetObjectRef(env, target) != 0) return;
     jclass cls = env->GetObjectClass(target);
-    n->BindCallbacks(env, cls);
+    n.BindCallbacks(env, cls);
     env->DeleteLocalRef(cls);
-    return static_cast<jlong>(reinterpret_cast<intptr_t>(n));
-}
-
-void JNICALL fire(JNIEnv*, jclass, jlong h, jboolean onNativeThread, jint rounds) {
-    FireJob job = {fromHandle(h), rounds};
-    if (!onNativeThread) {
-        fireRounds(&job);
+    auto fireRounds = [&n, rounds] {
+        for (int i = 0; i < rounds; i++) fireAll(&n);
+    };
+    if (on == kCaller) {
+        fireRounds();
         return;
     }
-    pthread_t t;
-    if (pthread_create(&t, nullptr, fireThread, &job) == 0) pthread_join(t, nullptr);
-}
-
-void JNICALL destroy(JNIEnv*, jclass, jlong h) {
-    delete fromHandle(h);
-}
-
-void JNICALL setVmMissing(JNIEnv*, jclass, jboolean missing) {
-    PlurafonNotify::SetVM(missing ? nullptr : gVm, gLoaderTid);
+    if (on == kNativeThreadNoVm) PlurafonNotify::SetVM(nullptr, 0);
+    std::thread(fireRounds).join();
+    PlurafonNotify::SetVM(gVm, gLoaderTid);
 }
 
 void JNICALL captureLog(JNIEnv*, jclass, jboolean on) {
@@ -115,11 +89,11 @@ void JNICALL captureLog(JNIEnv*, jclass, jboolean on) {
 }
 
 // A Java String[] of the texts, through the bridge's conversion.
-jobjectArray stringArray(JNIEnv* env, const char* const* texts, size_t n) {
+jobjectArray stringArray(JNIEnv* env, const std::vector<std::string>& texts) {
     jclass str = env->FindClass("java/lang/String");
-    jobjectArray out = env->NewObjectArray(static_cast<jsize>(n), str, nullptr);
-    for (size_t i = 0; out != nullptr && i < n; i++) {
-        jstring s = jniNewStringUTF(env, texts[i]);
+    jobjectArray out = env->NewObjectArray(static_cast<jsize>(texts.size()), str, nullptr);
+    for (size_t i = 0; out != nullptr && i < texts.size(); i++) {
+        jstring s = jniNewStringUTF(env, texts[i].c_str());
         env->SetObjectArrayElement(out, static_cast<jsize>(i), s);
         env->DeleteLocalRef(s);
     }
@@ -129,12 +103,11 @@ jobjectArray stringArray(JNIEnv* env, const char* const* texts, size_t n) {
 
 jobjectArray JNICALL takeLog(JNIEnv* env, jclass) {
     std::vector<std::string> lines;
-    pthread_mutex_lock(&gLogLock);
-    lines.swap(gLog);
-    pthread_mutex_unlock(&gLogLock);
-    std::vector<const char*> texts;
-    for (const std::string& l : lines) texts.push_back(l.c_str());
-    return stringArray(env, texts.data(), texts.size());
+    {
+        std::lock_guard<std::mutex> hold(gLogLock);
+        lines.swap(gLog);
+    }
+    return stringArray(env, lines);
 }
 
 // Raw engine bytes through the bridge's text conversion.
@@ -149,21 +122,18 @@ ReceiverEmulator* rxFromHandle(jlong h) {
     return reinterpret_cast<ReceiverEmulator*>(static_cast<intptr_t>(h));
 }
 
-// A receiver on address with the given name bytes, volume and MASTER value,
-// started; 0 if it could not start.
-jlong JNICALL rxStart(JNIEnv* env, jclass, jstring address, jbyteArray name, jint volume,
-                      jint master) {
-    const char* addr = env->GetStringUTFChars(address, nullptr);
-    if (addr == nullptr) return 0;
+// A receiver on 127.0.0.last with the given name bytes and volume, started;
+// 0 if it could not start.
+jlong JNICALL rxStart(JNIEnv* env, jclass, jint last, jbyteArray name, jint volume) {
+    char address[16];
+    snprintf(address, sizeof(address), "127.0.0.%d", static_cast<int>(last & 0xff));
     ReceiverConfig cfg;
-    ReceiverConfigDefaults(&cfg, addr);
-    env->ReleaseStringUTFChars(address, addr);
+    ReceiverConfigDefaults(&cfg, address);
     jsize len = env->GetArrayLength(name);
     if (len > static_cast<jsize>(sizeof(cfg.name)) - 1) len = sizeof(cfg.name) - 1;
     memset(cfg.name, 0, sizeof(cfg.name));
     env->GetByteArrayRegion(name, 0, len, reinterpret_cast<jbyte*>(cfg.name));
     cfg.volume = volume;
-    cfg.master = master;
     ReceiverEmulator* rx = new ReceiverEmulator(cfg);
     if (rx->Start() != 0) {
         delete rx;
@@ -179,8 +149,7 @@ void JNICALL rxStop(JNIEnv*, jclass, jlong h) {
 // {address, MAC, GUID} of a receiver.
 jobjectArray JNICALL rxIdentity(JNIEnv* env, jclass, jlong h) {
     const ReceiverConfig& cfg = rxFromHandle(h)->Config();
-    const char* fields[] = {cfg.address, cfg.mac, cfg.guid};
-    return stringArray(env, fields, 3);
+    return stringArray(env, {cfg.address, cfg.mac, cfg.guid});
 }
 
 jint JNICALL rxSendExit(JNIEnv*, jclass, jlong h) {
@@ -191,13 +160,12 @@ jint JNICALL rxSendJoin(JNIEnv*, jclass, jlong h) {
     return static_cast<jint>(rxFromHandle(h)->SendJoin());
 }
 
-jboolean JNICALL rxWaitPackets(JNIEnv*, jclass, jlong h, jint n, jint timeoutMs) {
-    return rxFromHandle(h)->WaitForPackets(n, timeoutMs) ? JNI_TRUE : JNI_FALSE;
-}
-
-// The role named by the START command ("Front_Left", ...).
-jstring JNICALL rxStartRole(JNIEnv* env, jclass, jlong h) {
-    return jniNewStringUTF(env, rxFromHandle(h)->Report().startRole);
+// The role the START command named ("Front_Left", ...) once n packets have
+// arrived; null if they did not within timeoutMs.
+jstring JNICALL rxRoleOnceStreaming(JNIEnv* env, jclass, jlong h, jint n, jint timeoutMs) {
+    ReceiverEmulator* rx = rxFromHandle(h);
+    if (!rx->WaitForPackets(n, timeoutMs)) return nullptr;
+    return jniNewStringUTF(env, rx->Report().startRole);
 }
 
 jint JNICALL rxSendVolumeChanged(JNIEnv*, jclass, jlong h, jint volume) {
@@ -205,19 +173,15 @@ jint JNICALL rxSendVolumeChanged(JNIEnv*, jclass, jlong h, jint volume) {
 }
 
 // Bytes the C heap has handed out, large blocks the allocator maps on their
-// own (hblkhd: ring buffers, the emulators' audio) included: mallinfo2
-// where glibc has it, mallinfo on an older glibc; -1 under AddressSanitizer
-// (its own allocator) and off glibc.
+// own (hblkhd: ring buffers, the emulators' audio) included; -1 where
+// mallinfo2 is missing (off glibc, before glibc 2.33) or under
+// AddressSanitizer (its own allocator).
 jlong JNICALL nativeHeapBytes(JNIEnv*, jclass) {
-#if defined(__SANITIZE_ADDRESS__) || !defined(__GLIBC__)
+#if defined(__SANITIZE_ADDRESS__) || !defined(__GLIBC__) || (__GLIBC__ == 2 && __GLIBC_MINOR__ < 33)
     return -1;
-#elif __GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33)
+#else
     struct mallinfo2 mi = mallinfo2();
     return static_cast<jlong>(mi.uordblks) + static_cast<jlong>(mi.hblkhd);
-#else
-    struct mallinfo mi = mallinfo();
-    return static_cast<jlong>(static_cast<unsigned int>(mi.uordblks)) +
-           static_cast<jlong>(static_cast<unsigned int>(mi.hblkhd));
 #endif
 }
 
@@ -225,19 +189,15 @@ jlong JNICALL nativeHeapBytes(JNIEnv*, jclass) {
     { const_cast<char*>(#name), const_cast<char*>(sig), reinterpret_cast<void*>(name) }
 
 const JNINativeMethod kMethods[] = {
-    PROBE_METHOD(rxStart, "(Ljava/lang/String;[BII)J"),
+    PROBE_METHOD(rxStart, "(I[BI)J"),
     PROBE_METHOD(rxStop, "(J)V"),
     PROBE_METHOD(rxIdentity, "(J)[Ljava/lang/String;"),
     PROBE_METHOD(rxSendExit, "(J)I"),
     PROBE_METHOD(rxSendJoin, "(J)I"),
-    PROBE_METHOD(rxWaitPackets, "(JII)Z"),
-    PROBE_METHOD(rxStartRole, "(J)Ljava/lang/String;"),
+    PROBE_METHOD(rxRoleOnceStreaming, "(JII)Ljava/lang/String;"),
     PROBE_METHOD(rxSendVolumeChanged, "(JI)I"),
     PROBE_METHOD(nativeHeapBytes, "()J"),
-    PROBE_METHOD(create, "(Ljava/lang/Object;)J"),
-    PROBE_METHOD(fire, "(JZI)V"),
-    PROBE_METHOD(destroy, "(J)V"),
-    PROBE_METHOD(setVmMissing, "(Z)V"),
+    PROBE_METHOD(fire, "(Ljava/lang/Object;II)V"),
     PROBE_METHOD(captureLog, "(Z)V"),
     PROBE_METHOD(takeLog, "()[Ljava/lang/String;"),
     PROBE_METHOD(engineText, "([B)Ljava/lang/String;"),

@@ -221,11 +221,6 @@ void MP3Parser::clearSeekTo() {
     mOptions &= ~1u;
 }
 
-bool MP3Parser::getSeekTo(long long* out) const {
-    if (out) *out = mSeekTimeUs;
-    return (mOptions & 1u) != 0;
-}
-
 int MP3Parser::GetFileInfo(int* pNumChannel, int* pSampleRate) {
     if (pNumChannel) *pNumChannel = mNumChannels;
     if (pSampleRate) *pSampleRate = mSampleRate;

@@ -58,7 +58,6 @@ public:
     void reset();
     void setSeekTo(long long time_us);
     void clearSeekTo();
-    bool getSeekTo(long long* out) const;
     long long getCurrentTime() { return mCurrentTimeUs; }
     int GetFileInfo(int* pNumChannel, int* pSampleRate);
     // Next frame in *out (valid until the next read); 0, or 64 with *out null.

@@ -4,68 +4,57 @@ import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.lang.reflect.Proxy;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.stream.Collectors;
 
 /** Records every engine event as one text line, with the thread it arrived on. */
 class EventLog {
-    static final class Event {
-        final String text;
-        final Thread thread;
+    private final List<String> mTexts = new ArrayList<>();
+    private final List<Thread> mThreads = new ArrayList<>();
 
-        Event(String text, Thread thread) {
-            this.text = text;
-            this.thread = thread;
-        }
-    }
-
-    private final List<Event> mEvents = new ArrayList<>();
-
+    // The parts joined by '|': the event's name without "Notify", then its arguments.
     synchronized void add(Object... parts) {
-        StringBuilder sb = new StringBuilder();
-        for (Object p : parts) {
-            if (sb.length() > 0) sb.append('|');
-            sb.append(p);
-        }
-        mEvents.add(new Event(sb.toString(), Thread.currentThread()));
+        mTexts.add(List.of(parts).stream().map(String::valueOf).collect(Collectors.joining("|")));
+        mThreads.add(Thread.currentThread());
         notifyAll();
     }
 
-    synchronized List<Event> events() {
-        return new ArrayList<>(mEvents);
-    }
+    synchronized List<String> texts() { return new ArrayList<>(mTexts); }
 
-    synchronized List<String> texts() {
-        List<String> out = new ArrayList<>();
-        for (Event e : mEvents) out.add(e.text);
+    // The threads the events whose text starts with prefix arrived on.
+    synchronized List<Thread> threads(String prefix) {
+        List<Thread> out = new ArrayList<>();
+        for (int i = 0; i < mTexts.size(); i++) {
+            if (mTexts.get(i).startsWith(prefix)) out.add(mThreads.get(i));
+        }
         return out;
     }
 
     synchronized void clear() {
-        mEvents.clear();
+        mTexts.clear();
+        mThreads.clear();
     }
 
-    /** Waits until an event starting with prefix arrives; false after timeoutMs. */
+    // Waits until an event starting with prefix arrives; false after timeoutMs.
     synchronized boolean await(String prefix, long timeoutMs) throws InterruptedException {
         long end = System.currentTimeMillis() + timeoutMs;
-        while (true) {
-            for (Event e : mEvents) {
-                if (e.text.startsWith(prefix)) return true;
-            }
+        while (mTexts.stream().noneMatch(t -> t.startsWith(prefix))) {
             long left = end - System.currentTimeMillis();
             if (left <= 0) return false;
             wait(left);
         }
+        return true;
     }
 
-    /** A listener that records each event as its name without "on", then its arguments. */
+    // A listener that records each event as its name without "on", then its arguments.
     SonvaraNativeMgr.Listener listener() {
         return (SonvaraNativeMgr.Listener) Proxy.newProxyInstance(EventLog.class.getClassLoader(),
-                new Class<?>[] {SonvaraNativeMgr.Listener.class}, (proxy, method, args) -> {
-                    if (method.getDeclaringClass() == Object.class) return method.invoke(this, args);
-                    Object[] parts = new Object[args.length + 1];
-                    parts[0] = method.getName().substring(2);
-                    System.arraycopy(args, 0, parts, 1, args.length);
-                    add(parts);
-                    return null;
-                });
+            new Class<?>[] {SonvaraNativeMgr.Listener.class}, (proxy, method, args) -> {
+                if (method.getDeclaringClass() == Object.class) return method.invoke(this, args);
+                Object[] parts = new Object[args.length + 1];
+                parts[0] = method.getName().substring(2);
+                System.arraycopy(args, 0, parts, 1, args.length);
+                add(parts);
+                return null;
+            });
     }
 }

@@ -1,44 +1,31 @@
 package com.sonvara.multiroom.test;
 
+import java.util.Map;
+
 /**
- * Entry of the JVM tests: {@code JvmTests <group>} runs one group and exits 0
- * when every check passed, 1 otherwise. Run with -Xcheck:jni so that any JNI
- * misuse by the library aborts the run or prints a warning the test driver
- * treats as a failure.
+ * {@code JvmTests <group>} runs one group of JVM tests and exits 0 when every
+ * check passed; run under -Xcheck:jni, whose warnings the test driver fails.
  */
 public final class JvmTests {
     private JvmTests() {}
 
+    interface Group {
+        void run() throws Exception;
+    }
+
+    static final Map<String, Group> GROUPS =
+        Map.of("notifier", NotifierTests::run, "lifecycle", BridgeTests::run, "onload",
+            BridgeTests::onLoad, "playback", PlaybackTests::run, "soak", PlaybackTests::runSoak);
+
     public static void main(String[] args) throws Exception {
-        if (args.length < 1) {
-            System.out.println("usage: JvmTests notifier|lifecycle|onload|playback|stress|soak");
+        Group group = args.length == 1 ? GROUPS.get(args[0]) : null;
+        if (group == null) {
+            System.out.println("usage: JvmTests " + String.join("|", GROUPS.keySet()));
             System.exit(2);
         }
-        switch (args[0]) {
-            case "notifier":
-                NotifierTests.run();
-                break;
-            case "lifecycle":
-                BridgeTests.run();
-                break;
-            case "onload":
-                OnLoadTests.run();
-                break;
-            case "playback":
-                PlaybackTests.run();
-                break;
-            case "stress":
-                StressTests.run();
-                break;
-            case "soak":
-                ReentryTests.runSoak();
-                break;
-            default:
-                System.out.println("unknown group " + args[0]);
-                System.exit(2);
-        }
-        System.out.println(args[0] + ": " + Check.checks() + " checks, " + Check.failures()
-                + " failures");
+        group.run();
+        System.out.println(
+            args[0] + ": " + Check.checks() + " checks, " + Check.failures() + " failures");
         // Exit explicitly: engine threads the VM knows of must not keep it alive.
         System.exit(Check.failures() == 0 ? 0 : 1);
     }

@@ -2,7 +2,6 @@ package com.sonvara.multiroom.test;
 
 import com.sonvara.multiroom.SonvaraNativeMgr;
 import java.io.IOException;
-import java.io.OutputStream;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.charset.StandardCharsets;
@@ -10,17 +9,17 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Map;
+import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * The engine with a group of three speakers found by a blocking search, each
- * in its role, as the application builds it. The speakers are emulators in
- * this JVM, or (for a clean measure of this process) sonvara-receiver
- * processes of their own.
+ * in its role: emulators in this JVM, or receiver processes of their own.
  */
 final class Scene implements AutoCloseable {
     static final long WAIT_MS = 30_000;
 
-    /** One speaker and what the engine must report about it. */
+    // One speaker and what the engine must report about it.
     static final class Speaker {
         final String name;
         final int volume;
@@ -34,12 +33,11 @@ final class Scene implements AutoCloseable {
             this.role = role;
         }
 
-        /** Starts it as an emulator in this JVM on 127.0.0.last. */
+        // Starts it as an emulator in this JVM on 127.0.0.last.
         void start(int last) {
-            rx = NotifyProbe.rxStart("127.0.0." + last, name.getBytes(StandardCharsets.UTF_8), volume, 1);
+            rx = NotifyProbe.rxStart(last, name.getBytes(StandardCharsets.UTF_8), volume);
             Check.ok("receiver " + last + " started", rx != 0);
-            if (rx == 0) return;
-            String[] id = NotifyProbe.rxIdentity(rx);
+            String[] id = rx == 0 ? new String[3] : NotifyProbe.rxIdentity(rx);
             ip = id[0];
             mac = id[1];
             guid = id[2];
@@ -53,8 +51,8 @@ final class Scene implements AutoCloseable {
 
     final SonvaraNativeMgr m = new SonvaraNativeMgr();
     // Names outside ASCII, in every UTF-8 length.
-    final List<Speaker> speakers = List.of(
-            new Speaker("Wohnzimmer links", 3, SonvaraNativeMgr.CHANNEL_FRONT_LEFT),
+    final List<Speaker> speakers =
+        List.of(new Speaker("Wohnzimmer links", 3, SonvaraNativeMgr.CHANNEL_FRONT_LEFT),
             new Speaker("K\u00fcche \uD83C\uDFB5", 7, SonvaraNativeMgr.CHANNEL_FRONT_RIGHT),
             new Speaker("\u5BDD\u5BA4 \u00e9t\u00e9", 11, SonvaraNativeMgr.CHANNEL_WOOFER));
     final List<Process> processes = new ArrayList<>();
@@ -62,20 +60,20 @@ final class Scene implements AutoCloseable {
     final int group;
 
     Scene(EventLog log, boolean asProcesses) throws Exception {
+        String cmd = System.getenv("SONVARA_RECEIVER");
         for (int i = 0; i < speakers.size(); i++) {
             if (!asProcesses) {
                 speakers.get(i).start(2 + i);
                 continue;
             }
-            String cmd = System.getenv("SONVARA_RECEIVER");
-            Check.ok("SONVARA_RECEIVER names the receiver command", cmd != null);
             processes.add(new ProcessBuilder(cmd, "--address", "127.0.0." + (2 + i), "--quiet")
-                    .redirectOutput(ProcessBuilder.Redirect.DISCARD)
-                    .redirectError(ProcessBuilder.Redirect.DISCARD).start());
+                              .redirectOutput(ProcessBuilder.Redirect.DISCARD)
+                              .redirectError(ProcessBuilder.Redirect.DISCARD)
+                              .start());
         }
         m.setListener(log.listener());
-        Check.eq("initialize", 0, m.initialize("4f1c2a9e-scene"));
-        Check.eq("ConnectedWiFi", 0, m.ConnectedWiFi());
+        Check.eq("initialize, ConnectedWiFi", List.of(0, 0),
+            List.of(m.initialize("4f1c2a9e-scene"), m.ConnectedWiFi()));
         group = m.CreateGroup("Erdgeschoss");
         // A receiver process may still be starting: search until all answered.
         long end = System.currentTimeMillis() + WAIT_MS;
@@ -84,18 +82,19 @@ final class Scene implements AutoCloseable {
         } while (m.GetDeviceCount() < speakers.size() && System.currentTimeMillis() < end);
         for (int i = 0; i < m.GetDeviceCount(); i++) {
             int h = m.GetDeviceHandle(i);
-            Speaker s = speakerAt(m.GetDeviceIp(h));
-            Check.eq("AddDevice", 0, m.AddDevice(group, m.GetDeviceIp(h), m.GetDeviceMac(h), s.role, true));
+            String ip = m.GetDeviceIp(h);
+            Check.eq("AddDevice", 0,
+                m.AddDevice(group, ip, m.GetDeviceMac(h), speakerAt(ip).role, true));
         }
         Check.eq("group of three", 3, m.GetDeviceCountInGroup(group));
     }
 
-    /** The speaker on 127.0.0.2, .3 or .4. */
+    // The speaker on 127.0.0.2, .3 or .4.
     Speaker speakerAt(String ip) {
         return speakers.get(Integer.parseInt(ip.substring("127.0.0.".length())) - 2);
     }
 
-    /** Where the speaker at ip sits in the group; -1 if it is no member. */
+    // Where the speaker at ip sits in the group; -1 if it is no member.
     int slot(String ip) {
         for (int i = 0; i < m.GetDeviceCountInGroup(group); i++) {
             if (ip.equals(m.GetDeviceIpInGroup(group, i))) return i;
@@ -103,7 +102,7 @@ final class Scene implements AutoCloseable {
         return -1;
     }
 
-    /** A 16-bit stereo 44.1 kHz WAV file: a tone on the left, another on the right. */
+    // A 16-bit stereo 44.1 kHz WAV file: a tone on the left, another on the right.
     String wav(int seconds) throws IOException {
         int rate = 44100;
         int frames = rate * seconds;
@@ -116,11 +115,7 @@ final class Scene implements AutoCloseable {
             b.putShort((short) (8000 * Math.sin(2 * Math.PI * 440 * i / rate)));
             b.putShort((short) (8000 * Math.sin(2 * Math.PI * 660 * i / rate)));
         }
-        Path f = dir.resolve("tone_" + seconds + ".wav");
-        try (OutputStream out = Files.newOutputStream(f)) {
-            out.write(b.array());
-        }
-        return f.toString();
+        return Files.write(dir.resolve("tone_" + seconds + ".wav"), b.array()).toString();
     }
 
     int open(String file) {
@@ -132,5 +127,45 @@ final class Scene implements AutoCloseable {
         m.Finalize();
         for (Speaker s : speakers) s.stop();
         for (Process p : processes) p.destroyForcibly();
+    }
+
+    // A number from the environment, else the fallback.
+    static int env(String variable, int fallback) {
+        String v = System.getenv(variable);
+        return v == null ? fallback : Integer.parseInt(v);
+    }
+
+    // A started thread running body; an exception it throws is a failure.
+    static Thread start(String name, JvmTests.Group body) {
+        Thread t = new Thread(() -> {
+            try {
+                body.run();
+            } catch (Exception e) {
+                e.printStackTrace(System.out);
+                Check.eq(name + " ended by an exception", null, e);
+            }
+        }, name);
+        t.start();
+        return t;
+    }
+
+    // Waits for the threads to end while they make progress; when progress
+    // stays put for WAIT_MS, prints every Java thread's stack and ends the VM:
+    // the engine is stuck.
+    static void watch(String what, AtomicInteger progress, List<Thread> threads)
+        throws InterruptedException {
+        for (Thread t : threads) {
+            for (int seen = -1; t.isAlive() && seen != progress.get();) {
+                seen = progress.get();
+                t.join(WAIT_MS);
+            }
+            if (!t.isAlive()) continue;
+            System.out.println("FAIL " + what + ": no progress in " + WAIT_MS / 1000 + " s");
+            for (Map.Entry<Thread, StackTraceElement[]> e : Thread.getAllStackTraces().entrySet()) {
+                System.out.println(e.getKey().getName());
+                for (StackTraceElement s : e.getValue()) System.out.println("    at " + s);
+            }
+            Runtime.getRuntime().halt(1);
+        }
     }
 }
