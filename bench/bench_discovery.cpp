@@ -8,12 +8,19 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
 #include <vector>
 
-#include "../tests/support/dlna_peers.h"
 #include "AVRepDlna.h"
+#include "ReceiverEmulator.h"
+#include "RxSocket.h"
 
 namespace {
 
@@ -25,22 +32,59 @@ struct Result {
     int minFound = kGood;
 };
 
-bool run(bool bHostile, int waitMs, int runs, Result* r) {
-    DlnaPeers peers;
-    if (!peers.ok()) return false;
-    for (int i = 0; i < kGood; i++) {
-        std::string n = std::to_string(i);
-        if (!peers.Add(DlnaPeers::Ip(i), DlnaPeers::Answer("02:00:00:00:00:" + n, "guid-" + n,
-                                                           "Speaker " + n, i == 0 ? 0 : 1, 20))) {
-            return false;
+std::string address(int i) {
+    return "127.0.0." + std::to_string(2 + i);
+}
+
+// Hostile receivers: each sends 300 bytes of garbage to the answer port from
+// its own address, round after round, until told to stop.
+class Flooder {
+public:
+    explicit Flooder(int count) {
+        for (int i = 0; i < count; i++)
+            m_socks.push_back(rx_udp_bind(address(kGood + i).c_str(), 0));
+        for (int i = 0; i < 300; i++) m_junk += (char)(' ' + (i * 7) % 90);
+        if (count > 0) m_thread = std::thread([this] { _flood(); });
+    }
+    ~Flooder() {
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        for (int s : m_socks) close(s);
+    }
+    bool ok() const { return std::find(m_socks.begin(), m_socks.end(), -1) == m_socks.end(); }
+
+private:
+    void _flood() {
+        struct sockaddr_in to;
+        rx_sockaddr("127.0.0.1", AV_DLNA_ANSWER_PORT, &to);
+        while (!m_stop) {
+            for (int s : m_socks)
+                sendto(s, m_junk.data(), m_junk.size(), 0, (struct sockaddr*)&to, sizeof(to));
         }
     }
-    for (int i = 0; bHostile && i < kHostile; i++) {
-        if (!peers.AddFlooder(DlnaPeers::Ip(kGood + i))) return false;
+
+    std::vector<int> m_socks;
+    std::string m_junk;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+bool run(bool bHostile, int waitMs, int runs, Result* r) {
+    // The good receivers: the project's emulator, answering DEVICE requests
+    // only (no clock sync, nothing kept).
+    std::vector<std::unique_ptr<ReceiverEmulator>> good;
+    for (int i = 0; i < kGood; i++) {
+        ReceiverConfig cfg;
+        ReceiverConfigDefaults(&cfg, address(i).c_str());
+        cfg.timeSync = cfg.keepPcm = false;
+        cfg.master = i == 0 ? 0 : 1;
+        good.emplace_back(new ReceiverEmulator(cfg));
+        if (good.back()->Start() != 0) return false;
     }
     CAVRepDlna dlna;
     if (dlna.CAVRepDlnaInit("224.1.2.4:1234") != 0) return false;
-    peers.Start();
+    Flooder flood(bHostile ? kHostile : 0);
+    if (!flood.ok()) return false;
     for (int i = 0; i < runs; i++) {
         AV_DEVICE_INFO out;
         memset(&out, 0, sizeof(out));
@@ -50,7 +94,6 @@ bool run(bool bHostile, int waitMs, int runs, Result* r) {
         if (ret != 0) return false;
         r->minFound = std::min(r->minFound, (int)out.nAVDeviceCnt);
     }
-    peers.Stop();
     dlna.CAVRepDlnaClose();
     return true;
 }

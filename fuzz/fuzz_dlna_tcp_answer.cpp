@@ -15,12 +15,13 @@
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
+#include <vector>
 
 #include "AVRepDlna.h"
 #include "fuzz_support.h"
@@ -28,15 +29,6 @@
 namespace {
 
 const char kMyIp[] = "127.0.0.1";
-
-// Counted records are closed and never this phone's.
-void _check_list(const AV_DEVICE_SEARCH_INFO& list) {
-    fuzz_check_device_list(list, AV_MAX_DEVICE);
-    for (int i = 0; i < (unsigned char)list.nAVDeviceCnt; i++) {
-        const AV_DEVICE_DLNA& d = list.AVDeviceDlna[i];
-        fuzz_require(d.hTcpClientSock == 0 && strcmp(d.pReceiverIP, kMyIp) != 0);
-    }
-}
 
 int _lowest_free_fd() {
     const int fd = open("/dev/null", O_RDONLY);
@@ -62,29 +54,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     memset(&list, 0, sizeof(list));
     const int firstFree = _lowest_free_fd();
     std::map<int, int> peerOf;  // collector side -> receiver side
-    size_t pos = 0;
-    while (pos + 3 <= size) {
+    for (size_t pos = 0; pos + 3 <= size;) {
         const uint8_t op = data[pos];
-        size_t len = (size_t)data[pos + 1] | ((size_t)data[pos + 2] << 8);
+        const size_t len = std::min(
+            {(size_t)data[pos + 1] | ((size_t)data[pos + 2] << 8), (size_t)2048, size - pos - 3});
         pos += 3;
-        if (len > 2048) len = 2048;
-        if (len > size - pos) len = size - pos;
-
-        // The pending connections, in slot order.
-        int pending[AV_MAX_DEVICE];
-        int nPending = 0;
+        // The next piece of a pending connection (op picks which), or a new one.
+        std::vector<int> pending;
         for (int i = (unsigned char)list.nAVDeviceCnt; i < AV_MAX_DEVICE; i++)
-            if (list.AVDeviceDlna[i].hTcpClientSock > 0) pending[nPending++] = i;
-        int slot = nPending > 0 && !(op & 0x80) ? pending[op % nPending] : -1;
+            if (list.AVDeviceDlna[i].hTcpClientSock > 0) pending.push_back(i);
+        int slot = !pending.empty() && !(op & 0x80) ? pending[op % pending.size()] : -1;
         if (slot < 0) {
             int sp[2];
             if (socketpair(AF_UNIX, SOCK_STREAM, 0, sp) != 0) break;
             char ip[AV_IP_LEN];
-            const int src = op & 0x3f;
-            if (src == 0)
-                snprintf(ip, sizeof(ip), "%s", kMyIp);
-            else
-                snprintf(ip, sizeof(ip), "127.0.0.%d", 2 + (src - 1) % 40);
+            snprintf(ip, sizeof(ip), "127.0.0.%d", (op & 0x3f) ? 2 + ((op & 0x3f) - 1) % 40 : 1);
             slot = CAVRepDlnaProbe::Place(&list, sp[0], ip);
             if (slot < 0) {
                 close(sp[1]);  // the collector closed its side: every slot taken
@@ -101,13 +85,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         pos += len;
         CAVRepDlnaProbe::Read(dlna, &list, slot);
-        _check_list(list);
-
+        fuzz_check_device_list(list, AV_MAX_DEVICE);
+        for (int i = 0; i < (unsigned char)list.nAVDeviceCnt; i++) {
+            const AV_DEVICE_DLNA& d = list.AVDeviceDlna[i];
+            fuzz_require(d.hTcpClientSock == 0 && strcmp(d.pReceiverIP, kMyIp) != 0);
+        }
         // Forget the pairs whose collector side was closed.
         for (auto it = peerOf.begin(); it != peerOf.end();) {
             bool open = false;
-            for (int i = 0; i < AV_MAX_DEVICE; i++)
-                open = open || list.AVDeviceDlna[i].hTcpClientSock == it->first;
+            for (const AV_DEVICE_DLNA& d : list.AVDeviceDlna) open |= d.hTcpClientSock == it->first;
             if (open) {
                 ++it;
             } else {
@@ -117,9 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     // The end of the search: the collector closes what is still pending.
-    for (int i = 0; i < AV_MAX_DEVICE; i++) {
-        if (list.AVDeviceDlna[i].hTcpClientSock > 0) close(list.AVDeviceDlna[i].hTcpClientSock);
-    }
+    for (const AV_DEVICE_DLNA& d : list.AVDeviceDlna)
+        if (d.hTcpClientSock > 0) close(d.hTcpClientSock);
     for (auto& p : peerOf) close(p.second);
     fuzz_require(_lowest_free_fd() == firstFree);
     return 0;

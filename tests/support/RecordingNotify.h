@@ -1,8 +1,10 @@
 // RecordingNotify: an xPlurafonNotify for C++ callers and tests. Every event
-// becomes one line of text ("Join 0 127.0.0.2 aa:01 g-1 Kitchen"), kept in
-// arrival order; a test can wait for a line to appear.
+// becomes one line of text, its kind and then its arguments ("Join 0
+// 127.0.0.2 aa:01 g-1 Kitchen"), kept in arrival order; a test can wait for
+// a line to appear.
 //
-// Threads: events arrive on any thread. Locks: m_mutex guards m_lines.
+// Threads: events arrive on any thread. Locks: m_mutex guards m_lines and
+// m_onServiceStop.
 #ifndef RECORDINGNOTIFY_H
 #define RECORDINGNOTIFY_H
 
@@ -17,53 +19,39 @@
 
 class RecordingNotify : public xPlurafonNotify {
 public:
-    void NotifyDeviceInfo(char* strIP, char* strMac, int idx, int tot) override {
-        add("Device " + s(strIP) + " " + s(strMac) + " " + n(idx) + " " + n(tot));
+    void NotifyDeviceInfo(char* ip, char* mac, int idx, int tot) override {
+        add("Device", ip, mac, idx, tot);
     }
-    void NotifyJoinDeviceInfo(int groupId, char* strIP, char* strMac, char* strGuid,
-                              char* strDeviceName) override {
-        add("Join " + n(groupId) + " " + s(strIP) + " " + s(strMac) + " " + s(strGuid) + " " +
-            s(strDeviceName));
+    void NotifyJoinDeviceInfo(int g, char* ip, char* mac, char* guid, char* name) override {
+        add("Join", g, ip, mac, guid, name);
     }
-    void NotifyResetDeviceInfo(int groupId, char* strIP) override {
-        add("Reset " + n(groupId) + " " + s(strIP));
+    void NotifyResetDeviceInfo(int g, char* ip) override { add("Reset", g, ip); }
+    void NotifyDieDeviceInfo(char* ip) override { add("Die", ip); }
+    void NotifyLeaveDeviceInfo(int g, char* ip) override { add("Leave", g, ip); }
+    void NotifyContentsInfo(int channels, int rate) override { add("Contents", channels, rate); }
+    void NotifyDeviceInfoByGroupId(int g, char* ip, char* mac, int idx, int tot, int type,
+                                   int bIsService) override {
+        add("DeviceByGroup", g, ip, mac, idx, tot, type, bIsService);
     }
-    void NotifyDieDeviceInfo(char* strIP) override { add("Die " + s(strIP)); }
-    void NotifyLeaveDeviceInfo(int groupId, char* strIP) override {
-        add("Leave " + n(groupId) + " " + s(strIP));
-    }
-    void NotifyContentsInfo(int nNumChannel, int nSampleRate) override {
-        add("Contents " + n(nNumChannel) + " " + n(nSampleRate));
-    }
-    void NotifyDeviceInfoByGroupId(int groupId, char* strIP, char* strMac, int idx, int tot,
-                                   int type, int bIsService) override {
-        add("DeviceByGroup " + n(groupId) + " " + s(strIP) + " " + s(strMac) + " " + n(idx) + " " +
-            n(tot) + " " + n(type) + " " + n(bIsService));
-    }
-    void NotifyServiceStop(int groupId, int bNextPlay) override {
-        add("ServiceStop " + n(groupId) + " " + n(bNextPlay));
+    void NotifyServiceStop(int g, int bNextPlay) override {
+        add("ServiceStop", g, bNextPlay);
         std::function<void(int)> hook;
         {
             std::lock_guard<std::mutex> hold(m_mutex);
             hook = m_onServiceStop;
         }
-        if (hook) hook(groupId);  // on the event's own thread, as a listener works
+        if (hook) hook(g);  // on the event's own thread, as a listener works
     }
     // What the listener does after recording a ServiceStop (null: nothing).
     void OnServiceStop(std::function<void(int groupId)> hook) {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_onServiceStop = hook;
     }
-    void NoitfyDeviceSearchComplete(int bIsSuccess) override {
-        add("SearchComplete " + n(bIsSuccess));
-    }
-    void NoitfyPlayProgress(int groupId, int progress) override {
-        add("Progress " + n(groupId) + " " + n(progress));
-    }
-    void NoitfyReceiverVolumeChanged(int groupId, char* strIP, char* strMac, char* strGuid,
-                                     char* strDeviceName, int volume) override {
-        add("Volume " + n(groupId) + " " + s(strIP) + " " + s(strMac) + " " + s(strGuid) + " " +
-            s(strDeviceName) + " " + n(volume));
+    void NoitfyDeviceSearchComplete(int bIsSuccess) override { add("SearchComplete", bIsSuccess); }
+    void NoitfyPlayProgress(int g, int progress) override { add("Progress", g, progress); }
+    void NoitfyReceiverVolumeChanged(int g, char* ip, char* mac, char* guid, char* name,
+                                     int volume) override {
+        add("Volume", g, ip, mac, guid, name, volume);
     }
 
     std::vector<std::string> Lines() {
@@ -87,14 +75,17 @@ public:
     }
 
 private:
-    static std::string s(const char* text) { return text ? text : "(null)"; }
-    static std::string n(int v) { return std::to_string(v); }
+    static std::string text(const char* s) { return s ? s : "(null)"; }
+    static std::string text(int v) { return std::to_string(v); }
     int count_l(const std::string& prefix) {
         int c = 0;
         for (auto& l : m_lines) c += l.compare(0, prefix.size(), prefix) == 0;
         return c;
     }
-    void add(const std::string& line) {
+    template <class... Args>
+    void add(const char* kind, Args... args) {
+        std::string line = kind;
+        for (const std::string& a : {text(args)...}) line += " " + a;
         std::lock_guard<std::mutex> hold(m_mutex);
         m_lines.push_back(line);
         m_changed.notify_all();
