@@ -311,7 +311,7 @@ final class PlaybackTests {
             asList(new HashSet<>(asList(m.GetServiceDeviceList())),
                 m.GetServiceGroupIdOfReceiver(sc.speakers.get(0).ip)));
 
-        // Progress each second, from the engine's stream thread, detached
+        // Progress each second, from one of the engine's own threads, detached
         // once the event has returned.
         Check.ok("progress 2", log.await("PlayProgress|" + g + "|2", WAIT_MS));
         for (Thread t : log.threads("PlayProgress|")) {
