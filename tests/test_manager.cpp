@@ -324,6 +324,7 @@ TEST_F(Manager, ServiceRegistryKeepsOrderAndDuplicates) {
 }
 
 TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPassedOn) {
+    const intptr_t m = (intptr_t)mgr.get(), ip9 = (intptr_t) "127.0.0.9";
     std::string first = JoinText("aa:01", "g-1", "Kitchen", "VOL: 7\r\nREQ_TS: 1000\r\n");
     std::string noTs = JoinText("aa:02", "g-2", "Bath", "");
     // A multicast retry is dropped; a new stamp is acted on, and the old one
@@ -347,8 +348,7 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
                              "MAC: \r\nGUID: \r\nNAME: \r\n",
                              "MAC: m3\r\nGUID: g3\r\nNAME: \r\nVOL: x\r\nREQ_TS: y\r\n"})
         Join(*mgr, "127.0.0.4", text);
-    PlurafonMgr::sender_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_FOUND, 0, (intptr_t) "MAC: m", 0,
-                               0);
+    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_FOUND, 0, (intptr_t) "MAC: m", 0, 0);
     PlurafonMgr::sender_notify(0, AVMSG_RECEIVER_FOUND, (intptr_t) "1.2.3.4", (intptr_t) "x", 0, 0);
     EXPECT_EQ(2, mgr->GetDeviceCount());
     Join(*mgr, std::string(25, '1'),
@@ -368,10 +368,10 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.2", "aa:01", AV_CHANNEL_FRONT_LEFT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.9", "aa:02", AV_CHANNEL_FRONT_RIGHT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g2, "127.0.0.2", "aa:01", AV_CHANNEL_PARTY, 1));
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.2", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.99", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_MASTER_FOUND, (intptr_t) "127.0.0.9", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, 0, 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.2", 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.99", 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_MASTER_FOUND, ip9, 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, 0, 0);
     EXPECT_EQ(std::vector<std::string>(
                   {"(null) aa:01 g-1 Kitchen 1 1 off", "127.0.0.9 aa:02 g-2b Bath 2 2 1 standby"}),
               Members(*mgr, g1));
@@ -380,16 +380,16 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
 
     // The streamer's events, passed through; a volume change of an unknown
     // address, and a reset from a receiver in no playing group, tell nobody.
-    const intptr_t m = (intptr_t)mgr.get();
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_LEAVE, (intptr_t) "127.0.0.9", g1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_LEAVE, 0, g1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_PLAY_PROGRESS, g1, 42, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_SERVICE_STOP, g1, 1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_VOLUMECHANGED, 0x10005, (intptr_t) "127.0.0.9", 0,
-                               0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_VOLUMECHANGED, 3, (intptr_t) "127.0.0.77", 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_RESET, (intptr_t) "127.0.0.9", 0, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.9", 0, 0, 0);
+    const std::vector<std::vector<intptr_t>> streamer = {
+        {AVMSG_RECEIVER_LEAVE, ip9, g1},
+        {AVMSG_RECEIVER_LEAVE, 0, g1},
+        {AVMSG_PLAY_PROGRESS, g1, 42},
+        {AVMSG_SERVICE_STOP, g1, 1},
+        {AVMSG_RECEIVER_VOLUMECHANGED, 0x10005, ip9},
+        {AVMSG_RECEIVER_VOLUMECHANGED, 3, (intptr_t) "127.0.0.77"},
+        {AVMSG_RECEIVER_RESET, ip9, 0},
+        {AVMSG_RECEIVER_DIED, ip9, 0}};
+    for (const auto& e : streamer) PlurafonMgr::sender_notify(m, e[0], e[1], e[2], 0, 0);
     std::string s1 = std::to_string(g1);
     want.insert(want.end(), {"Die 127.0.0.2", "Die 127.0.0.99", "Leave " + s1 + " 127.0.0.9",
                              "Progress " + s1 + " 42", "ServiceStop " + s1 + " 1",
@@ -537,11 +537,7 @@ TEST_F(Manager, ContentQueriesAndTheirCache) {
     EXPECT_EQ(2, mgr->GetContentChannel(wav.c_str()));
     EXPECT_NE(0, mgr->IsContentValid(wav.c_str()));
     EXPECT_EQ(0, mgr->GetContentSampleRate(wav.c_str()));
-    ExpectCodes({{mgr->GetContentSampleRate(mp3.c_str()), 22050},
-                 {mgr->GetContentChannel(mp3.c_str()), 1},
-                 {mgr->IsContentValid("/tmp/a.ogg"), PLURAFON_ERR_CONTENTS},
-                 {mgr->IsContentValidFromMime(mp3.c_str(), "audio/ogg"), PLURAFON_ERR_CONTENTS},
-                 {mgr->IsContentValidFromMime(mp3.c_str(), "audio/mpeg"), 0}});
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValid("/tmp/a.ogg"));
     events.Clear();
     EXPECT_EQ(0, mgr->GetContentInfo(mp3.c_str()));
     EXPECT_NE(0, mgr->GetContentInfo("/nonexistent.mp3"));
