@@ -2,9 +2,9 @@
 // four time stamps of each taken from the input as a master or a network
 // could make them: anything at all.
 //
-// Input: records of 17 bytes: a mode byte, then t1 and a 64-bit word. Mode
-// bit 0 set: the word is raw and t2, t3, t4 follow from the next bytes
-// (hostile stamps); clear: small delays and an offset are taken from it
+// Input: records of 17 bytes: a mode byte, then two 64-bit words. Mode
+// bit 0 set: the words are t1 and t2 and 16 more bytes give t3 and t4
+// (hostile stamps); clear: small delays and an offset are taken from them
 // (plausible exchanges, so the estimate gets built and steered).
 // Checked: no crash or overflow; once acquired, and with no restart in
 // between, the clock handed out never runs backwards across an exchange
@@ -29,46 +29,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ClockEstimator e;
     long long local = 1000000, lastOut = 0;
     bool haveLast = false;
-    while (size >= 17) {
-        uint8_t mode = data[0];
-        long long a = _word(data + 1), w = _word(data + 9);
-        data += 17;
-        size -= 17;
-        long long t1, t2, t3, t4;
-        if (mode & 1) {
-            if (size < 24) break;
-            t1 = a;
-            t2 = w;
-            t3 = _word(data);
-            t4 = _word(data + 8);
-            data += 24;
-            size -= 24;
+    for (size_t len = 17; size >= 17; data += len, size -= len) {
+        len = 17;
+        const long long a = _word(data + 1);
+        const uint64_t u = (uint64_t)_word(data + 9);
+        long long t1 = a, t2 = (long long)u, t3, t4;
+        if (data[0] & 1) {
+            if (size < (len = 41)) break;
+            t3 = _word(data + 17);
+            t4 = _word(data + 25);
             // The local time the caller would be at is the newest t4.
             if (t4 > local && t4 < (1LL << 59)) local = t4;
         } else {
-            uint64_t u = (uint64_t)w;
             local += (long long)((uint64_t)a % 2000000);  // up to 2 s between exchanges
-            long long fwd = (long long)(u & 0xFFF), back = (long long)((u >> 12) & 0xFFF);
-            long long hold = (long long)((u >> 24) & 0xFF);
-            long long offset = (long long)((int32_t)(u >> 32)) * 16;
+            const long long fwd = (long long)(u & 0xFFF), bwd = (long long)((u >> 12) & 0xFFF);
             t1 = local;
-            t2 = local + fwd + offset;
-            t3 = t2 + hold;
-            t4 = local + fwd + hold + back;
-            local = t4;
+            t2 = local + fwd + (long long)((int32_t)(u >> 32)) * 16;  // the master's offset
+            t3 = t2 + (long long)((u >> 24) & 0xFF);                  // held by the master
+            t4 = local = t1 + fwd + (t3 - t2) + bwd;
         }
-        bool current = t4 == local;  // steered now, evaluated now
-        bool acquired = e.Status().acquired;
-        unsigned int restarts = e.Status().restarts;
+        const bool current = t4 == local;  // steered now, evaluated now
+        const ClockEstimatorStatus before = e.Status();
         e.AddExchange(t1, t2, t3, t4);
-        ClockEstimatorStatus st = e.Status();
-        long long out = 0;
+        const ClockEstimatorStatus st = e.Status();
+        long long out = 0, back = 0;
         if (!e.ToMaster(local, &out)) continue;
-        if (haveLast && current && acquired && st.acquired && st.restarts == restarts)
+        if (haveLast && current && before.acquired && st.acquired && st.restarts == before.restarts)
             fuzz_require(out >= lastOut - 1);
         lastOut = out;
         haveLast = true;
-        long long back = 0;
         fuzz_require(e.ToLocal(out, &back));
         fuzz_require(back - local <= 2 && local - back <= 2);
     }

@@ -41,21 +41,14 @@ inline void fuzz_check_device_list(const List& list, int max) {
 // Writes the input to this process's scratch file for `tag` (one per target,
 // reused for every input) and returns its path, or nullptr when the file
 // cannot be written. The file goes when the process exits normally.
-inline char* fuzz_scratch_path() {
-    static char path[96];
-    return path;
-}
-inline void fuzz_remove_scratch() {
-    if (fuzz_scratch_path()[0] != 0) remove(fuzz_scratch_path());
-}
 inline const char* fuzz_write_scratch(const char* tag, const uint8_t* data, size_t size) {
-    char* path = fuzz_scratch_path();
+    static char path[96];
     if (path[0] == 0) {
         // Memory-backed when the machine has it: a file system on disk makes
         // every write and rename of a target cost milliseconds.
         const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        snprintf(path, 96, "%s/%s_%d", dir, tag, (int)getpid());
-        atexit(fuzz_remove_scratch);
+        snprintf(path, sizeof(path), "%s/%s_%d", dir, tag, (int)getpid());
+        atexit([] { remove(path); });
     }
     FILE* f = fopen(path, "wb");
     if (f == nullptr) return nullptr;

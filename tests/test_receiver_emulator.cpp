@@ -11,24 +11,27 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "PAL_Clock.h"
+#include "PAL.h"
 #include "ReceiverEmulator.h"
 #include "RxSocket.h"
 #include "TimeSyncInitiator.h"
 
 namespace {
 
-// Reads from fd until the text holds `end` (or time runs out).
-std::string read_until(int fd, const char* end = "\r\n\r\n", int timeoutMs = 3000) {
+const char* kGroup = "224.1.2.4";
+const unsigned short kControlPort = 1554;
+
+// Reads from fd until the text holds `end` (or 3 s pass without a byte).
+std::string read_until(int fd, const char* end = "\r\n\r\n") {
     std::string got;
-    while (got.find(end) == std::string::npos && rx_wait_readable(fd, timeoutMs) == 1) {
-        char buf[4096];
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n <= 0) break;
-        got.append(buf, (size_t)n);
+    char buf[4096];
+    for (ssize_t n = 1; n > 0 && got.find(end) == std::string::npos;) {
+        n = rx_wait_readable(fd, 3000) == 1 ? recv(fd, buf, sizeof(buf), 0) : 0;
+        if (n > 0) got.append(buf, (size_t)n);
     }
     return got;
 }
@@ -37,219 +40,156 @@ void send_text(int fd, const std::string& text) {
     ASSERT_EQ((ssize_t)text.size(), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
 }
 
-// Plays the sender: a control server on 127.0.0.1 and the SEARCH datagram.
-class ScriptedSender {
-public:
+// Plays the sender: a control server on 127.0.0.1 and datagrams from there.
+struct ScriptedSender {
+    int listener = PAL_SockCreate(PAL_SOCK_TCP), udp = rx_udp_bind("127.0.0.1", 0), conn = -1;
+    unsigned int reqTs = 100;  // a new one for each SEARCH
     ScriptedSender() {
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in sa;
-        rx_sockaddr("127.0.0.1", 0, &sa);
-        bind(listener, (struct sockaddr*)&sa, sizeof(sa));
-        listen(listener, 8);
-        port = rx_local_port(listener);
-        udp = rx_udp_bind("127.0.0.1", 0);
+        EXPECT_EQ(0,
+                  PAL_SockServerOpen(listener, nullptr, kControlPort, PAL_SOCK_TCP, PAL_NET_UNI));
     }
     ~ScriptedSender() {
-        if (conn >= 0) close(conn);
-        close(listener);
-        close(udp);
+        for (int fd : {conn, listener, udp}) close(fd);
     }
-    std::string Search(const std::vector<const char*>& clients) {
-        char text[256];
-        snprintf(text, sizeof(text),
-                 "SEARCH\r\nGUID: sender-guid\r\nREQ_TS: %u\r\nServer: 127.0.0.1:%u\r\nClient: ",
-                 ++reqTs, port);
-        std::string msg = text;
+    void Send(const std::string& msg, const char* to, unsigned short port = 1234) {
+        struct sockaddr_in sa;
+        rx_sockaddr(to, port, &sa);
+        sendto(udp, msg.data(), msg.size(), 0, (struct sockaddr*)&sa, sizeof(sa));
+    }
+    // A SEARCH from this sender listing the given receivers.
+    void Search(const std::vector<const char*>& clients, const char* to) {
+        std::string msg = "SEARCH\r\nGUID: sender-guid\r\nREQ_TS: " + std::to_string(++reqTs) +
+                          "\r\nServer: 127.0.0.1:" + std::to_string(kControlPort) + "\r\nClient: ";
         for (const char* c : clients) {
             in_addr_t a = inet_addr(c);
             msg.append((const char*)&a, 4);
         }
-        return msg;
+        Send(msg, to);
     }
-    void SendTo(const std::string& msg, const char* addr, unsigned short toPort = 1234) {
-        struct sockaddr_in to;
-        rx_sockaddr(addr, toPort, &to);
-        sendto(udp, msg.data(), msg.size(), 0, (struct sockaddr*)&to, sizeof(to));
-    }
-    // Accepts one connection; its peer address text goes to *peer.
-    bool Accept(std::string* peer, int timeoutMs = 3000) {
-        if (rx_wait_readable(listener, timeoutMs) != 1) return false;
+    // Accepts one connection and gives its peer's address ("" when none comes).
+    std::string Accept(int timeoutMs = 3000) {
+        if (rx_wait_readable(listener, timeoutMs) != 1) return "";
+        if (conn >= 0) close(conn);
         struct sockaddr_in from;
         socklen_t len = sizeof(from);
         conn = accept(listener, (struct sockaddr*)&from, &len);
-        if (peer) *peer = inet_ntoa(from.sin_addr);
-        return conn >= 0;
+        return conn < 0 ? "" : inet_ntoa(from.sin_addr);
     }
-    int listener = -1, udp = -1, conn = -1;
-    unsigned short port = 0;
-    unsigned int reqTs = 100;
 };
 
-ReceiverConfig config(const char* addr) {
+ReceiverEmulator* start_receiver(const char* addr, bool timeSync = false, long long offsetUs = 0) {
     ReceiverConfig cfg;
     ReceiverConfigDefaults(&cfg, addr);
-    cfg.timeSync = false;
+    cfg.timeSync = timeSync;
+    cfg.clockOffsetUs = offsetUs;
     cfg.replyTimeoutMs = 1500;
-    return cfg;
+    ReceiverEmulator* rx = new ReceiverEmulator(cfg);
+    EXPECT_EQ(0, rx->Start());
+    return rx;
 }
 
-// Reads the next request, which must start with `method`, and answers it
-// with `reply`, its "%d" replaced by the request's sequence number.
-std::string reply_to(int fd, const char* method, std::string reply) {
-    std::string req = read_until(fd);
-    EXPECT_EQ(0u, req.find(method)) << req;
-    size_t p = req.find("CSeq: ");
-    reply.replace(reply.find("%d"), 2,
-                  p == std::string::npos ? "-1" : req.substr(p + 6, req.find('\r', p) - p - 6));
-    send_text(fd, reply);
-    return req;
+// An RTP packet: sequence number seq, time stamp ts (ms), payload byte i
+// fill + i (fill 0: a silent packet).
+std::string rtp_packet(unsigned int seq, unsigned char fill, unsigned int ts, size_t len = 1412,
+                       int pt = 96, unsigned char first = 0x80) {
+    std::string p = {(char)first, (char)(0x80 | pt), (char)(seq >> 8), (char)seq};
+    p.resize(len);
+    for (int i = 0; i < 4; i++) p[4 + i] = (char)(ts >> (24 - 8 * i));
+    for (size_t i = 12; i < len; i++) p[i] = (char)(fill ? fill + i : 0);
+    return p;
 }
 
-// RTP straight to an emulator's client port: payload byte i of packet seq is
-// fill + i (0 = a silent packet); ts follows the sequence at 44.1 kHz 16-bit
-// stereo from 5000 ms on, tsSkew ms off when given.
-void send_rtp(int sock, const struct sockaddr_in& to, unsigned int seq, unsigned char fill,
-              size_t len = 1412, int pt = 96, int tsSkew = 0, unsigned char first = 0x80) {
-    std::vector<unsigned char> p(len, fill);
-    p[0] = first;
-    p[1] = (unsigned char)(0x80 | pt);
-    p[2] = (unsigned char)(seq >> 8);
-    p[3] = (unsigned char)seq;
-    unsigned long long ext = seq < 1000 ? seq + 65536ULL : seq;  // the sender's count runs on
-    unsigned int ts = 5000 + tsSkew + (unsigned int)((ext - 1) * 1400 * 1000 / 176400);
-    for (int i = 0; i < 4; i++) p[4 + i] = (unsigned char)(ts >> (24 - 8 * i));
-    for (size_t i = 12; i < len; i++) p[i] = (unsigned char)(fill ? fill + i : 0);
-    sendto(sock, p.data(), p.size(), 0, (struct sockaddr*)&to, sizeof(to));
-    PAL_ThreadSleep(1);
+// Where a packet belongs on the sender's clock: 44.1 kHz 16-bit stereo from
+// 5000 ms on, the sender's count running on past the sequence's wrap.
+unsigned int ts_of(unsigned int seq) {
+    const unsigned long long ext = seq < 1000 ? seq + 65536ULL : seq;
+    return 5000 + (unsigned int)((ext - 1) * 1400 * 1000 / 176400);
 }
 
 }  // namespace
 
-TEST(ReceiverEmulator, DiscoveryAndEveryMisbehaviourItIsAskedFor) {
-    ReceiverEmulator rx2(config("127.0.0.2")), rx3(config("127.0.0.3"));
-    ASSERT_EQ(0, rx2.Start());
-    ASSERT_EQ(0, rx3.Start());
-    // One answer per receiver and DEVICE request; malformed ones are counted.
-    int answers = rx_udp_bind("127.0.0.1", 9090);
-    ASSERT_GE(answers, 0);
+// A receiver and a scripted sender: a stream with faults in it, each
+// misbehaviour switched on and off, then hostile bytes.
+TEST(ReceiverEmulator, StreamFaultsMisbehavioursAndHostileBytes) {
+    std::unique_ptr<ReceiverEmulator> rx(start_receiver("127.0.0.3"));
     ScriptedSender tx;
-    tx.SendTo("DEVICE 127.0.0.1:9090\r\nGUID: sender-guid\r\nREQ_TS: 42\r\n", "224.1.2.4");
-    int got = 0;
-    for (char b[1500]; rx_wait_readable(answers, got < 2 ? 3000 : 300) == 1; got++)
-        recv(answers, b, sizeof(b), 0);
-    EXPECT_EQ(2, got) << "one answer per receiver and request";
-    tx.SendTo("DEVICE no-port-here\r\n", "224.1.2.4");
-    tx.SendTo(std::string("SEARCH\r\nGUID: x\r\nClient: \x7f\x00", 22), "224.1.2.4");
-
-    // A SEARCH on the group listing only .3: only .3 connects.
-    tx.SendTo(tx.Search({"127.0.0.3"}), "224.1.2.4");
-    std::string peer;
-    ASSERT_TRUE(tx.Accept(&peer));
-    EXPECT_EQ("127.0.0.3", peer);
+    tx.Search({"127.0.0.9", "127.0.0.3"}, kGroup);
+    ASSERT_EQ("127.0.0.3", tx.Accept());
     EXPECT_EQ("CHANNEL\r\nSyncPort: 5000\r\n\r\n", read_until(tx.conn));
-    EXPECT_FALSE(tx.Accept(nullptr, 500)) << "an unlisted receiver connected";
+
+    // Every payload lands in memory, byte for byte, across the sequence's
+    // wrap; then every fault in the stream is counted.
+    for (unsigned int k = 0, seq = 65530; k < 10; k++, seq = (seq + 1) & 0xFFFF) {
+        tx.Send(rtp_packet(seq, (unsigned char)(k + 1), ts_of(seq)), "127.0.0.3", rx->RtpPort());
+        PAL_ThreadSleep(1);
+    }
+    ASSERT_TRUE(rx->WaitForPackets(10, 3000));
+    std::vector<unsigned char> pcm = rx->Pcm();
+    ASSERT_EQ(10u * 1400, pcm.size());
+    for (unsigned int k = 0; k < 10; k++) EXPECT_EQ((unsigned char)(k + 13), pcm[k * 1400]);
+    const struct {
+        unsigned int seq;
+        unsigned char fill;
+        size_t len;
+        int pt, tsSkew;
+        unsigned char first;
+    } faults[] = {
+        {7, 1, 1412, 96, 0, 0x80},   // 4, 5, 6 lost
+        {8, 0, 1412, 96, 0, 0x80},   // silent
+        {9, 1, 1000, 96, 0, 0x80},   // short
+        {10, 1, 1412, 97, 0, 0x80},  // wrong payload type
+        {11, 1, 1412, 96, 0, 0xA0},  // padding bit: not version-2-plain
+        {8, 1, 1412, 96, 0, 0x80},   // repeated
+        {12, 1, 1412, 96, 0, 0x80},  // a gap: 9-11 were unusable
+        {13, 1, 1412, 96, 5, 0x80},  // 5 ms off its place on the sender's clock
+    };
+    for (const auto& k : faults) {
+        tx.Send(rtp_packet(k.seq, k.fill, ts_of(k.seq) + k.tsSkew, k.len, k.pt, k.first),
+                "127.0.0.3", rx->RtpPort());
+        PAL_ThreadSleep(1);
+    }
+    ASSERT_TRUE(rx->WaitForPackets(14, 3000));
+    ReceiverReport r = rx->Report();
+    // packets, gaps, lost, short, payload type, version, repeated, silent,
+    // off the clock, the last sequence number
+    EXPECT_EQ((std::vector<unsigned int>{14, 2, 6, 1, 1, 1, 1, 1, 1, 13}),
+              (std::vector<unsigned int>{r.packets, r.seqGaps, r.lostPackets, r.badLength,
+                                         r.badPayloadType, r.badVersion, r.outOfOrder,
+                                         r.silentPackets, r.timestampErrors, r.lastSeq}));
+    // BYE is answered unless switched off.
+    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
+    EXPECT_NE(std::string::npos, read_until(tx.conn).find("BYE_ACK\r\n\r\n"));
+    rx->SetAnswerBye(false);
+    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
+    EXPECT_EQ(0, rx_wait_readable(tx.conn, 300)) << "BYE answered although switched off";
 
     // Stopped reading, commands wait in the socket until reading resumes; a
     // dropped connection reads as end of stream; refusing, a SEARCH listing
     // it brings no connection; not answering, a DEVICE request no answer.
-    rx3.SetStopReading(true);
+    rx->SetStopReading(true);
     PAL_ThreadSleep(100);
-    send_text(tx.conn, "VOLUME: 3\r\n\r\n");
-    EXPECT_FALSE(rx3.WaitForCommand("VOLUME", 300));
-    rx3.SetStopReading(false);
-    EXPECT_TRUE(rx3.WaitForCommand("VOLUME", 3000));
-    rx3.DropConnection();
+    send_text(tx.conn, "DEVICETYPE: 4\r\n\r\n");
+    EXPECT_FALSE(rx->WaitForCommand("DEVICETYPE", 300));
+    rx->SetStopReading(false);
+    EXPECT_TRUE(rx->WaitForCommand("DEVICETYPE", 3000));
+    rx->DropConnection();
     EXPECT_EQ("", read_until(tx.conn));
-    EXPECT_TRUE(rx3.WaitForDisconnect(3000));
-    rx3.SetRefuseConnect(true);
-    rx3.SetAnswerDiscovery(false);
-    tx.SendTo(tx.Search({"127.0.0.3"}), "127.0.0.3");  // unicast, to its own port
-    EXPECT_FALSE(tx.Accept(nullptr, 500));
-    tx.SendTo("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
-    EXPECT_EQ(0, rx_wait_readable(answers, 500));
+    EXPECT_TRUE(rx->WaitForDisconnect(3000));
+    rx->SetRefuseConnect(true);
+    tx.Search({"127.0.0.3"}, "127.0.0.3");  // unicast, to its own port
+    EXPECT_EQ("", tx.Accept(500));
+    rx->SetRefuseConnect(false);
+    tx.Search({"127.0.0.3"}, kGroup);
+    ASSERT_EQ("127.0.0.3", tx.Accept());
+    int answers = rx_udp_bind("127.0.0.1", 9090);
+    for (bool on : {true, false}) {
+        rx->SetAnswerDiscovery(on);
+        tx.Send("DEVICE 127.0.0.1:9090\r\nGUID: g\r\nREQ_TS: 1\r\n", "127.0.0.3");
+        char b[1500];
+        EXPECT_EQ(on, rx_wait_readable(answers, on ? 3000 : 500) == 1 &&
+                          recv(answers, b, sizeof(b), 0) > 0);
+    }
     close(answers);
-
-    ReceiverReport r2 = rx2.Report(), r3 = rx3.Report();
-    EXPECT_EQ(1u, r2.deviceRequests);
-    EXPECT_EQ(1u, r3.deviceRequests);
-    EXPECT_EQ(0u, r2.searchesForMe);
-    EXPECT_EQ(2u, r3.searchesForMe);
-    EXPECT_EQ(1u, r3.connects);
-    EXPECT_GE(r2.protocolErrors, 2u);  // the malformed DEVICE and SEARCH
-}
-
-TEST(ReceiverEmulator, StreamFaultsCountedPayloadsKeptAndHostileBytesSurvived) {
-    ReceiverEmulator rx(config("127.0.0.2"));
-    ASSERT_EQ(0, rx.Start());
-    ScriptedSender tx;
-    tx.SendTo(tx.Search({"127.0.0.9", "127.0.0.2"}), "224.1.2.4");
-    ASSERT_TRUE(tx.Accept(nullptr));
-    read_until(tx.conn);
-    // START and a setting command in one write: the receiver must split them.
-    send_text(tx.conn, "START\r\nRef: 127.0.0.2:5000\r\nRole: Woofer\r\n\r\nVOLUME: 11\r\n\r\n");
-    const std::string sdp = "v=0\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 L16/44100/2\r\n";
-    reply_to(tx.conn, "DESCRIBE ",
-             "RTSP/1.0 200 OK\r\nCseq: %d\r\nContent-Type: application/sdp\r\nContent-Length: " +
-                 std::to_string(sdp.size()) + "\r\n\r\n" + sdp + "DEVICETYPE: 4\r\n\r\n");
-    const std::string ports =
-        "client_port=" + std::to_string(rx.RtpPort()) + "-" + std::to_string(rx.RtpPort() + 1);
-    std::string setup = reply_to(tx.conn, "SETUP ",
-                                 "RTSP/1.0 200 OK\r\nCseq: %d\r\nTransport: RTP/AVP;unicast;" +
-                                     ports + ";server_port=15000-15001\r\n\r\n");
-    EXPECT_NE(std::string::npos, setup.find(ports)) << setup;
-    // The PLAY reply arrives together with the commands the sender sends next.
-    reply_to(tx.conn, "PLAY ",
-             "RTSP/1.0 200 OK\r\nCseq: %d\r\n\r\nVOLUME: 9\r\n\r\nUITYPE: 3\r\n\r\n");
-    ASSERT_TRUE(rx.WaitForHandshake(RX_HS_PLAYING, 3000));
-    ASSERT_TRUE(rx.WaitForCommand("UITYPE", 3000));
-    ReceiverReport r = rx.Report();
-    EXPECT_EQ(0u, r.handshakeErrors) << (r.nErrors ? r.errors[0] : "");
-    EXPECT_EQ(44100, r.sdpRate);
-    EXPECT_EQ(16, r.sdpBits);
-    std::vector<ReceiverCommand> cmds = rx.Commands();
-    const char* order[] = {"START", "VOLUME", "DEVICETYPE", "VOLUME", "UITYPE"};
-    ASSERT_EQ(5u, cmds.size());
-    for (int i = 0; i < 5; i++) EXPECT_STREQ(order[i], cmds[i].keyword);
-    EXPECT_EQ(11, cmds[1].value);
-
-    // Every payload lands in memory, byte for byte, across the sequence's wrap.
-    int sock = rx_udp_bind("127.0.0.1", 0);
-    struct sockaddr_in to;
-    rx_sockaddr("127.0.0.2", rx.RtpPort(), &to);
-    for (unsigned int k = 0; k < 10; k++)
-        send_rtp(sock, to, (65530 + k) & 0xFFFF, (unsigned char)(k + 1));
-    ASSERT_TRUE(rx.WaitForPackets(10, 3000));
-    std::vector<unsigned char> pcm = rx.Pcm();
-    ASSERT_EQ(10u * 1400, pcm.size());
-    for (unsigned int k = 0; k < 10; k++) EXPECT_EQ((unsigned char)(k + 13), pcm[k * 1400]);
-    // Every fault in the stream is counted.
-    send_rtp(sock, to, 7, 1);                      // 4, 5, 6 lost
-    send_rtp(sock, to, 8, 0);                      // silent
-    send_rtp(sock, to, 9, 1, 1000);                // short
-    send_rtp(sock, to, 10, 1, 1412, 97);           // wrong payload type
-    send_rtp(sock, to, 11, 1, 1412, 96, 0, 0xA0);  // padding bit: not version-2-plain
-    send_rtp(sock, to, 8, 1);                      // repeated
-    send_rtp(sock, to, 12, 1);
-    send_rtp(sock, to, 13, 1, 1412, 96, 5);  // 5 ms off its place on the sender's clock
-    close(sock);
-    ASSERT_TRUE(rx.WaitForPackets(14, 3000));
-    r = rx.Report();
-    EXPECT_EQ(14u, r.packets);
-    EXPECT_EQ(2u, r.seqGaps);  // 7 after 3, and 12 after 8 (9-11 were unusable)
-    EXPECT_EQ(6u, r.lostPackets);
-    EXPECT_EQ(1u, r.badLength);
-    EXPECT_EQ(1u, r.badPayloadType);
-    EXPECT_EQ(1u, r.badVersion);
-    EXPECT_EQ(1u, r.outOfOrder);
-    EXPECT_EQ(1u, r.silentPackets);
-    EXPECT_EQ(1u, r.timestampErrors);
-    EXPECT_EQ(13, r.lastSeq);
-    // BYE is answered unless switched off.
-    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
-    EXPECT_NE(std::string::npos, read_until(tx.conn).find("BYE_ACK\r\n\r\n"));
-    rx.SetAnswerBye(false);
-    send_text(tx.conn, "BYE RTSP/1.0\r\n\r\n");
-    EXPECT_EQ(0, rx_wait_readable(tx.conn, 300)) << "BYE answered although switched off";
 
     // Hostile bytes: text that starts like the real thing and goes wrong, on
     // every port and on the connection, then an endless message. The
@@ -264,64 +204,45 @@ TEST(ReceiverEmulator, StreamFaultsCountedPayloadsKeptAndHostileBytesSurvived) {
     };
     for (int i = 0; i < 300; i++) {
         std::string d = garbage(i, 1500);
-        tx.SendTo(d, i % 2 ? "224.1.2.4" : "127.0.0.2");
-        tx.SendTo(d, "127.0.0.2", rx.RtpPort());
+        tx.Send(d, i % 2 ? kGroup : "127.0.0.3");
+        tx.Send(d, "127.0.0.3", rx->RtpPort());
     }
-    std::string bad =
-        "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n"
-        "RTSP/1.0 200 OK\r\nContent-Length: 1000000\r\n\r\nshort";
+    std::string bad = "RTSP/1.0 200 OK\r\nCseq: 99999999999999999999\r\nContent-Length: -5\r\n\r\n";
     for (int i = 0; i < 200; i++) bad += garbage(i, 300) + "\r\n\r\n";
     bad += std::string(20000, 'A') + "\r\n\r\nALIVE\r\n\r\n";
     send(tx.conn, bad.data(), bad.size(), MSG_NOSIGNAL);
     EXPECT_NE(std::string::npos, read_until(tx.conn, "ALIVED\r\n\r\n").find("ALIVED\r\n\r\n"));
-    r = rx.Report();
+    r = rx->Report();
     EXPECT_GT(r.protocolErrors, 100u);
-    EXPECT_GT(r.handshakeErrors, 0u);
     EXPECT_EQ(ReceiverReport::kMaxErrors, r.nErrors);
     for (int i = 0; i < r.nErrors; i++) EXPECT_LT(strlen(r.errors[i]), sizeof(r.errors[i]));
-    std::string json = rx.ReportJson();
-    EXPECT_EQ('{', json.front());
-    EXPECT_EQ('}', json.back());
-
-    close(tx.conn);  // the sender closing the connection is seen
-    tx.conn = -1;
-    EXPECT_TRUE(rx.WaitForDisconnect(3000));
 }
 
+// The clock offset it finds, and packets stamped 400 ms ahead of the master
+// clock arriving ~400 ms early, the last one 30 ms behind its place in the
+// sequence's schedule.
 TEST(ReceiverEmulator, ClockOffsetAndPlayoutMarginOnTheMasterClock) {
-    ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr("224.1.2.4"), 1235, inet_addr("127.0.0.1"),
+    ASSERT_NE(0, TimeSyncInitiator_Create(inet_addr(kGroup), 1235, inet_addr("127.0.0.1"),
                                           PAL_GetBootTimeUsec));
     ASSERT_EQ(0, TimeSyncInitiator_Start());
     ASSERT_EQ(0, TimeSyncInitiator_SyncOnce(20000, 1000000));
-    ReceiverConfig cfg = config("127.0.0.2");
-    cfg.timeSync = true;
-    cfg.clockOffsetUs = -3217654321LL;
-    ReceiverEmulator rx(cfg);
-    ASSERT_EQ(0, rx.Start());
-    ASSERT_TRUE(rx.WaitForClockSync(3000));
+    std::unique_ptr<ReceiverEmulator> rx(start_receiver("127.0.0.2", true, -3217654321LL));
+    ASSERT_TRUE(rx->WaitForClockSync(3000));
     PAL_ThreadSleep(300);  // a few more exchanges
-    ReceiverReport r = rx.Report();
-    EXPECT_LT(llabs(r.clockOffsetUs - 3217654321LL), 1000) << r.clockOffsetUs;
+    EXPECT_LT(llabs(rx->Report().clockOffsetUs - 3217654321LL), 1000);
 
-    // Packets stamped 400 ms ahead of the master clock arrive ~400 ms early.
-    // The last one leaves 30 ms behind its place in the sequence's schedule.
-    int sock = rx_udp_bind("127.0.0.1", 0);
-    struct sockaddr_in to;
-    rx_sockaddr("127.0.0.2", rx.RtpPort(), &to);
+    ScriptedSender tx;
     for (unsigned int s = 1; s <= 10; s++) {
-        unsigned char p[1412] = {0x80, 0xE0, 0, (unsigned char)s};
-        unsigned int ts = TimeSyncInitiator_GetCurrentClock() + 400;
-        for (int i = 0; i < 4; i++) p[4 + i] = (unsigned char)(ts >> (24 - 8 * i));
-        sendto(sock, p, sizeof(p), 0, (struct sockaddr*)&to, sizeof(to));
+        tx.Send(rtp_packet(s, 0, TimeSyncInitiator_GetCurrentClock() + 400), "127.0.0.2",
+                rx->RtpPort());
         PAL_ThreadSleep(s == 9 ? 38 : 8);
     }
-    close(sock);
-    ASSERT_TRUE(rx.WaitForPackets(10, 3000));
-    r = rx.Report();
+    ASSERT_TRUE(rx->WaitForPackets(10, 3000));
+    ReceiverReport r = rx->Report();
     EXPECT_EQ(10u, r.marginCount);
     EXPECT_NEAR(400.0, r.marginMedianMs, 5.0);
     EXPECT_GT(r.marginMinMs, 350.0);
     EXPECT_GE(r.latenessMaxMs, 29.0);
-    rx.Stop();
+    rx->Stop();
     TimeSyncInitiator_Delete();
 }

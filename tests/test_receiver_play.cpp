@@ -6,18 +6,18 @@
 // the scheduler reports it inserted or dropped (and any jump it reports), and
 // the content must start on the shared clock, within 1 ms, in both.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
+
+#include <memory>
 
 #include "DemoCheck.h"
 #include "PAL_Clock.h"
 #include "ReceiverEmulator.h"
+#include "ReceiverProcess.h"
 #include "RecordingNotify.h"
 #include "RxWav.h"
 #include "SonvaraMgr.h"
 #include "TempDir.h"
-#include "tool_path.h"
 
 namespace {
 
@@ -37,15 +37,14 @@ struct Speaker {
     const char* role;
     AV_CHANNEL_TYPE type;
     std::string base;  // dir/<address>: .conf .wav (played) .net.wav (received) .starts .json
-    pid_t pid;
 };
 
 // A receiver process whose ALSA `default` is the file plugin over the
 // clock-paced speaker.
-pid_t start_speaker(Speaker* sp, const std::string& dir) {
+ReceiverProcess* start_speaker(Speaker* sp, const std::string& dir) {
     sp->base = dir + "/" + sp->address;
     FILE* conf = fopen((sp->base + ".conf").c_str(), "w");
-    if (!conf) return -1;
+    if (!conf) return nullptr;
     fprintf(conf,
             "pcm_type.sonvara_clock { lib \"%s\" }\n"
             "pcm.!default { type file file \"%s.wav\" format \"wav\"\n"
@@ -53,28 +52,10 @@ pid_t start_speaker(Speaker* sp, const std::string& dir) {
             tool_path("libasound_module_pcm_sonvara_clock.so").c_str(), sp->base.c_str(),
             sp->base.c_str());
     fclose(conf);
-    std::string cmd = tool_path("sonvara-receiver"), json = sp->base + ".json",
-                net = sp->base + ".net.wav", env = "ALSA_CONFIG_PATH=" + sp->base + ".conf";
-    pid_t pid = fork();
-    if (pid == 0) {
-        putenv(&env[0]);
-        execl(cmd.c_str(), cmd.c_str(), "--address", sp->address, "--name", sp->role, "--play",
-              "--json", json.c_str(), "--wav", net.c_str(), "--quiet", "--duration", "60",
-              (char*)nullptr);
-        _exit(127);
-    }
-    return pid;
-}
-
-void stop_speaker(pid_t pid) {
-    kill(pid, SIGTERM);
-    int status = 0;
-    for (int i = 0; i < 200; i++) {  // 10 s, then it is killed
-        if (waitpid(pid, &status, WNOHANG) == pid) return;
-        PAL_ThreadSleep(50);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
+    return new ReceiverProcess(sp->address,
+                               {"--name", sp->role, "--play", "--json", sp->base + ".json", "--wav",
+                                sp->base + ".net.wav"},
+                               "ALSA_CONFIG_PATH=" + sp->base + ".conf");
 }
 
 double json_number(const std::string& json, const char* key) {
@@ -92,11 +73,12 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
     TempDir dir("sonvara_play");
     const std::string content = dir.path + "/noise.wav";
     ASSERT_TRUE(write_noise_wav(content, 3));
-    Speaker sp[2] = {{"127.0.0.2", "Front_Left", AV_CHANNEL_FRONT_LEFT, "", -1},
-                     {"127.0.0.3", "Front_Right", AV_CHANNEL_FRONT_RIGHT, "", -1}};
-    for (Speaker& s : sp) {
-        s.pid = start_speaker(&s, dir.path);
-        ASSERT_GT(s.pid, 0);
+    Speaker sp[2] = {{"127.0.0.2", "Front_Left", AV_CHANNEL_FRONT_LEFT, ""},
+                     {"127.0.0.3", "Front_Right", AV_CHANNEL_FRONT_RIGHT, ""}};
+    std::unique_ptr<ReceiverProcess> proc[2];
+    for (int k = 0; k < 2; k++) {
+        proc[k].reset(start_speaker(&sp[k], dir.path));
+        ASSERT_TRUE(proc[k] && proc[k]->Started());
     }
     {
         PlurafonMgr mgr("sender-guid", nullptr);
@@ -119,7 +101,7 @@ TEST(ReceiverPlay, TwoSpeakersPlayTheirRolesOnTheSharedClock) {
         PAL_ThreadSleep(1500);  // the last packets are due a second after they were sent
         EXPECT_EQ(0, mgr.Stop(g, 0));
     }
-    for (Speaker& s : sp) stop_speaker(s.pid);
+    for (auto& p : proc) p->Stop();
 
     DemoPcm src;
     std::string err;

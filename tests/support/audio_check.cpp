@@ -7,6 +7,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
+
 #include "ContentProbe.h"
 
 std::string fixture_path(const char* name) {
@@ -14,33 +17,16 @@ std::string fixture_path(const char* name) {
 }
 
 std::vector<unsigned char> read_whole_file(const std::string& path) {
-    std::vector<unsigned char> out;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (f == nullptr) return out;
-    unsigned char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
-    fclose(f);
-    return out;
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
 }
 
 bool fixture_facts(const char* name, long* frames, int* rate, int* channels) {
-    FILE* f = fopen(fixture_path("fixtures.txt").c_str(), "r");
-    if (f == nullptr) return false;
-    char fname[128];
-    long n;
-    int r, c;
-    bool found = false;
-    while (!found && fscanf(f, "%127s %ld %d %d", fname, &n, &r, &c) == 4) {
-        if (strcmp(fname, name) == 0) {
-            *frames = n;
-            *rate = r;
-            *channels = c;
-            found = true;
-        }
+    std::ifstream in(fixture_path("fixtures.txt"));
+    for (std::string listed; in >> listed >> *frames >> *rate >> *channels;) {
+        if (listed == name) return true;
     }
-    fclose(f);
-    return found;
+    return false;
 }
 
 TempFile::TempFile(const char* name, const std::vector<unsigned char>& bytes)

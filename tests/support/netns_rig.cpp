@@ -9,7 +9,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
 #include <vector>
 
 namespace {
@@ -58,10 +57,6 @@ int sonvara_netns_isolate(int argc, char** argv) {
         }
         return 0;
     }
-    std::vector<std::string> args;
-    args.push_back("unshare");
-    args.push_back(geteuid() == 0 ? "-n" : "-rn");
-    args.push_back("--");
     char self[4096];
     ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (n <= 0) {
@@ -69,16 +64,16 @@ int sonvara_netns_isolate(int argc, char** argv) {
         return -1;
     }
     self[n] = 0;
-    if (sonvara_emulator()) args.push_back(sonvara_emulator());
+    std::vector<char*> args = {(char*)"unshare", (char*)(geteuid() == 0 ? "-n" : "-rn"),
+                               (char*)"--"};
+    if (sonvara_emulator()) args.push_back((char*)sonvara_emulator());
     args.push_back(self);
-    for (int i = 1; i < argc; i++) args.push_back(argv[i]);
-    std::vector<char*> cargv;
-    for (auto& a : args) cargv.push_back(const_cast<char*>(a.c_str()));
-    cargv.push_back(nullptr);
+    args.insert(args.end(), argv + 1, argv + argc);
+    args.push_back(nullptr);
     setenv(kMarker, "1", 1);
     fflush(stdout);
     fflush(stderr);
-    execvp("unshare", cargv.data());
+    execvp("unshare", args.data());
     fprintf(stderr,
             "netns rig: cannot isolate the network (unshare failed: %s); refusing to run "
             "tests that open sockets outside a private namespace\n",
