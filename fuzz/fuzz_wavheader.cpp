@@ -7,11 +7,7 @@
 #include "fuzz_support.h"
 #include "streamer_probe.h"
 
-namespace {
-
-void no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
-
-}  // namespace
+static void no_notify(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t) {}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* path = fuzz_write_scratch("fuzz_wavheader", data, size);
@@ -28,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         s->Wav_FileRead(fd, buf, sizeof buf);
         s->Wav_FileClose(fd);
     }
-    AV_CONTENT_INFO info = {0, 0};
+    AV_CONTENT_INFO info = {};
     s->GetWaveInfo(path, &info);
     return 0;
 }

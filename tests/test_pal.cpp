@@ -3,11 +3,10 @@
 // semaphores, the recursive mutex and threads in the engine's own pattern;
 // the ring buffer's whole-or-nothing transfers and the stamp / read-count
 // rules the play position is built on, then threads hammering it; the
-// phone's network identity inside the private namespace and the log line;
-// sockets on loopback: the multicast group, unicast datagrams with their
-// source, and a TCP control connection.
+// phone's network identity and the log line; sockets on loopback: the
+// multicast group, unicast datagrams with their source, and a TCP control
+// connection.
 #include <gtest/gtest.h>
-#include <ifaddrs.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -27,7 +26,6 @@
 #include "PAL.h"
 #include "PAL_Worker.h"
 #include "TempDir.h"
-#include "netns_rig.h"
 
 TEST(PalFile, ModesSeeksPositionedReadsGuidStoreAndBufferRange) {
     TempDir dir;
@@ -356,17 +354,10 @@ TEST(RingBuf, ThreadsKeepBlocksWholeAndInOrderThroughResets) {
     EXPECT_EQ(0ul, faults);
 }
 
-// Tests run isolated, with multicast routed on loopback; there the phone's
-// identity falls back to lo, as does naming it; a named interface that does
-// not exist is an error, not a guess.
-TEST(NetworkIdentity, LoopbackOnlyNamespaceOverrideAndFallback) {
-    ASSERT_TRUE(sonvara_netns_active());
-    struct ifaddrs* list = nullptr;
-    ASSERT_EQ(0, getifaddrs(&list));
-    for (struct ifaddrs* it = list; it; it = it->ifa_next) EXPECT_STREQ("lo", it->ifa_name);
-    freeifaddrs(list);
-    EXPECT_EQ(0, system("ip route show 224.0.0.0/4 | grep -q 'dev lo'"));
-
+// Inside the test namespace (only lo, which the rig itself makes sure of)
+// the phone's identity falls back to lo, as does naming it; a named
+// interface that does not exist is an error, not a guess.
+TEST(NetworkIdentity, LoopbackFallbackOverrideAndAMissingInterface) {
     char mac[20], ip[20];
     const char* ifaces[][2] = {{nullptr, "127.0.0.1"},
                                {"lo", "127.0.0.1"},

@@ -163,6 +163,9 @@ void CAVStreamer::AVStreamerSetDefault() {
     m_bTimeSyncOn = false;
     m_pendingProgress = 0;
     m_bProgressDue = false;
+    memset(m_progressQ, 0, sizeof(m_progressQ));
+    m_progressHead = 0;
+    m_progressTail = 0;
     m_rtpOutSock = -1;  // nothing to send
     memset(&m_rtpOutDest, 0, sizeof(m_rtpOutDest));
     _reset_stream();

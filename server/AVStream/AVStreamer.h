@@ -63,6 +63,12 @@ class MP3Parser;
 // so that one wake moves many chunks: about 1.4 wakes a second.
 #define AV_MUSIC_ROOM_BATCH 131072
 
+// Progress values the stream thread may hand the control server before it
+// raises them (one a second: eight seconds of a control server held up in
+// the application's callback). When it is full the newest value waits for
+// the next second's.
+#define AV_PROGRESS_QUEUE 8
+
 // Streamer state, gated by canAction().
 typedef enum _STATE {
     STREAM_STATE_IDLE = 0,
@@ -395,8 +401,17 @@ private:
 
     bool m_bTimeSyncOn;          // this streamer holds a TimeSyncInitiator_StartSync
     int m_wakeFd[2];             // pipe: other threads wake the control server with a byte
-    uint32_t m_pendingProgress;  // progress found by SendRTP, raised after the pass
+    uint32_t m_pendingProgress;  // progress found by SendRTP, handed over after the pass
     bool m_bProgressDue;
+    // Progress values on their way from the stream thread (the one writer,
+    // at m_progressTail) to the control server (the one reader, at
+    // m_progressHead), which raises them: the event goes up into the
+    // application, which may keep the thread that raises it waiting (a
+    // JVM attaching a thread waits out a safepoint), and the stream thread
+    // must send its next packet on time. Free-running counts.
+    uint32_t m_progressQ[AV_PROGRESS_QUEUE];
+    std::atomic<uint32_t> m_progressHead;
+    std::atomic<uint32_t> m_progressTail;
     // Held by the music source while it writes one chunk into the receivers'
     // buffers (one after the other, never waiting), and by the stream thread
     // while it compares two buffers' fill levels to line a receiver up:
@@ -443,6 +458,8 @@ private:
     bool _drained(long nReadSize, int* nCntReadEnd, unsigned int* unEndStartClk);
 
     void _notify(int code, intptr_t a, intptr_t b, intptr_t c, intptr_t d);
+    void _post_progress(uint32_t position);  // stream thread
+    void _raise_progress();                  // control server
 
     // Queues text on session index's control connection and wakes the
     // control server to send it. On success the session's ServerState

@@ -39,6 +39,7 @@ void CAVStreamer::_reset_stream() {
     commonSeqNum = 0;
     streamStartTime = 0;
     lastReportedProgress = 0;
+    m_progressHead = m_progressTail.load();  // a closed life's values are not raised
     nAVRcvReadyCnt = 0;
     m_AVRcvSessInfo.nAVRcvSessCnt = 0;
     m_send_file = 0;

@@ -8,8 +8,9 @@
 // Runs on: RtpStreamThread; the filters on the music source thread.
 // Locks: each session's `_lpmutex` while serving that session; never two.
 // Inside it, m_pFeedLock while lining a receiver up.
-// The packet is sent, and the progress event raised after the pass, with no
-// lock held.
+// The packet is sent with no lock held. The progress event is handed to the
+// control server after the pass (never raised here: the application may keep
+// the thread that raises an event waiting).
 #include <arpa/inet.h>
 #include <string.h>
 
@@ -105,9 +106,7 @@ int CAVStreamer::RtpStreamThread(void* streamer) {
                     lock.Unlock();
                     self->_send_ready_packet(i);
                 }
-                if (self->m_bProgressDue)
-                    self->_notify(AVMSG_PLAY_PROGRESS, self->m_groupId, self->m_pendingProgress, 0,
-                                  0);
+                if (self->m_bProgressDue) self->_post_progress(self->m_pendingProgress);
             }
             self->m_szSent += AV_STREAM_PACKET_SIZE;
             self->commonSeqNum++;
@@ -226,11 +225,35 @@ int CAVStreamer::SendRTP(int nRcv, unsigned char report) {
     uint32_t position = Pal_RingBufGetTimeStamp(rb) + seconds;
     if (position == lastReportedProgress) return 1;
     debug_UI("xxxseek send rtp  nRecv:%d notify+++ %u", nRcv, position);
-    // Raised by the stream thread once the pass is over and no lock is held.
+    // Handed to the control server once the pass is over and no lock is held.
     m_pendingProgress = position;
     m_bProgressDue = true;
     lastReportedProgress = position;
     return 1;
+}
+
+// Hands a progress value to the control server, which raises the event.
+// Never waits: a queue still full of values the control server has not
+// raised (its thread held up in the application for seconds) keeps those
+// and skips this one.
+void CAVStreamer::_post_progress(uint32_t position) {
+    uint32_t tail = m_progressTail.load(std::memory_order_relaxed);
+    if (tail - m_progressHead.load(std::memory_order_acquire) < AV_PROGRESS_QUEUE) {
+        m_progressQ[tail % AV_PROGRESS_QUEUE] = position;
+        m_progressTail.store(tail + 1, std::memory_order_release);
+    }
+    _wake_server();
+}
+
+// Raises the progress values handed over, oldest first, on the control
+// server's thread (no lock held).
+void CAVStreamer::_raise_progress() {
+    uint32_t head = m_progressHead.load(std::memory_order_relaxed);
+    while (head != m_progressTail.load(std::memory_order_acquire)) {
+        uint32_t position = m_progressQ[head % AV_PROGRESS_QUEUE];
+        m_progressHead.store(++head, std::memory_order_release);
+        _notify(AVMSG_PLAY_PROGRESS, m_groupId, position, 0, 0);
+    }
 }
 
 void CAVStreamer::_send_ready_packet(int index) {

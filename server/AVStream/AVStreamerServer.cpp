@@ -5,9 +5,9 @@
 // Allocates: the 1600-byte RTP send buffer, one RTP socket, one 409600-byte
 // ring buffer and one 64 KB outgoing queue per accepted session (kept for
 // reuse until ServerClose, the queue until the object goes).
-// Runs on: ServerListenThread (requests, accepts, time-outs, and every send
-// on a control connection: it is the one writer of each); the caller's
-// thread for init/open/close.
+// Runs on: ServerListenThread (requests, accepts, time-outs, every send on a
+// control connection: it is the one writer of each; and the progress events
+// the stream thread hands over); the caller's thread for init/open/close.
 // Locks: one session `_lpmutex` at a time, only to read or change the
 // session; never across poll(), a socket call or an event. Accepted
 // connections are non-blocking, so a receiver that stops reading holds up
@@ -410,6 +410,7 @@ int CAVStreamer::ServerListenThread(void* param) {
             while (read(self->m_wakeFd[0], drain, sizeof(drain)) > 0) {
             }
         }
+        self->_raise_progress();
         self->_close_stale_sockets();
         if (fds[LISTENER].revents & POLLIN) self->_accept_receiver(&rtpStarted);
         for (int k = FIRST_SESSION; k < n; k++) {

@@ -4,7 +4,7 @@
 // a line to appear.
 //
 // Threads: events arrive on any thread. Locks: m_mutex guards m_lines and
-// m_onServiceStop.
+// the hooks.
 #ifndef RECORDINGNOTIFY_H
 #define RECORDINGNOTIFY_H
 
@@ -35,20 +35,23 @@ public:
     }
     void NotifyServiceStop(int g, int bNextPlay) override {
         add("ServiceStop", g, bNextPlay);
-        std::function<void(int)> hook;
-        {
-            std::lock_guard<std::mutex> hold(m_mutex);
-            hook = m_onServiceStop;
-        }
-        if (hook) hook(g);  // on the event's own thread, as a listener works
+        call(m_onServiceStop, g);
     }
-    // What the listener does after recording a ServiceStop (null: nothing).
+    // What the listener does after recording a ServiceStop or a Progress
+    // (null: nothing).
     void OnServiceStop(std::function<void(int groupId)> hook) {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_onServiceStop = hook;
     }
+    void OnProgress(std::function<void(int groupId)> hook) {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_onProgress = hook;
+    }
     void NoitfyDeviceSearchComplete(int bIsSuccess) override { add("SearchComplete", bIsSuccess); }
-    void NoitfyPlayProgress(int g, int progress) override { add("Progress", g, progress); }
+    void NoitfyPlayProgress(int g, int progress) override {
+        add("Progress", g, progress);
+        call(m_onProgress, g);
+    }
     void NoitfyReceiverVolumeChanged(int g, char* ip, char* mac, char* guid, char* name,
                                      int volume) override {
         add("Volume", g, ip, mac, guid, name, volume);
@@ -82,6 +85,14 @@ private:
         for (auto& l : m_lines) c += l.compare(0, prefix.size(), prefix) == 0;
         return c;
     }
+    void call(const std::function<void(int)>& member, int g) {
+        std::function<void(int)> hook;
+        {
+            std::lock_guard<std::mutex> hold(m_mutex);
+            hook = member;
+        }
+        if (hook) hook(g);  // on the event's own thread, as a listener works
+    }
     template <class... Args>
     void add(const char* kind, Args... args) {
         std::string line = kind;
@@ -91,10 +102,11 @@ private:
         m_changed.notify_all();
     }
 
-    std::mutex m_mutex;  // guards m_lines and m_onServiceStop
+    std::mutex m_mutex;  // guards m_lines and the hooks
     std::condition_variable m_changed;
     std::vector<std::string> m_lines;
     std::function<void(int)> m_onServiceStop;
+    std::function<void(int)> m_onProgress;
 };
 
 #endif

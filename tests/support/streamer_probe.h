@@ -33,10 +33,8 @@ struct CAVStreamerProbe {
     }
     template <typename F>
     static auto Locked(CAVStreamer* s, int i, F f) {
-        PAL_MutexLock(Sess(s, i)._lpmutex, 1);
-        auto v = f();
-        PAL_MutexUnLock(Sess(s, i)._lpmutex);
-        return v;
+        PalLock hold(Sess(s, i)._lpmutex);
+        return f();
     }
 
     // What init leaves behind, without a content file or a music source:

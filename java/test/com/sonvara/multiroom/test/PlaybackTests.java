@@ -85,9 +85,7 @@ final class PlaybackTests {
     // Plays the scene's group again and again from a second thread, which
     // seeks, pauses, resumes and stops (or reports Wi-Fi lost) as soon as the
     // stream reports, while the listener calls in from inside every event and
-    // the callers hammer the table on groups of their own. Then, with the
-    // engine gone, the callers again while another thread takes it down and
-    // up.
+    // the callers hammer the table on groups of their own.
     static void rounds(Scene sc, Reentrant log) throws Exception {
         String file = sc.wav(30);
         log.group = sc.group;
@@ -130,13 +128,15 @@ final class PlaybackTests {
         log.clear();
     }
 
-    // The unlocked UpdateDeviceChannelType is left out: it may not race an
-    // engine's end.
+    // With the engine gone, the callers again (calls after its end answer
+    // cleanly) while another thread takes it down and up. The unlocked
+    // UpdateDeviceChannelType is left out: it may not race an engine's end.
     static void cycling(SonvaraNativeMgr m, String dir) throws Exception {
         Thread cycler = Scene.start("engine-cycler", () -> {
             for (int i = 0; i < 4; i++) {
                 m.Finalize();
                 m.initialize("guid-cycle-" + i);
+                m.AddMyDevice(m.CreateGroup("cycle")); // a new engine makes the phone's record
             }
         });
         hammer("engine cycling", hammerable("UpdateDeviceChannelType"), m, new int[] {1, 2}, dir);
@@ -311,7 +311,7 @@ final class PlaybackTests {
             asList(new HashSet<>(asList(m.GetServiceDeviceList())),
                 m.GetServiceGroupIdOfReceiver(sc.speakers.get(0).ip)));
 
-        // Progress each second, from the engine's stream thread, detached
+        // Progress each second, from one of the engine's own threads, detached
         // once the event has returned.
         Check.ok("progress 2", log.await("PlayProgress|" + g + "|2", WAIT_MS));
         for (Thread t : log.threads("PlayProgress|")) {
