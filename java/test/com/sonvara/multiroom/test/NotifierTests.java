@@ -59,7 +59,7 @@ final class NotifierTests {
             add("ContentsInfo", channels, rate);
             throw new IllegalStateException("thrown by the test");
         }
-        void NotifyPlayProgress(int g, int sec) { add("PlayProgress", g, sec); }
+        void NoitfyDeviceSearchComplete(int ok) { add("DeviceSearchComplete", ok); }
     }
 
     static void run() throws Exception {
@@ -94,7 +94,7 @@ final class NotifierTests {
         NotifyProbe.fire(noStop, NotifyProbe.NATIVE_THREAD, 1);
         Check.eq("missing methods: only the bound events",
             asList(events(true, "PlayProgress"),
-                repeat(2, events(true, "ContentsInfo", "PlayProgress"))),
+                repeat(2, events(true, "ContentsInfo", "DeviceSearchComplete"))),
             asList(noContents.texts(), noStop.texts()));
 
         // Before the library knows its VM, an event only writes its line.
