@@ -18,33 +18,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     GroupRW rw;
     int r = rw.LoadBuffer((const char*)data, (unsigned int)size);
     fuzz_require(r == GROUP_RW_OK || r == GROUP_RW_ERR_INVALID_DATA);
-    unsigned int count = rw.GetGroupCount();
-    LPGROUP_INFO groups = rw.GetGroupList();
-    LPDEVICE_INFO devices = rw.GetDeviceList();
-
+    const unsigned int count = rw.GetGroupCount();
     std::set<LPDEVICE_INFO> known;
-    for (LPDEVICE_INFO d = devices; d; d = d->_next) {
+    for (LPDEVICE_INFO d = rw.GetDeviceList(); d; d = d->_next) {
         fuzz_require(fuzz_terminated(d->_MacAddr, sizeof(d->_MacAddr)));
         known.insert(d);
     }
     unsigned int seen = 0;
-    while (groups) {
-        LPGROUP_INFO next = groups->_next;
-        fuzz_require(fuzz_terminated(groups->group_name, sizeof(groups->group_name)));
+    for (LPGROUP_INFO g = rw.GetGroupList(), next; g; g = next, seen++) {
+        next = g->_next;
+        fuzz_require(fuzz_terminated(g->group_name, sizeof(g->group_name)));
         int members = 0;
-        for (LPGITEM item = groups->_lpdevice_list; item; item = item->_next, members++) {
+        for (LPGITEM item = g->_lpdevice_list; item; item = item->_next, members++)
             fuzz_require(known.count(item->_lpdevice) == 1);
-        }
-        fuzz_require(members == groups->_gitem_cnt);
-        FreeGroupInfo(groups);
-        groups = next;
-        seen++;
+        fuzz_require(members == g->_gitem_cnt);
+        FreeGroupInfo(g);
     }
     fuzz_require(seen == count);
-    while (devices) {
-        LPDEVICE_INFO next = devices->_next;
-        delete devices;
-        devices = next;
-    }
+    for (LPDEVICE_INFO d : known) delete d;
     return 0;
 }

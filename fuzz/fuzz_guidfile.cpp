@@ -21,9 +21,8 @@ bool _modified_utf8(const unsigned char* s) {
         int more = *s < 0x80 ? 0 : (*s & 0xE0) == 0xC0 ? 1 : (*s & 0xF0) == 0xE0 ? 2 : -1;
         if (more < 0) return false;
         s++;
-        for (int i = 0; i < more; i++, s++) {
+        for (int i = 0; i < more; i++, s++)
             if ((*s & 0xC0) != 0x80) return false;
-        }
     }
     return true;
 }

@@ -43,6 +43,10 @@ const char* kGroupAddr = "224.1.2.4:1234";
 struct Owner {
     std::mutex lock;
     std::vector<std::string> events;
+    std::vector<std::string> Events() {
+        std::lock_guard<std::mutex> hold(lock);
+        return events;
+    }
 };
 
 void owner_notify(intptr_t parent, intptr_t msg, intptr_t p1, intptr_t p2) {
@@ -181,23 +185,16 @@ TEST(AVRepDlna, OneSearchAmongGoodAndHostileReceiversThenExitAnnouncements) {
     for (const std::string& m : {std::string("EXIT 127.0.0.5\r\nMAC: aa:bb:cc\r\nGUID: gx\r\n"),
                                  std::string("EXIT 127.0.0.6"), "EXIT " + big + " MAC: " + big})
         ASSERT_GT(sendto(tx, m.data(), m.size(), 0, (struct sockaddr*)&group, sizeof(group)), 0);
-    for (int i = 0; i < 500; i++) {
-        {
-            std::lock_guard<std::mutex> hold(owner.lock);
-            if (owner.events.size() >= 3) break;
-        }
-        PAL_ThreadSleep(10);
-    }
+    for (int i = 0; i < 500 && owner.Events().size() < 3; i++) PAL_ThreadSleep(10);
     t0 = PAL_GetClock();
     EXPECT_EQ(0, d.ReceiveMsgClose());
     EXPECT_LT(PAL_GetClock() - t0, 2500u);
     close(tx);
     EXPECT_EQ(0, d.CAVRepDlnaClose());
-    std::lock_guard<std::mutex> hold(owner.lock);
     EXPECT_EQ(
         std::vector<std::string>({"died 127.0.0.5 aa:bb:cc", "died 127.0.0.6 ",
                                   "died " + std::string(19, 'X') + " " + std::string(19, 'X')}),
-        owner.events);
+        owner.Events());
 }
 
 TEST(AVRepDlna, AnswerAndExitParsersSayWhatTheyGotAndCutEveryField) {

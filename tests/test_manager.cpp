@@ -86,32 +86,12 @@ std::string MakeWav(const std::string& dir, int seconds) {
     return path;
 }
 
-// The longest time, in ms, in which one of the receivers got no packet while
-// they are watched for ms. A late look by the watcher finds new packets and
-// counts no silence: only the receivers' own silence shows. Unloaded it is a
-// few packet times (8 ms each); the tests allow kMaxSilenceMs, far below the
-// seconds a receiver used to hold the stream up for, and far above what a
-// busy machine adds.
-const unsigned int kMaxSilenceMs = 1000;
-
-unsigned int LongestSilence(const std::vector<ReceiverEmulator*>& who, unsigned int ms) {
-    unsigned int start = PAL_GetClock(), longest = 0;
-    std::vector<unsigned int> count(who.size(), 0), since(who.size(), start);
-    while (PAL_GetClock() - start < ms) {
-        PAL_ThreadSleep(5);
-        unsigned int now = PAL_GetClock();
-        for (size_t k = 0; k < who.size(); k++) {
-            unsigned int c = who[k]->Report().packets;
-            if (c != count[k]) {
-                count[k] = c;
-                since[k] = now;
-            } else if (now - since[k] > longest) {
-                longest = now - since[k];
-            }
-        }
-    }
-    return longest;
-}
+// How late a packet may reach a receiver that nobody holds up, against its
+// time from its sequence number (the receiver's own lateness figure, from
+// its earliest packet). Unloaded it is a few packet times (8 ms each); the
+// tests allow kLateMs, far below the seconds a receiver used to hold the
+// stream up for, and far above what a busy machine adds.
+const double kLateMs = 1000;
 
 // What a receiver got is the start of the file's audio, byte for byte (the
 // tone has equal channels, so every role gets the file's own frames).
@@ -288,28 +268,28 @@ TEST_F(Manager, RecordsGroupsMembersAndTheCodesOfEveryOperationWithoutAStream) {
     });
     EXPECT_EQ(nullptr, mgr->GetGroupName(g1));
 
-    // The phone: LoadMyDevice appends itself each time it finds itself
-    // present; AddMyDevice makes it a party speaker in service, once, that
-    // cannot be taken out again.
-    EXPECT_EQ(0, mgr->LoadMyDevice());
-    EXPECT_EQ(0, mgr->LoadMyDevice());
-    ASSERT_EQ(5, mgr->GetDeviceCount());
+    // The phone: AddMyDevice makes it a party speaker in service, once, that
+    // cannot be taken out again; LoadMyDevice appends it each time it finds
+    // itself present, and AddMyDevice then reuses the record.
     char mac[AV_MAC_LEN] = {0}, ip[AV_IP_LEN] = {0};
     GetNICInfo(mac, ip);
     const std::string phone = std::string(ip) + " " + mac + " sender-guid ";
-    EXPECT_EQ(phone + " 0 0", Device(*mgr, mgr->GetDeviceHandle(3)));
-    EXPECT_EQ(phone + " 0 0", Device(*mgr, mgr->GetDeviceHandle(4)));
-    EXPECT_EQ(-1, mgr->AddMyDevice(0));
-    EXPECT_EQ(-1, mgr->AddMyDevice(g3 + 1000));
     ExpectCodes({
+        {mgr->AddMyDevice(0), -1},
+        {mgr->AddMyDevice(g3 + 1000), -1},
         {mgr->AddDevice(g3, "127.0.0.2", a, AV_CHANNEL_FRONT_LEFT, 1), 0},
         {mgr->AddMyDevice(g3), 0},
+        {mgr->GetDeviceCount(), 4},
+        {mgr->LoadMyDevice(), 0},
+        {mgr->LoadMyDevice(), 0},
+        {mgr->GetDeviceCount(), 6},
         {mgr->SetDeviceEnableInGroup(g3, ip, mac, 1), 0},
         {mgr->UpdateDeviceChannelType(g3, ip, mac, AV_CHANNEL_CENTER), 0},
         {mgr->AddMyDevice(g3), 0},
         {mgr->DeleteDevice(g3, ip, mac), 0},
-        {mgr->GetDeviceCount(), 5},  // the existing record was reused
+        {mgr->GetDeviceCount(), 6},
     });
+    EXPECT_EQ(phone + " 0 0", Device(*mgr, mgr->GetDeviceHandle(5)));
     EXPECT_EQ(std::vector<std::string>({phone + " 7 1 standby"}), Members(*mgr, g3, 1));
 }
 
@@ -328,20 +308,13 @@ TEST_F(Manager, ServiceRegistryKeepsOrderAndDuplicates) {
                   {"127.0.0.2", "127.0.0.3", "127.0.0.2", std::string(19, '9'), "127.0.0.4"}),
               list());
     EXPECT_EQ(6, mgr->ServiceDeviceGetGroupIdOfReceiver("127.0.0.3"));
-    EXPECT_EQ(0, mgr->ServiceDeviceGetGroupIdOfReceiver("127.0.0.7"));
-
     mgr->ServiceDeviceDeleteReceiver("127.0.0.2");  // the first of two
     EXPECT_EQ(5, mgr->ServiceDeviceGetGroupIdOfReceiver("127.0.0.2"));
-    EXPECT_EQ(4, mgr->ServiceDeviceGetCntList());
     mgr->ServiceDeviceDeleteGroup(5);
     EXPECT_EQ(std::vector<std::string>({"127.0.0.3", "127.0.0.4"}), list());
-    for (const char* ip : {"127.0.0.4", "127.0.0.3", "127.0.0.3"})
-        mgr->ServiceDeviceDeleteReceiver(ip);
-    EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-    mgr->ServiceDeviceAdd(1, "127.0.0.5");
+    mgr->ServiceDeviceDeleteReceiver("127.0.0.7");  // unknown: nothing
     mgr->ServiceDeviceDeleteAll();
     EXPECT_EQ(0, mgr->ServiceDeviceGetCntList());
-
     // The service group registry is never created: its calls do nothing.
     mgr->ServiceGroupAdd(1);
     mgr->SetServiceGroup(1, 1);
@@ -351,6 +324,7 @@ TEST_F(Manager, ServiceRegistryKeepsOrderAndDuplicates) {
 }
 
 TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPassedOn) {
+    const intptr_t m = (intptr_t)mgr.get(), ip9 = (intptr_t) "127.0.0.9";
     std::string first = JoinText("aa:01", "g-1", "Kitchen", "VOL: 7\r\nREQ_TS: 1000\r\n");
     std::string noTs = JoinText("aa:02", "g-2", "Bath", "");
     // A multicast retry is dropped; a new stamp is acted on, and the old one
@@ -374,8 +348,7 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
                              "MAC: \r\nGUID: \r\nNAME: \r\n",
                              "MAC: m3\r\nGUID: g3\r\nNAME: \r\nVOL: x\r\nREQ_TS: y\r\n"})
         Join(*mgr, "127.0.0.4", text);
-    PlurafonMgr::sender_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_FOUND, 0, (intptr_t) "MAC: m", 0,
-                               0);
+    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_FOUND, 0, (intptr_t) "MAC: m", 0, 0);
     PlurafonMgr::sender_notify(0, AVMSG_RECEIVER_FOUND, (intptr_t) "1.2.3.4", (intptr_t) "x", 0, 0);
     EXPECT_EQ(2, mgr->GetDeviceCount());
     Join(*mgr, std::string(25, '1'),
@@ -395,10 +368,10 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.2", "aa:01", AV_CHANNEL_FRONT_LEFT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g1, "127.0.0.9", "aa:02", AV_CHANNEL_FRONT_RIGHT, 1));
     ASSERT_EQ(0, mgr->AddDevice(g2, "127.0.0.2", "aa:01", AV_CHANNEL_PARTY, 1));
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.2", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.99", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_MASTER_FOUND, (intptr_t) "127.0.0.9", 0);
-    PlurafonMgr::dlna_notify((intptr_t)mgr.get(), AVMSG_RECEIVER_DIED, 0, 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.2", 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.99", 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_MASTER_FOUND, ip9, 0);
+    PlurafonMgr::dlna_notify(m, AVMSG_RECEIVER_DIED, 0, 0);
     EXPECT_EQ(std::vector<std::string>(
                   {"(null) aa:01 g-1 Kitchen 1 1 off", "127.0.0.9 aa:02 g-2b Bath 2 2 1 standby"}),
               Members(*mgr, g1));
@@ -407,16 +380,16 @@ TEST_F(Manager, JoinRequestsOncePerTimeStampHostileOnesCutAndStreamerEventsPasse
 
     // The streamer's events, passed through; a volume change of an unknown
     // address, and a reset from a receiver in no playing group, tell nobody.
-    const intptr_t m = (intptr_t)mgr.get();
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_LEAVE, (intptr_t) "127.0.0.9", g1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_LEAVE, 0, g1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_PLAY_PROGRESS, g1, 42, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_SERVICE_STOP, g1, 1, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_VOLUMECHANGED, 0x10005, (intptr_t) "127.0.0.9", 0,
-                               0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_VOLUMECHANGED, 3, (intptr_t) "127.0.0.77", 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_RESET, (intptr_t) "127.0.0.9", 0, 0, 0);
-    PlurafonMgr::sender_notify(m, AVMSG_RECEIVER_DIED, (intptr_t) "127.0.0.9", 0, 0, 0);
+    const std::vector<std::vector<intptr_t>> streamer = {
+        {AVMSG_RECEIVER_LEAVE, ip9, g1},
+        {AVMSG_RECEIVER_LEAVE, 0, g1},
+        {AVMSG_PLAY_PROGRESS, g1, 42},
+        {AVMSG_SERVICE_STOP, g1, 1},
+        {AVMSG_RECEIVER_VOLUMECHANGED, 0x10005, ip9},
+        {AVMSG_RECEIVER_VOLUMECHANGED, 3, (intptr_t) "127.0.0.77"},
+        {AVMSG_RECEIVER_RESET, ip9, 0},
+        {AVMSG_RECEIVER_DIED, ip9, 0}};
+    for (const auto& e : streamer) PlurafonMgr::sender_notify(m, e[0], e[1], e[2], 0, 0);
     std::string s1 = std::to_string(g1);
     want.insert(want.end(), {"Die 127.0.0.2", "Die 127.0.0.99", "Leave " + s1 + " 127.0.0.9",
                              "Progress " + s1 + " 42", "ServiceStop " + s1 + " 1",
@@ -518,6 +491,10 @@ TEST_F(Manager, GroupFileWrittenReadBackAndDamagedFilesLoadWhatPrecedesTheDamage
     }
     EXPECT_EQ(0, empty.LoadGroup(std::string(2000, 'd').c_str()));  // a path too long to form
     EXPECT_EQ(0, empty.LoadGroup(nullptr));
+    // The group store's buffer entry (the fuzz target's): empty, or no buffer.
+    GroupRW rw;
+    EXPECT_EQ(GROUP_RW_OK, rw.LoadBuffer("", 0));
+    EXPECT_EQ(GROUP_RW_ERR_INVALID_DATA, rw.LoadBuffer(nullptr, 1));
 }
 
 TEST_F(Manager, OpenChecksTheGroupBeforeAnyStreamer) {
@@ -560,11 +537,7 @@ TEST_F(Manager, ContentQueriesAndTheirCache) {
     EXPECT_EQ(2, mgr->GetContentChannel(wav.c_str()));
     EXPECT_NE(0, mgr->IsContentValid(wav.c_str()));
     EXPECT_EQ(0, mgr->GetContentSampleRate(wav.c_str()));
-    ExpectCodes({{mgr->GetContentSampleRate(mp3.c_str()), 22050},
-                 {mgr->GetContentChannel(mp3.c_str()), 1},
-                 {mgr->IsContentValid("/tmp/a.ogg"), PLURAFON_ERR_CONTENTS},
-                 {mgr->IsContentValidFromMime(mp3.c_str(), "audio/ogg"), PLURAFON_ERR_CONTENTS},
-                 {mgr->IsContentValidFromMime(mp3.c_str(), "audio/mpeg"), 0}});
+    EXPECT_EQ(PLURAFON_ERR_CONTENTS, mgr->IsContentValid("/tmp/a.ogg"));
     events.Clear();
     EXPECT_EQ(0, mgr->GetContentInfo(mp3.c_str()));
     EXPECT_NE(0, mgr->GetContentInfo("/nonexistent.mp3"));
@@ -755,7 +728,9 @@ TEST_F(Manager, FloodingVanishedAndStuckReceiversHoldUpNobody) {
 
     ASSERT_EQ(0, gone.Signal(SIGSTOP));
     rx[2]->SetFloodDescribe(true);
-    EXPECT_LT(LongestSilence({rx[0].get(), rx[1].get()}, 10000), kMaxSilenceMs);
+    // Ten seconds of stream under the flood: no packet to the others late.
+    ASSERT_TRUE(rx[0]->WaitForPackets(rx[0]->Report().packets + 1250, 30000));
+    for (int i : {0, 1}) EXPECT_LT(rx[i]->Report().latenessMaxMs, kLateMs) << Ip(i);
     EXPECT_TRUE(events.WaitFor("Reset " + gs + " " + Ip(2), 1, 5000));
     EXPECT_EQ(0, events.Count("Reset " + gs + " " + Ip(0)));
     for (int i : {0, 1}) ExpectFilePrefix(rx[i].get(), wav);
